@@ -1,0 +1,13 @@
+# What every target of this tree is compiled with. Warnings stay private to our own targets; the presets
+# turn them into errors (CMAKE_COMPILE_WARNING_AS_ERROR), a packager's build does not.
+function(runeflow_target target)
+  target_compile_features(${target} PUBLIC cxx_std_23)
+  set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
+                                           -Wnon-virtual-dtor -Wimplicit-fallthrough -Wundef)
+  if(RUNEFLOW_SANITIZE)
+    target_compile_options(${target} PRIVATE -fsanitize=${RUNEFLOW_SANITIZE} -fno-omit-frame-pointer
+                                             -fno-sanitize-recover=all)
+    target_link_options(${target} PRIVATE -fsanitize=${RUNEFLOW_SANITIZE})
+  endif()
+endfunction()

@@ -1,0 +1,123 @@
+#include "runeflow/capture/app_log.h"
+
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/base_sink.h>
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/spdlog.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "runeflow/capture/app_log_p.h"
+
+namespace runeflow::AppLog {
+namespace {
+
+constexpr std::string_view kSubsystem = "org.runeflow.RuneflowCore";
+
+spdlog::level::level_enum spdlogLevel(Level level) {
+  switch (level) {
+    case Level::debug:
+      return spdlog::level::debug;
+    case Level::info:
+      return spdlog::level::info;
+    case Level::error:
+      return spdlog::level::err;
+    case Level::off:
+      return spdlog::level::off;
+  }
+  return spdlog::level::off;
+}
+
+Level levelOf(spdlog::level::level_enum level) {
+  if (level >= spdlog::level::err) return Level::error;
+  return level >= spdlog::level::info ? Level::info : Level::debug;
+}
+
+// Hands lines to the host's sink, or to standard error while there is none.
+class SwitchingSink final : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  SwitchingSink() {
+    stderr_.set_pattern("%Y-%m-%d %H:%M:%S.%e [" + std::string(kSubsystem) + ":%n] %l: %v");
+  }
+
+  void attach(Sink newSink) {
+    const std::lock_guard lock(mutex_);
+    sink_ = std::move(newSink);
+  }
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& message) override {
+    if (!sink_) {
+      stderr_.log(message);
+      return;
+    }
+    sink_({kSubsystem,
+           {message.logger_name.data(), message.logger_name.size()},
+           levelOf(message.level),
+           {message.payload.data(), message.payload.size()}});
+  }
+  void flush_() override { stderr_.flush(); }
+
+ private:
+  Sink sink_;  // guarded by the base class's mutex_
+  spdlog::sinks::stderr_sink_mt stderr_;
+};
+
+struct Loggers {
+  std::shared_ptr<SwitchingSink> sink = std::make_shared<SwitchingSink>();
+  spdlog::logger store{"store", sink};
+  spdlog::logger lifecycle{"lifecycle", sink};
+  spdlog::logger ui{"ui", sink};
+
+  Loggers() { setLevel(Level::error); }
+
+  void setLevel(Level level) {
+    for (auto* logger : {&store, &lifecycle, &ui}) logger->set_level(spdlogLevel(level));
+  }
+
+  spdlog::logger& named(std::string_view category) {
+    if (category == "store") return store;
+    return category == "lifecycle" ? lifecycle : ui;
+  }
+};
+
+Loggers& loggers() {
+  // Never destroyed: a reader thread may log while the process ends.
+  static auto* const all = new Loggers;
+  return *all;
+}
+
+}  // namespace
+
+void attachSink(Sink sink, Level minimumLevel) {
+  loggers().setLevel(minimumLevel);
+  loggers().sink->attach(std::move(sink));
+}
+
+bool Logger::isEnabled(Level level) const {
+  return loggers().named(category_).should_log(spdlogLevel(level));
+}
+
+void Logger::write(Level level, std::string_view message) const {
+  loggers().named(category_).log(spdlogLevel(level),
+                                 spdlog::string_view_t(message.data(), message.size()));
+}
+
+const Logger& store() {
+  static const Logger logger("store");
+  return logger;
+}
+
+const Logger& lifecycle() {
+  static const Logger logger("lifecycle");
+  return logger;
+}
+
+const Logger& ui() {
+  static const Logger logger("ui");
+  return logger;
+}
+
+}  // namespace runeflow::AppLog

@@ -1,0 +1,23 @@
+// The loggers that only the library itself writes to.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <utility>
+
+#include "runeflow/capture/app_log.h"
+
+namespace runeflow::AppLog {
+
+const Logger& store();
+const Logger& lifecycle();
+
+// Builds the message only when somebody will read it.
+template <class... Args>
+void logError(const Logger& logger, fmt::format_string<Args...> format, Args&&... args) {
+  if (logger.isEnabled(Level::error)) {
+    logger.error(fmt::format(format, std::forward<Args>(args)...));
+  }
+}
+
+}  // namespace runeflow::AppLog

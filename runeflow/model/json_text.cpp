@@ -1,0 +1,70 @@
+#include "runeflow/model/json_text.h"
+
+#include <fmt/format.h>
+
+#include <iterator>
+
+#include "runeflow/platform/unicode.h"
+
+namespace runeflow {
+namespace {
+
+void appendEscaped(std::string& out, std::string_view text) {
+  for (const char c : text) {
+    switch (c) {
+      case '"':
+      case '\\':
+      case '/':
+        out += '\\';
+        out += c;
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      default:
+        if (static_cast<unsigned char>(c) < 0x20) {
+          fmt::format_to(std::back_inserter(out), "\\u{:04x}", static_cast<unsigned>(c));
+        } else {
+          out += c;
+        }
+    }
+  }
+}
+
+}  // namespace
+
+std::string escapeJson(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  appendEscaped(out, text);
+  return out;
+}
+
+std::string jsonMember(std::string_view key, std::string_view value) {
+  return '"' + escapeJson(key) + "\":\"" + escapeJson(value) + '"';
+}
+
+std::optional<std::string> jsonObject(const std::map<std::string, std::string>& map) {
+  std::string out = "{";
+  for (const auto& [key, value] : map) {
+    if (!unicode::isValidUtf8(key) || !unicode::isValidUtf8(value)) return std::nullopt;
+    if (out.size() > 1) out += ',';
+    out += jsonMember(key, value);
+  }
+  out += '}';
+  return out;
+}
+
+}  // namespace runeflow

@@ -1,0 +1,122 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "runeflow/model/log_row.h"
+#include "runeflow/model/source_descriptor.h"
+
+namespace runeflow {
+namespace {
+
+using testing::ElementsAre;
+using testing::Eq;
+using testing::Optional;
+
+Timestamp at(double seconds) {
+  return Timestamp(std::chrono::duration<double>(seconds));
+}
+
+FieldDescriptor fieldOn(StoreColumn column, std::string name) {
+  return {std::move(name), "", column, true, true, true, ""};
+}
+
+SourceDescriptor sourceWith(std::vector<FieldDescriptor> fields,
+                            std::optional<std::string> app = std::nullopt) {
+  return {"test", "Test", std::move(fields), DisplayHints{}, std::move(app)};
+}
+
+TEST(LogRow, microsecondsRoundHalvesAwayFromZero) {
+  constexpr double kInfinity = std::numeric_limits<double>::infinity();
+  const struct {
+    double seconds;
+    std::optional<std::int64_t> microseconds;
+  } rows[] = {
+      {0.0000025, 3},
+      {-0.0000025, -3},
+      {0.0000024, 2},
+      {-0.0000024, -2},
+      {1'700'000'000.5, 1'700'000'000'500'000},
+      {9.2e12, 9'200'000'000'000'000'000},
+      {9'223'372'036'854.775807, std::nullopt},
+      {-9'223'372'036'854.775807, std::nullopt},
+      {kInfinity, std::nullopt},
+      {-kInfinity, std::nullopt},
+      {std::nan(""), std::nullopt},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(microsecondsSinceEpoch(at(row.seconds)), row.microseconds) << row.seconds;
+  }
+}
+
+TEST(LogRow, microsecondsSurviveTheRoundTrip) {
+  for (const std::int64_t us : {0L, 1L, -1L, 1'323'232'323'999'999L, 4'102'444'800'000'001L}) {
+    EXPECT_THAT(microsecondsSinceEpoch(timestampFromMicroseconds(us)), Optional(us));
+  }
+}
+
+TEST(LogRow, equalRowsHashAlikeHoweverTheirContextWasFilled) {
+  const auto rowWith = [](std::optional<LogRow::Context> ctx) {
+    return LogRow(at(1), RuneflowLogLevel::Info, "m", std::move(ctx), "a", {}, {}, "d", {}, {}, {},
+                  {});
+  };
+  LogRow::Context forwards;
+  forwards["a"] = "1";
+  forwards["b"] = "2";
+  LogRow::Context backwards;
+  backwards["b"] = "2";
+  backwards["a"] = "1";
+  const std::hash<LogRow> hash;
+  EXPECT_EQ(rowWith(forwards), rowWith(backwards));
+  EXPECT_EQ(hash(rowWith(forwards)), hash(rowWith(backwards)));
+  EXPECT_NE(rowWith(std::nullopt), rowWith(LogRow::Context{}));
+
+  const auto row = rowWith(std::nullopt);
+  EXPECT_EQ(*row.slot(3), "d");
+  for (const std::int64_t absent : {-1L, 1L, 8L, 100L}) EXPECT_EQ(row.slot(absent), nullptr);
+}
+
+TEST(SourceDescriptor, builtInSchemasKeepTheirSlots) {
+  const auto& dlt = SourceDescriptor::dlt();
+  EXPECT_THAT(dlt.indexedColumns(), ElementsAre(StoreColumn::slot(0), StoreColumn::slot(1),
+                                                StoreColumn::slot(2), StoreColumn::level()));
+  EXPECT_EQ(dlt.appColumn(), StoreColumn::slot(1));
+  EXPECT_EQ(dlt.tableFields().size(), 6U);
+  EXPECT_EQ(dlt.queryableFields().size(), 8U);
+  EXPECT_EQ(dlt.field("ECU"), &dlt.fields()[0]);
+  EXPECT_EQ(dlt.field("Time (ECU)"), nullptr);
+  EXPECT_EQ(dlt.field("tmsp")->column().sql(), "s6");
+
+  const auto& logcat = SourceDescriptor::logcat();
+  EXPECT_THAT(logcat.indexedColumns(),
+              ElementsAre(StoreColumn::slot(0), StoreColumn::slot(1), StoreColumn::level()));
+  EXPECT_EQ(logcat.appColumn(), StoreColumn::slot(0));
+  EXPECT_FALSE(logcat.field("tid")->inTable());
+  EXPECT_EQ(dlt.validationError(), std::nullopt);
+  EXPECT_EQ(logcat.validationError(), std::nullopt);
+}
+
+TEST(SourceDescriptor, validationNamesTheFirstTwoFieldsOnOneColumn) {
+  const auto slot2 = StoreColumn::slot(2);
+  const auto level = StoreColumn::level();
+  EXPECT_THAT(
+      sourceWith({fieldOn(slot2, "a"), fieldOn(slot2, "b"), fieldOn(slot2, "c")}).validationError(),
+      Optional(Eq("fields 'a' and 'b' both map to column s2")));
+  EXPECT_THAT(
+      sourceWith({fieldOn(slot2, "x"), fieldOn(level, "l"), fieldOn(level, "m")}).validationError(),
+      Optional(Eq("fields 'l' and 'm' both map to column level")));
+  EXPECT_EQ(sourceWith({}).validationError(), std::nullopt);
+  EXPECT_EQ(sourceWith({fieldOn(slot2, "a"), fieldOn(level, "a")}).validationError(), std::nullopt);
+}
+
+TEST(SourceDescriptor, appColumnFallsBackToTheFirstField) {
+  const std::vector fields{fieldOn(StoreColumn::slot(4), "x"), fieldOn(StoreColumn::slot(5), "y")};
+  EXPECT_EQ(sourceWith(fields, "Y").appColumn(), StoreColumn::slot(5));
+  EXPECT_EQ(sourceWith(fields, "none").appColumn(), StoreColumn::slot(4));
+  EXPECT_EQ(sourceWith(fields).appColumn(), StoreColumn::slot(4));
+  EXPECT_EQ(sourceWith({}, "x").appColumn(), StoreColumn::slot(0));
+}
+
+}  // namespace
+}  // namespace runeflow

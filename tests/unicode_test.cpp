@@ -1,0 +1,110 @@
+#include "runeflow/platform/unicode.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unicode/ubrk.h>
+
+#include <memory>
+#include <random>
+
+#include "runeflow/platform/local_time.h"
+
+namespace runeflow {
+namespace {
+
+using testing::ElementsAre;
+
+// Pieces whose neighbourhoods exercise every joining rule: marks, prepends, joiners, flags, Hangul.
+std::string randomText(std::mt19937& random) {
+  static const std::vector<std::string> pieces = {
+      "a",      " ",      "\t",         "\r",         "\n",         "-", ":",      "1",
+      "\"",     "\u0301", "\u200D",     "\u0600",     "\u0903",     "é", "\u00A0", "\u2003",
+      "\u1100", "\u1161", "\U0001F469", "\U0001F3FD", "\U0001F1E9", "²", "日"};
+  std::string text;
+  const auto length = random() % 12;
+  for (std::size_t i = 0; i < length; ++i) text += pieces[random() % pieces.size()];
+  return text;
+}
+
+std::vector<std::string> icuCharacters(const std::string& text) {
+  UErrorCode status = U_ZERO_ERROR;
+  UText source = UTEXT_INITIALIZER;
+  utext_openUTF8(&source, text.data(), static_cast<std::int64_t>(text.size()), &status);
+  const std::unique_ptr<UBreakIterator, decltype(&ubrk_close)> breaks(
+      ubrk_open(UBRK_CHARACTER, "", nullptr, 0, &status), ubrk_close);
+  ubrk_setUText(breaks.get(), &source, &status);
+  EXPECT_TRUE(U_SUCCESS(status));
+  std::vector<std::string> characters;
+  for (std::int32_t start = 0, end = ubrk_next(breaks.get()); end != UBRK_DONE;
+       start = end, end = ubrk_next(breaks.get())) {
+    characters.push_back(
+        text.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(end - start)));
+  }
+  utext_close(&source);
+  return characters;
+}
+
+TEST(Unicode, charactersAndLoneBytesAreWhatIcuFindsInTheWholeText) {
+  std::mt19937 random(7);
+  for (int round = 0; round < 20'000; ++round) {
+    const std::string text = randomText(random);
+    SCOPED_TRACE(testing::PrintToString(text));
+    std::vector<std::string> characters;
+    unicode::CharacterReader reader(text);
+    for (auto c = reader.next(); !c.empty(); c = reader.next()) characters.emplace_back(c);
+    const auto expected = icuCharacters(text);
+    ASSERT_EQ(characters, expected);
+
+    std::size_t position = 0;
+    for (const auto& character : expected) {
+      for (std::size_t i = 0; i < character.size(); ++i) {
+        if (character[i] < ' ') continue;  // also skips non-ASCII bytes, which are negative
+        ASSERT_EQ(unicode::standsAlone(text, position + i), character.size() == 1) << position + i;
+      }
+      position += character.size();
+    }
+  }
+}
+
+TEST(Unicode, illFormedSequencesBecomeOneReplacementPerMaximalSubpart) {
+  const struct {
+    std::string_view bytes;
+    std::string_view text;
+  } rows[] = {
+      {"plain", "plain"},
+      {"\xF0\x9F\x92"
+       "A",
+       "\uFFFD"
+       "A"},
+      {"\xE2\x28\xA1", "\uFFFD(\uFFFD"},
+      {"\xED\xA0\x80", "\uFFFD\uFFFD\uFFFD"},
+      {"\xC0\xAF", "\uFFFD\uFFFD"},
+      {"\xF4\x90\x80\x80", "\uFFFD\uFFFD\uFFFD\uFFFD"},
+      {"x\xFFy\x80", "x\uFFFDy\uFFFD"},
+      {"\xE2\x82", "\uFFFD"},
+      {std::string_view("a\0b", 3), std::string_view("a\0b", 3)},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(unicode::decodeLossily(row.bytes), row.text);
+    EXPECT_EQ(unicode::isValidUtf8(row.bytes), row.bytes == row.text);
+  }
+}
+
+TEST(Unicode, wordsAndTrimAgreeOnWhiteSpace) {
+  EXPECT_THAT(unicode::words(" a\u2003b\r\nc\u0085 \u00A0"), ElementsAre("a", "b", "c"));
+  // A space that carries a mark is still a white-space character, and goes as a whole.
+  EXPECT_THAT(unicode::words("a \u0301b"), ElementsAre("a", "b"));
+  EXPECT_EQ(unicode::trimWhiteSpace("\u3000 \u0301x y\r\n"), "x y");
+  EXPECT_EQ(unicode::trimWhiteSpace(" \n"), "");
+  EXPECT_THAT(unicode::words(""), ElementsAre());
+}
+
+TEST(Unicode, caseIsFoldedBeyondAscii) {
+  EXPECT_TRUE(unicode::equalsIgnoringCase("Straße", "STRASSE"));
+  EXPECT_TRUE(unicode::equalsIgnoringCase("ÉCU", "écu"));
+  EXPECT_FALSE(unicode::equalsIgnoringCase("[", "{"));
+  EXPECT_EQ(unicode::toLower("ÀB"), "àb");
+}
+
+}  // namespace
+}  // namespace runeflow
