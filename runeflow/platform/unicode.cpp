@@ -178,8 +178,12 @@ bool isNumeric(std::string_view character) {
          u_getIntPropertyValue(firstCodePoint(character), UCHAR_NUMERIC_TYPE) != U_NT_NONE;
 }
 
-bool isSpaceSeparator(std::string_view character) {
-  return !character.empty() && u_charType(firstCodePoint(character)) == U_SPACE_SEPARATOR;
+bool isBlank(std::string_view character) {
+  if (character == "\t") return true;
+  std::size_t end = 0;
+  if (character.empty()) return false;
+  const auto codePoint = decodeNext(character, end);
+  return end == character.size() && u_charType(codePoint) == U_SPACE_SEPARATOR;
 }
 
 bool standsAlone(std::string_view text, std::size_t position) {
@@ -211,18 +215,7 @@ std::vector<std::string_view> words(std::string_view text) {
 }
 
 std::string_view trimWhiteSpace(std::string_view text) {
-  CharacterReader characters(text);
-  std::size_t position = 0;
-  std::size_t first = std::string_view::npos;
-  std::size_t last = 0;
-  for (auto character = characters.next(); !character.empty(); character = characters.next()) {
-    if (!isWhiteSpace(character)) {
-      first = std::min(first, position);
-      last = position + character.size();
-    }
-    position += character.size();
-  }
-  return first == std::string_view::npos ? std::string_view{} : text.substr(first, last - first);
+  return trim(text, isWhiteSpace);
 }
 
 }  // namespace runeflow::unicode

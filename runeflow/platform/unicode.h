@@ -53,9 +53,11 @@ class CharacterReader {
 
 // A character has the property of the code point that it begins with, as a base letter with accents
 // is still that letter.
-bool isWhiteSpace(std::string_view character);      // property White_Space
-bool isNumeric(std::string_view character);         // property Numeric_Type is not None
-bool isSpaceSeparator(std::string_view character);  // general category Zs
+bool isWhiteSpace(std::string_view character);  // property White_Space
+bool isNumeric(std::string_view character);     // property Numeric_Type is not None
+
+// A tab or a space separator (general category Zs) that carries no mark.
+bool isBlank(std::string_view character);
 
 // True when the printable ASCII byte at `position` of a valid UTF-8 text is a character by itself,
 // neither carrying a combining mark nor joined to what stands before it.
@@ -64,7 +66,23 @@ bool standsAlone(std::string_view text, std::size_t position);
 // The pieces between white-space characters, empty ones dropped. Views into `text`.
 std::vector<std::string_view> words(std::string_view text);
 
-// `text` without the white-space characters at its ends. A view into `text`.
+// `text` without the characters at its ends for which `isTrimmed` holds. A view into `text`.
+template <class Predicate>
+std::string_view trim(std::string_view text, Predicate isTrimmed) {
+  CharacterReader characters(text);
+  std::size_t position = 0;
+  std::size_t first = std::string_view::npos;
+  std::size_t last = 0;
+  for (auto character = characters.next(); !character.empty(); character = characters.next()) {
+    if (!isTrimmed(character)) {
+      if (first == std::string_view::npos) first = position;
+      last = position + character.size();
+    }
+    position += character.size();
+  }
+  return first == std::string_view::npos ? std::string_view{} : text.substr(first, last - first);
+}
+
 std::string_view trimWhiteSpace(std::string_view text);
 
 }  // namespace runeflow::unicode

@@ -5,14 +5,16 @@
 // it into SQL. User text reaches SQLite only in binds, never in the clause. All types are plain
 // values, all operations are pure and may run on any thread.
 //
-// A tree of 10,000 levels can be compiled, rewritten, compared and destroyed on an 8 MiB stack.
-// SQLite itself refuses expressions deeper than 1,000 levels: such a query compiles, and matches
-// nothing.
+// Depth and width of a tree cost memory, never stack: every operation here walks with a list of its
+// own. SQLite is stricter. It takes at most about 1,000 conditions in one list, and the releases
+// before 3.46 take some 30 nested levels; what lies beyond compiles, but SQLite refuses to prepare
+// it.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -107,7 +109,7 @@ struct FullTextTerm {
 };
 
 // One node of the tree. Children are immutable and shared between copies, so copying a tree is
-// cheap however large it is.
+// cheap however large it is. A moved-from node may only be assigned to or destroyed.
 class QueryNode {
  public:
   class Children {
@@ -117,6 +119,9 @@ class QueryNode {
     bool operator==(const Children& other) const;
 
    private:
+    struct Destroy {
+      void operator()(const std::vector<QueryNode>* nodes) const;
+    };
     std::shared_ptr<const std::vector<QueryNode>> nodes_;
   };
   struct And {
@@ -144,11 +149,16 @@ class QueryNode {
   static QueryNode not_(QueryNode child);
   static QueryNode all();
 
-  const Value& value() const { return value_; }
-  bool operator==(const QueryNode& other) const;
+  const Value& value() const& { return value_; }
+  Value value() && { return std::move(value_); }
+
+  // In order; empty for the leaves. Valid as long as this node or a copy of it.
+  std::span<const QueryNode> children() const;
+
+  bool operator==(const QueryNode& other) const { return value_ == other.value_; }
 
  private:
-  explicit QueryNode(Value value);
+  explicit QueryNode(Value value) : value_(std::move(value)) {}
   Value value_;
 };
 

@@ -1,0 +1,68 @@
+// Turns a readable byte stream into stored records.
+//
+// run() hands a file descriptor to a reader thread of its own, which reads it to its end, decodes
+// it, stores the records in batches and keeps the database under a size cap. There is no stop call:
+// a host ends a capture by ending the stream (shutdown() on a socket, closing the writing end of a
+// pipe).
+//
+// One session belongs to one database file, which must exist with its schema
+// (EventStore::open(path, true, descriptor)). Its streams run one after the other: a new reader
+// waits up to 5 s for the previous one. Readers do not keep the session alive, nor does its
+// destruction stop them. run() is for one thread at a time; everything else may be called from any
+// thread. A reader's failures are logged (AppLog, category "lifecycle"); the records it had stored
+// stay.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "runeflow/decoders/row_decoder.h"
+#include "runeflow/model/source_descriptor.h"
+
+namespace runeflow {
+
+class Gate;
+
+// What the readers of one session have done so far.
+struct CaptureProgress {
+  std::int64_t bytesRead = 0;
+  std::int64_t rowsDecoded = 0;
+  std::int64_t rowsStored = 0;
+  std::int64_t rowsLost = 0;  // their batch could not be written; the log says why
+};
+
+class CaptureSession {
+ public:
+  using DecoderFactory = std::move_only_function<std::unique_ptr<RowDecoder>()>;
+  using FinishCallback = std::move_only_function<void()>;
+
+  CaptureSession(std::string dbPath, SourceDescriptor descriptor);
+  ~CaptureSession();
+  CaptureSession(const CaptureSession&) = delete;
+  CaptureSession& operator=(const CaptureSession&) = delete;
+
+  // The cap on the database's used bytes; below 1 there is none. Running readers follow it from
+  // their next batch on: at or above the cap every batch deletes the 10,000 oldest records.
+  void setMaxBytes(std::int64_t maxBytes);
+
+  // Starts a reader and returns at once. The reader owns `fd` from here on and closes it.
+  // `makeDecoder` is called once, and `onFinish` (may be empty) when the stream has ended for
+  // whatever reason and everything is stored; both on the reader thread. The next reader may
+  // already run while `onFinish` does.
+  void run(int fd, DecoderFactory makeDecoder, FinishCallback onFinish = nullptr);
+
+  CaptureProgress progress() const;
+
+ private:
+  class Reader;
+  class Shared;
+
+  std::string dbPath_;
+  SourceDescriptor descriptor_;
+  std::shared_ptr<Gate> readerGate_;  // of the reader started last
+  std::shared_ptr<Shared> shared_;    // with the running readers
+};
+
+}  // namespace runeflow

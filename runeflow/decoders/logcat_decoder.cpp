@@ -1,0 +1,288 @@
+#include "runeflow/decoders/logcat_decoder.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <limits>
+#include <optional>
+#include <utility>
+
+#include "runeflow/platform/unicode.h"
+
+namespace runeflow {
+namespace {
+
+constexpr std::size_t kSampleSize = 8192;
+constexpr std::size_t kLargestIdleCarry = std::size_t{1} << 20;
+
+std::string_view asText(std::span<const std::uint8_t> bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+// The fields of one line, as parts of it.
+struct Parsed {
+  Timestamp timestamp;
+  std::string_view pid;
+  std::string_view tid;
+  RuneflowLogLevel level;
+  std::string_view tag;
+  std::string_view message;
+};
+
+// Separators count only as characters of their own: a space with a combining mark separates
+// nothing.
+bool isCharacter(std::string_view text, std::size_t position, char wanted) {
+  return text[position] == wanted && unicode::standsAlone(text, position);
+}
+
+std::size_t findCharacter(std::string_view text, char wanted, std::size_t from = 0) {
+  std::size_t position = text.find(wanted, from);
+  while (position != std::string_view::npos && !unicode::standsAlone(text, position)) {
+    position = text.find(wanted, position + 1);
+  }
+  return position;
+}
+
+void skipSpaces(std::string_view& text) {
+  while (!text.empty() && isCharacter(text, 0, ' ')) text.remove_prefix(1);
+}
+
+// Cuts the next field off `text`; empty at its end.
+std::string_view takeField(std::string_view& text) {
+  skipSpaces(text);
+  const auto field = text.substr(0, findCharacter(text, ' '));
+  text.remove_prefix(field.size());
+  return field;
+}
+
+// The pieces between the separators, empty ones kept; absent unless there are exactly N.
+template <std::size_t N>
+std::optional<std::array<std::string_view, N>> splitInto(std::string_view text, char separator) {
+  std::array<std::string_view, N> pieces;
+  for (std::size_t i = 0; i + 1 < N; ++i) {
+    const auto end = findCharacter(text, separator);
+    if (end == std::string_view::npos) return std::nullopt;
+    pieces[i] = text.substr(0, end);
+    text.remove_prefix(end + 1);
+  }
+  if (findCharacter(text, separator) != std::string_view::npos) return std::nullopt;
+  pieces[N - 1] = text;
+  return pieces;
+}
+
+std::string_view withoutSign(std::string_view text) {
+  if (!text.empty() && (text[0] == '+' || text[0] == '-')) text.remove_prefix(1);
+  return text;
+}
+
+bool isInteger(std::string_view text) {
+  const auto digits = withoutSign(text);
+  return !digits.empty() &&
+         std::ranges::all_of(digits, [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// Absent as well when the number does not fit.
+std::optional<std::int64_t> toInteger(std::string_view text) {
+  if (!isInteger(text)) return std::nullopt;
+  if (text[0] == '+') text.remove_prefix(1);
+  std::int64_t number = 0;
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (result.ec != std::errc()) return std::nullopt;
+  return number;
+}
+
+std::optional<std::int64_t> toIntegerWithin(std::string_view text, std::int64_t first,
+                                            std::int64_t last) {
+  const auto number = toInteger(text);
+  return number && *number >= first && *number <= last ? number : std::nullopt;
+}
+
+// What stands after the second's full stop: a whole number of milliseconds; anything that is not
+// one counts as 0. Absent when it is one that nanoseconds in 64 bits cannot hold.
+std::optional<std::int64_t> toMilliseconds(std::string_view fraction) {
+  constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max() / 1'000'000;
+  if (!isInteger(fraction)) return 0;
+  return toIntegerWithin(fraction, -kMost, kMost);
+}
+
+struct Seconds {
+  std::int64_t second;
+  std::int64_t milliseconds;
+};
+
+std::optional<Seconds> toSeconds(std::string_view text) {
+  const auto second = toIntegerWithin(text.substr(0, findCharacter(text, '.')), 0, 61);
+  const auto pieces = splitInto<2>(text, '.');
+  const auto milliseconds = pieces ? toMilliseconds((*pieces)[1]) : 0;
+  if (!second || !milliseconds) return std::nullopt;
+  return Seconds{*second, *milliseconds};
+}
+
+std::optional<Timestamp> toTimestamp(std::string_view dateField, std::string_view timeField,
+                                     std::int64_t year, LocalTimeZone& zone) {
+  const auto date = splitInto<2>(dateField, '-');
+  const auto time = splitInto<3>(timeField, ':');
+  if (!date || !time) return std::nullopt;
+  const auto month = toIntegerWithin((*date)[0], 1, 12);
+  const auto day = toIntegerWithin((*date)[1], 1, 31);
+  const auto hour = toIntegerWithin((*time)[0], 0, 23);
+  const auto minute = toIntegerWithin((*time)[1], 0, 59);
+  const auto seconds = toSeconds((*time)[2]);
+  if (!month || !day || !hour || !minute || !seconds) return std::nullopt;
+  const auto whole =
+      zone.secondsSinceEpoch({year, static_cast<unsigned>(*month), static_cast<unsigned>(*day),
+                              *hour, *minute, seconds->second});
+  // One division of whole numbers, so that the result is the double nearest to the millisecond.
+  const auto milliseconds = static_cast<double>(whole * 1000 + seconds->milliseconds);
+  return Timestamp(std::chrono::duration<double>(milliseconds / 1000));
+}
+
+std::optional<RuneflowLogLevel> toLevel(std::string_view field) {
+  if (field.size() != 1) return std::nullopt;
+  switch (field[0]) {
+    case 'V':
+      return RuneflowLogLevel::Trace;
+    case 'D':
+      return RuneflowLogLevel::Debug;
+    case 'I':
+    case 'S':
+      return RuneflowLogLevel::Info;
+    case 'W':
+      return RuneflowLogLevel::Warning;
+    case 'E':
+      return RuneflowLogLevel::Error;
+    case 'F':
+    case 'A':
+      return RuneflowLogLevel::Fatal;
+    default:
+      return std::nullopt;
+  }
+}
+
+bool isNumericText(std::string_view text) {
+  if (std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; })) return true;
+  unicode::CharacterReader characters(text);
+  for (auto c = characters.next(); !c.empty(); c = characters.next()) {
+    if (!unicode::isNumeric(c)) return false;
+  }
+  return true;
+}
+
+std::string_view trimBlanks(std::string_view text) {
+  if (!unicode::isAscii(text)) return unicode::trim(text, unicode::isBlank);
+  const auto first = text.find_first_not_of(" \t");
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+std::size_t findColonSpace(std::string_view text) {
+  for (auto at = text.find(": "); at != std::string_view::npos; at = text.find(": ", at + 1)) {
+    if (unicode::standsAlone(text, at) && unicode::standsAlone(text, at + 1)) return at;
+  }
+  return std::string_view::npos;
+}
+
+struct TagAndMessage {
+  std::string_view tag;
+  std::string_view message;
+};
+
+TagAndMessage splitRemainder(std::string_view text) {
+  if (const auto at = findColonSpace(text); at != std::string_view::npos) {
+    return {trimBlanks(text.substr(0, at)), text.substr(at + 2)};
+  }
+  if (const auto colon = findCharacter(text, ':'); colon != std::string_view::npos) {
+    return {trimBlanks(text.substr(0, colon)), trimBlanks(text.substr(colon + 1))};
+  }
+  return {{}, text};
+}
+
+std::optional<Parsed> parse(std::string_view text, std::int64_t year, LocalTimeZone& zone) {
+  const auto date = takeField(text);
+  const auto time = takeField(text);
+  const auto pid = takeField(text);
+  const auto tid = takeField(text);
+  const auto level = toLevel(takeField(text));
+  if (!level || !isNumericText(pid) || !isNumericText(tid)) return std::nullopt;
+  const auto timestamp = toTimestamp(date, time, year, zone);
+  if (!timestamp) return std::nullopt;
+  skipSpaces(text);
+  const auto [tag, message] = splitRemainder(text);
+  return Parsed{*timestamp, pid, tid, *level, tag, message};
+}
+
+// Calls `use` with every complete line that may hold a record, until it returns false. Gives the
+// number of bytes up to and including the last line feed seen.
+template <class Use>
+std::size_t forEachLine(std::string_view bytes, Use use) {
+  std::size_t start = 0;
+  for (auto end = bytes.find('\n'); end != std::string_view::npos; end = bytes.find('\n', start)) {
+    auto line = bytes.substr(start, end - start);
+    start = end + 1;
+    if (line.ends_with('\r')) line.remove_suffix(1);
+    if (line.empty() || line.front() == '-') continue;
+    if (!use(line)) break;
+  }
+  return start;
+}
+
+}  // namespace
+
+LogcatDecoder::LogcatDecoder(Clock now) : now_(std::move(now)), year_(localYear(now_())) {}
+
+std::vector<LogRow> LogcatDecoder::consume(std::span<const std::uint8_t> bytes) {
+  std::vector<LogRow> rows;
+  auto input = asText(bytes);
+  rows.reserve(static_cast<std::size_t>(std::ranges::count(input, '\n')));
+  const auto append = [&](std::string_view line) {
+    appendRow(line, rows);
+    return true;
+  };
+  if (!carry_.empty()) {
+    // Only the new bytes are searched: the carry holds no line feed.
+    const auto end = input.find('\n');
+    const auto restOfLine = input.substr(0, end == std::string_view::npos ? end : end + 1);
+    carry_ += restOfLine;
+    if (end == std::string_view::npos) return rows;
+    forEachLine(carry_, append);
+    carry_.clear();
+    if (carry_.capacity() > kLargestIdleCarry) carry_.shrink_to_fit();
+    input.remove_prefix(restOfLine.size());
+  }
+  carry_ = input.substr(forEachLine(input, append));
+  return rows;
+}
+
+void LogcatDecoder::appendRow(std::string_view line, std::vector<LogRow>& rows) {
+  if (unicode::isValidUtf8(line)) {
+    rows.push_back(rowOf(line));
+  } else {
+    rows.push_back(rowOf(unicode::decodeLossily(line)));
+  }
+}
+
+LogRow LogcatDecoder::rowOf(std::string_view text) {
+  LogRow::Slots slots;
+  const auto parsed = parse(text, year_, zone_);
+  if (!parsed) {
+    return {now_(), RuneflowLogLevel::Info, std::string(text), std::nullopt, std::move(slots)};
+  }
+  slots[0].emplace(parsed->tag);
+  slots[1].emplace(parsed->pid);
+  slots[2].emplace(parsed->tid);
+  return {parsed->timestamp, parsed->level, std::string(parsed->message), std::nullopt,
+          std::move(slots)};
+}
+
+bool LogcatDecoder::looksLikeThreadtime(std::span<const std::uint8_t> bytes) {
+  constexpr std::int64_t kLeapYear = 2000;  // so that 29 February is a day like any other
+  LocalTimeZone zone;
+  bool found = false;
+  forEachLine(asText(bytes.first(std::min(bytes.size(), kSampleSize))), [&](std::string_view line) {
+    found = parse(unicode::decodeLossily(line), kLeapYear, zone).has_value();
+    return !found;
+  });
+  return found;
+}
+
+}  // namespace runeflow

@@ -1,0 +1,65 @@
+#include "runeflow/platform/thread.h"
+
+#include <pthread.h>
+
+#include <csignal>
+#include <memory>
+#include <utility>
+
+namespace runeflow {
+namespace {
+
+using Body = std::move_only_function<void()>;
+
+constexpr std::size_t kLongestName = 15;
+
+struct Attributes {
+  pthread_attr_t value{};
+  Attributes() { pthread_attr_init(&value); }
+  ~Attributes() { pthread_attr_destroy(&value); }
+  Attributes(const Attributes&) = delete;
+  Attributes& operator=(const Attributes&) = delete;
+};
+
+// All but the signals that a thread raises by its own faults.
+sigset_t asynchronousSignals() {
+  sigset_t signals;
+  sigfillset(&signals);
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS}) {
+    sigdelset(&signals, fault);
+  }
+  return signals;
+}
+
+struct Start {
+  std::string name;
+  Body body;
+};
+
+void* runBody(void* argument) {
+  const std::unique_ptr<Start> start(static_cast<Start*>(argument));
+  pthread_setname_np(pthread_self(), start->name.c_str());
+  start->body();
+  return nullptr;
+}
+
+}  // namespace
+
+bool startThread(const ThreadAttributes& attributes, Body& body) {
+  Attributes native;
+  const sigset_t blocked = asynchronousSignals();
+  pthread_attr_setdetachstate(&native.value, PTHREAD_CREATE_DETACHED);
+  pthread_attr_setstacksize(&native.value, attributes.stackSize);
+  pthread_attr_setsigmask_np(&native.value, &blocked);
+
+  auto start = std::make_unique<Start>(attributes.name.substr(0, kLongestName), std::move(body));
+  pthread_t thread{};
+  if (pthread_create(&thread, &native.value, runBody, start.get()) != 0) {
+    body = std::move(start->body);
+    return false;
+  }
+  static_cast<void>(start.release());  // the thread owns it now
+  return true;
+}
+
+}  // namespace runeflow

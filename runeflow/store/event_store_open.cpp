@@ -1,0 +1,75 @@
+#include <fmt/format.h>
+#include <sqlite3.h>
+
+#include "runeflow/capture/app_log_p.h"
+#include "runeflow/store/event_store.h"
+
+namespace runeflow {
+namespace {
+
+constexpr const char* kCreateEvents =
+    "CREATE TABLE IF NOT EXISTS events(\n"
+    "  seq INTEGER PRIMARY KEY,\n"
+    "  ts INTEGER NOT NULL, level INTEGER NOT NULL,\n"
+    "  s0 TEXT, s1 TEXT, s2 TEXT, s3 TEXT, s4 TEXT, s5 TEXT, s6 TEXT, s7 TEXT,\n"
+    "  message TEXT, ctx TEXT\n"
+    ");";
+
+constexpr const char* kCreateFullText =
+    "CREATE VIRTUAL TABLE IF NOT EXISTS events_fts USING fts5(message, content='events', "
+    "content_rowid='seq', tokenize='unicode61');";
+
+}  // namespace
+
+std::optional<EventStore> EventStore::open(const std::string& path, bool create,
+                                           SourceDescriptor descriptor) {
+  // SQLite would open the part of the name before the NUL.
+  if (path.find('\0') != std::string::npos) return std::nullopt;
+  EventStore store(std::move(descriptor));
+  constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
+  store.db_ = Connection::open(path, kFlags | (create ? SQLITE_OPEN_CREATE : 0));
+  if (!store.db_) return std::nullopt;
+  store.probeCapabilities();
+  store.applySettings();
+  if (create) store.createSchema();
+  return store;
+}
+
+EventStore EventStore::inert(SourceDescriptor descriptor) {
+  return EventStore(std::move(descriptor));
+}
+
+void EventStore::close() {
+  insertStmt_.finalize();
+  ftsInsertStmt_.finalize();
+  db_.close();
+}
+
+void EventStore::probeCapabilities() {
+  ftsAvailable_ = db_.execute("CREATE VIRTUAL TABLE IF NOT EXISTS temp.__fts_probe USING fts5(x);");
+  db_.execute("DROP TABLE IF EXISTS temp.__fts_probe;");
+  jsonAvailable_ = db_.execute("SELECT json_extract('{}', '$.x');");
+}
+
+void EventStore::applySettings() {
+  for (const char* setting : {"PRAGMA journal_mode=WAL;", "PRAGMA synchronous=OFF;",
+                              "PRAGMA temp_store=MEMORY;", "PRAGMA busy_timeout=5000;"}) {
+    db_.execute(setting);
+  }
+}
+
+// A statement that fails here shows later, in the writes and reads that miss it.
+void EventStore::createSchema() {
+  if (const auto fault = descriptor_.validationError()) {
+    AppLog::logError(AppLog::store(), "invalid SourceDescriptor '{}': {}", descriptor_.id(),
+                     *fault);
+  }
+  db_.execute(kCreateEvents);
+  for (const auto& column : descriptor_.indexedColumns()) {
+    const auto name = column.sql();
+    db_.execute(fmt::format("CREATE INDEX IF NOT EXISTS i_{0} ON events({0}, seq);", name).c_str());
+  }
+  if (ftsAvailable_) db_.execute(kCreateFullText);
+}
+
+}  // namespace runeflow

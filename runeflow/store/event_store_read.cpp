@@ -1,0 +1,212 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <limits>
+#include <nlohmann/json.hpp>
+
+#include "runeflow/store/event_store.h"
+
+namespace runeflow {
+namespace {
+
+constexpr const char* kRecordColumns = "seq,ts,level,s0,s1,s2,s3,s4,s5,s6,s7,message,ctx";
+
+// Positions in kRecordColumns.
+constexpr int kTimestampColumn = 1;
+constexpr int kLevelColumn = 2;
+constexpr int kFirstSlotColumn = 3;
+constexpr int kMessageColumn = 11;
+constexpr int kContextColumn = 12;
+
+// Rows are large; growing a list of them moves every one.
+constexpr std::int64_t kMostRowsReserved = 4096;
+
+// Absent unless the text is a JSON object with nothing but strings in it.
+std::optional<LogRow::Context> parseContext(const std::string& text) {
+  const auto document = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
+  if (!document.is_object()) return std::nullopt;
+  LogRow::Context ctx;
+  for (const auto& [key, value] : document.items()) {
+    if (!value.is_string()) return std::nullopt;
+    ctx.emplace(key, value.get_ref<const std::string&>());
+  }
+  return ctx;
+}
+
+FetchedRow readRow(const Statement& statement) {
+  LogRow::Slots slots;
+  int column = kFirstSlotColumn;
+  for (auto& slot : slots) slot = statement.optionalText(column++);
+  std::optional<LogRow::Context> ctx;
+  if (!statement.isNull(kContextColumn)) ctx = parseContext(statement.text(kContextColumn));
+  // The level is read in 32 bits, as it is stored by no other writer than ours.
+  const auto level = levelFromRawValue(static_cast<std::int32_t>(statement.integer(kLevelColumn)));
+  return {statement.integer(0),
+          LogRow(timestampFromMicroseconds(statement.integer(kTimestampColumn)),
+                 level.value_or(RuneflowLogLevel::Info), statement.text(kMessageColumn),
+                 std::move(ctx), std::move(slots))};
+}
+
+std::vector<FetchedRow> readRows(Statement& statement, std::int64_t atMost) {
+  std::vector<FetchedRow> rows;
+  if (!statement) return rows;
+  rows.reserve(static_cast<std::size_t>(std::clamp<std::int64_t>(atMost, 0, kMostRowsReserved)));
+  while (statement.stepsToRow()) rows.push_back(readRow(statement));
+  return rows;
+}
+
+int bindAll(Statement& statement, int index, const std::vector<Bind>& binds) {
+  for (const auto& bind : binds) statement.bind(index++, bind);
+  return index;
+}
+
+std::int32_t limitParameter(std::int64_t limit) {
+  using Int32 = std::numeric_limits<std::int32_t>;
+  return static_cast<std::int32_t>(std::clamp<std::int64_t>(limit, Int32::min(), Int32::max()));
+}
+
+}  // namespace
+
+std::int64_t EventStore::minSeq() {
+  return db_.scalar("SELECT min(seq) FROM events");
+}
+
+std::int64_t EventStore::maxSeq() {
+  return db_.scalar("SELECT max(seq) FROM events");
+}
+
+std::int64_t EventStore::count() {
+  return db_.scalar("SELECT count(*) FROM events");
+}
+
+std::int64_t EventStore::countMatching(const LogQuery& query) {
+  const auto [clause, binds] = rewrittenForCapabilities(query).compile();
+  Statement statement = db_.prepare("SELECT count(*) FROM events WHERE " + clause);
+  if (!statement) return 0;
+  bindAll(statement, 1, binds);
+  return statement.stepsToRow() ? statement.integer(0) : 0;
+}
+
+LogQuery EventStore::rewrittenForCapabilities(const LogQuery& query) const {
+  LogQuery rewritten = ftsAvailable_ ? query : query.withFullTextAsSubstringScan();
+  return jsonAvailable_ ? rewritten : rewritten.withContextAsSubstringScan();
+}
+
+Statement EventStore::prepareMatching(const char* prefix, const LogQuery& query,
+                                      std::int64_t after) {
+  const auto [clause, binds] = rewrittenForCapabilities(query).compile();
+  Statement statement = db_.prepare(
+      fmt::format("{}SELECT seq FROM events WHERE seq > ? AND {} ORDER BY seq", prefix, clause));
+  if (statement) {
+    statement.bind(1, after);
+    bindAll(statement, 2, binds);
+  }
+  return statement;
+}
+
+std::vector<std::int64_t> EventStore::matchingSeqs(const LogQuery& query, std::int64_t after) {
+  std::vector<std::int64_t> seqs;
+  Statement statement = prepareMatching("", query, after);
+  if (!statement) return seqs;
+  while (statement.stepsToRow()) seqs.push_back(statement.integer(0));
+  return seqs;
+}
+
+std::vector<std::string> EventStore::matchingSeqsQueryPlan(const LogQuery& query,
+                                                           std::int64_t after) {
+  constexpr int kDetailColumn = 3;
+  std::vector<std::string> details;
+  Statement statement = prepareMatching("EXPLAIN QUERY PLAN ", query, after);
+  if (!statement) return details;
+  while (statement.stepsToRow()) {
+    if (auto detail = statement.optionalText(kDetailColumn)) details.push_back(std::move(*detail));
+  }
+  return details;
+}
+
+std::vector<FetchedRow> EventStore::fetchRange(std::int64_t first, std::int64_t last) {
+  Statement statement = db_.prepare(
+      fmt::format("SELECT {} FROM events WHERE seq BETWEEN ? AND ? ORDER BY seq", kRecordColumns));
+  if (!statement) return {};
+  statement.bind(1, first);
+  statement.bind(2, last);
+  // Counted without overflow: the bounds may be the ends of the range of 64 bits.
+  const bool isShort =
+      first <= last && (first >= 0 || last < 0) && last - first < kMostRowsReserved;
+  return readRows(statement, isShort ? last - first + 1 : 0);
+}
+
+std::vector<FetchedRow> EventStore::fetch(std::span<const std::int64_t> seqs) {
+  if (seqs.empty()) return {};
+  std::string placeholders = "?";
+  placeholders.reserve(seqs.size() * 2);
+  for (std::size_t i = 1; i < seqs.size(); ++i) placeholders += ",?";
+  Statement statement = db_.prepare(fmt::format(
+      "SELECT {} FROM events WHERE seq IN ({}) ORDER BY seq", kRecordColumns, placeholders));
+  if (!statement) return {};
+  int index = 1;
+  for (const auto seq : seqs) statement.bind(index++, seq);
+  return readRows(statement, static_cast<std::int64_t>(seqs.size()));
+}
+
+std::vector<std::string> EventStore::distinctValues(const StoreColumn& column,
+                                                    const std::optional<LogQuery>& matching,
+                                                    const std::optional<std::string>& prefix,
+                                                    std::int64_t limit) {
+  if (!std::holds_alternative<StoreColumn::Slot>(column.value())) return {};
+  const auto name = column.sql();
+  std::string conditions = fmt::format("{0} IS NOT NULL AND {0} <> ''", name);
+  std::vector<Bind> binds;
+  if (matching && !matching->isEmpty()) {
+    auto compiled = rewrittenForCapabilities(*matching).compile();
+    conditions += fmt::format(" AND ({})", compiled.clause);
+    binds = std::move(compiled.binds);
+  }
+  if (prefix && !prefix->empty()) {
+    conditions += fmt::format(" AND {} LIKE ? ESCAPE '\\'", name);
+    binds.push_back(Bind::text(LogQuery::escapeLike(*prefix) + "%"));
+  }
+  Statement statement = db_.prepare(fmt::format(
+      "SELECT {0} FROM events WHERE {1} GROUP BY {0} ORDER BY count(*) DESC, {0} ASC LIMIT ?", name,
+      conditions));
+  std::vector<std::string> values;
+  if (!statement) return values;
+  statement.bindInt32(bindAll(statement, 1, binds), limitParameter(limit));
+  while (statement.stepsToRow()) {
+    if (auto value = statement.optionalText(0)) values.push_back(std::move(*value));
+  }
+  return values;
+}
+
+std::vector<ValueCount> EventStore::distinctValuesWithCounts(const StoreColumn& column,
+                                                             std::int64_t limit) {
+  if (!std::holds_alternative<StoreColumn::Slot>(column.value())) return {};
+  Statement statement = db_.prepare(fmt::format(
+      "SELECT {0}, count(*) FROM events WHERE {0} IS NOT NULL AND {0} <> '' GROUP BY {0} "
+      "ORDER BY count(*) DESC, {0} ASC LIMIT ?",
+      column.sql()));
+  std::vector<ValueCount> values;
+  if (!statement) return values;
+  statement.bindInt32(1, limitParameter(limit));
+  while (statement.stepsToRow()) {
+    if (auto value = statement.optionalText(0)) {
+      values.push_back({std::move(*value), statement.integer(1)});
+    }
+  }
+  return values;
+}
+
+StoreInfo EventStore::info() {
+  StoreInfo info;
+  info.hasEvents =
+      static_cast<bool>(db_.prepare("SELECT seq,ts,level,message FROM events LIMIT 1"));
+  info.hasFullText = static_cast<bool>(db_.prepare("SELECT rowid FROM events_fts LIMIT 1"));
+  info.usedBytes = usedBytes();
+  if (Statement names = db_.prepare("SELECT name FROM sqlite_schema WHERE type='index' AND "
+                                    "tbl_name='events' ORDER BY rowid")) {
+    while (names.stepsToRow()) info.indexes.push_back(names.text(0));
+  }
+  return info;
+}
+
+}  // namespace runeflow

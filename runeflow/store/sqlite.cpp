@@ -1,0 +1,140 @@
+#include "runeflow/store/sqlite.h"
+
+#include <sqlite3.h>
+
+#include <utility>
+
+#include "runeflow/platform/overloaded.h"
+#include "runeflow/query/log_query.h"
+
+namespace runeflow {
+namespace {
+
+// With SQLITE_USE_URI compiled in, a name that begins with "file:" is parsed as a URI.
+std::string asFileName(const std::string& path) {
+  return path.starts_with("file:") ? "./" + path : path;
+}
+
+}  // namespace
+
+void Statement::Finalize::operator()(sqlite3_stmt* statement) const {
+  sqlite3_finalize(statement);
+}
+
+void Statement::bind(int index, std::int64_t value) {
+  sqlite3_bind_int64(handle_.get(), index, value);
+}
+
+void Statement::bind(int index, const std::string& text) {
+  sqlite3_bind_text(handle_.get(), index, text.c_str(), -1, SQLITE_TRANSIENT);
+}
+
+void Statement::bind(int index, const std::optional<std::string>& text) {
+  if (text) {
+    bind(index, *text);
+  } else {
+    bindNull(index);
+  }
+}
+
+void Statement::bind(int index, const Bind& value) {
+  std::visit(overloaded{
+                 [&](const std::string& text) { bind(index, text); },
+                 [&](std::int64_t number) { bind(index, number); },
+             },
+             value.value());
+}
+
+void Statement::bindInt32(int index, std::int32_t value) {
+  sqlite3_bind_int(handle_.get(), index, value);
+}
+
+void Statement::bindNull(int index) {
+  sqlite3_bind_null(handle_.get(), index);
+}
+
+Statement::Step Statement::step() {
+  switch (sqlite3_step(handle_.get())) {
+    case SQLITE_ROW:
+      return Step::row;
+    case SQLITE_DONE:
+      return Step::done;
+    default:
+      return Step::error;
+  }
+}
+
+void Statement::reset() {
+  sqlite3_reset(handle_.get());
+}
+
+std::int64_t Statement::integer(int column) const {
+  return sqlite3_column_int64(handle_.get(), column);
+}
+
+bool Statement::isNull(int column) const {
+  return sqlite3_column_type(handle_.get(), column) == SQLITE_NULL;
+}
+
+std::string Statement::text(int column) const {
+  return optionalText(column).value_or(std::string());
+}
+
+std::optional<std::string> Statement::optionalText(int column) const {
+  const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(handle_.get(), column));
+  if (!bytes) return std::nullopt;
+  return std::optional<std::string>(
+      std::in_place, bytes, static_cast<std::size_t>(sqlite3_column_bytes(handle_.get(), column)));
+}
+
+void Connection::Close::operator()(sqlite3* connection) const {
+  sqlite3_close_v2(connection);
+}
+
+Connection Connection::open(const std::string& path, int flags) {
+  sqlite3* handle = nullptr;
+  const int result = sqlite3_open_v2(asFileName(path).c_str(), &handle, flags, nullptr);
+  Connection connection;
+  connection.handle_.reset(handle);  // a failed open may still have made a handle to close
+  if (result != SQLITE_OK) connection.close();
+  return connection;
+}
+
+bool Connection::execute(const char* sql) {
+  return handle_ && sqlite3_exec(handle_.get(), sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+Statement Connection::prepare(const std::string& sql) {
+  if (!handle_) return {};
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(handle_.get(), sql.c_str(), -1, &statement, nullptr);
+  return Statement(statement);
+}
+
+std::int64_t Connection::lastInsertRowId() const {
+  return sqlite3_last_insert_rowid(handle_.get());
+}
+
+std::int64_t Connection::scalar(const std::string& sql) {
+  Statement statement = prepare(sql);
+  return statement && statement.stepsToRow() ? statement.integer(0) : 0;
+}
+
+std::string Connection::errorText() const {
+  return handle_ ? sqlite3_errmsg(handle_.get()) : "no database handle";
+}
+
+Transaction::Transaction(Connection& connection)
+    : connection_(connection), isOpen_(connection.execute("BEGIN;")) {}
+
+Transaction::~Transaction() {
+  if (isOpen_) connection_.execute("ROLLBACK;");
+}
+
+bool Transaction::commit() {
+  if (!connection_.execute("COMMIT;")) return false;
+  isOpen_ = false;
+  return true;
+}
+
+}  // namespace runeflow

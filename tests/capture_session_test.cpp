@@ -1,0 +1,247 @@
+#include "runeflow/capture/capture_session.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <array>
+#include <string_view>
+
+#include "runeflow/decoders/logcat_decoder.h"
+#include "runeflow/platform/file_descriptor.h"
+#include "runeflow/platform/gate.h"
+#include "runeflow/store/event_store.h"
+#include "support.h"
+
+namespace runeflow {
+namespace {
+
+using test::at;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+struct Pipe {
+  FileDescriptor reading;
+  FileDescriptor writing;
+  Pipe() {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(::pipe(ends.data()), 0);
+    reading.reset(ends[0]);
+    writing.reset(ends[1]);
+  }
+  void write(std::string_view text) const {
+    while (!text.empty()) {
+      const auto size = ::write(writing.get(), text.data(), text.size());
+      ASSERT_GT(size, 0);
+      text.remove_prefix(static_cast<std::size_t>(size));
+    }
+  }
+};
+
+class Capturing : public testing::Test {
+ protected:
+  static std::unique_ptr<RowDecoder> logcat() {
+    return std::make_unique<LogcatDecoder>([] { return at(1'700'000'000); });
+  }
+  static std::string lines(int count, std::string_view stem = "line") {
+    std::string text;
+    for (int i = 1; i <= count; ++i) text += fmt::format("{} {}\n", stem, i);
+    return text;
+  }
+  void createDatabase() const { EventStore::open(path_, true, SourceDescriptor::logcat()); }
+  EventStore reopen() const { return *EventStore::open(path_, false, SourceDescriptor::logcat()); }
+  std::vector<std::string> ask(const std::string& statement) const {
+    return test::sql(path_, statement);
+  }
+
+  // Runs a stream and waits for its end.
+  void capture(CaptureSession& session, int fd) {
+    session.run(fd, logcat, [this] { finished_.signal(); });
+    finished_.wait();
+  }
+  void awaitRows(std::int64_t count) {
+    auto store = reopen();
+    for (int i = 0; i < 10'000 && store.count() < count; ++i) ::usleep(1'000);
+    ASSERT_EQ(store.count(), count);
+  }
+
+  test::TemporaryFolder folder_;
+  std::string path_ = folder_.file("a.db");
+  test::CapturedLog log_;
+  Gate finished_;
+};
+
+TEST_F(Capturing, everyCompleteRecordIsStoredInOrder) {
+  createDatabase();
+  Pipe pipe;
+  CaptureSession session(path_, SourceDescriptor::logcat());
+  const int fd = pipe.reading.release();
+  session.run(fd, logcat, [this] { finished_.signal(); });
+  pipe.write(lines(30'000) + "unfinished");
+  pipe.writing.reset();
+  finished_.wait();
+
+  EXPECT_EQ(::fcntl(fd, F_GETFD), -1);
+  EXPECT_THAT(ask("SELECT count(*), max(seq) FROM events"), ElementsAre("30000|30000"));
+  EXPECT_THAT(ask("SELECT count(*) FROM events WHERE message <> 'line ' || seq"), ElementsAre("0"));
+  EXPECT_THAT(ask("INSERT INTO events_fts(events_fts) VALUES('integrity-check')"), IsEmpty());
+  const auto progress = session.progress();
+  EXPECT_EQ(progress.rowsDecoded, 30'000);
+  EXPECT_EQ(progress.rowsStored, 30'000);
+  EXPECT_EQ(progress.rowsLost, 0);
+  EXPECT_EQ(progress.bytesRead, static_cast<std::int64_t>(lines(30'000).size() + 10));
+}
+
+TEST_F(Capturing, aQuietStreamKeepsItsLastRowsPending) {
+  createDatabase();
+  Pipe pipe;
+  CaptureSession session(path_, SourceDescriptor::logcat());
+  session.run(pipe.reading.release(), logcat, [this] { finished_.signal(); });
+  ::usleep(60'000);  // the interval under test: a row that comes after it is flushed at once
+  pipe.write("first\n");
+  awaitRows(1);
+  pipe.write("second\nthird\n");  // within 33 ms of the flush, unless this machine sleeps
+  pipe.writing.reset();
+  finished_.wait();
+  EXPECT_EQ(reopen().count(), 3);
+}
+
+TEST_F(Capturing, theCapHoldsAndMayChangeInMidStream) {
+  createDatabase();
+  CaptureSession session(path_, SourceDescriptor::logcat());
+  Pipe uncapped;
+  uncapped.write(lines(2'000));
+  uncapped.writing.reset();
+  session.setMaxBytes(-1);
+  capture(session, uncapped.reading.release());
+  EXPECT_EQ(reopen().count(), 2'000);
+
+  Pipe pipe;
+  session.run(pipe.reading.release(), logcat, [this] { finished_.signal(); });
+  session.setMaxBytes(4'000'000);
+  pipe.write(lines(50'000, "a line that takes its room in the database"));
+  pipe.writing.reset();
+  finished_.wait();
+  auto store = reopen();
+  EXPECT_GT(store.minSeq(), 2'000);
+  EXPECT_THAT(ask("SELECT message FROM events ORDER BY seq DESC LIMIT 1"),
+              ElementsAre("a line that takes its room in the database 50000"));
+  EXPECT_LT(store.usedBytes(), 4'500'000);
+  EXPECT_THAT(ask("INSERT INTO events_fts(events_fts) VALUES('integrity-check')"), IsEmpty());
+}
+
+TEST_F(Capturing, aReaderThatCannotStartSaysSoAndFinishes) {
+  CaptureSession session(path_, SourceDescriptor::logcat());
+  capture(session, -1);
+  Pipe pipe;
+  const int fd = pipe.reading.release();
+  capture(session, fd);
+  EXPECT_EQ(::fcntl(fd, F_GETFD), -1);
+  EXPECT_THAT(log_.lines(), ElementsAre("lifecycle: reader got an invalid descriptor; not starting",
+                                        "lifecycle: reader could not open store at " + path_));
+  EXPECT_FALSE(std::filesystem::exists(path_));
+}
+
+TEST_F(Capturing, readersOfOneSessionTakeTurns) {
+  createDatabase();
+  CaptureSession session(path_, SourceDescriptor::logcat());
+  Pipe first;
+  Pipe second;
+  second.write("of the second\n");
+  second.writing.reset();
+  session.run(first.reading.release(), logcat, [this] { finished_.signal(); });
+  std::atomic<bool> secondStarted = false;
+  session.run(
+      second.reading.release(),
+      [&secondStarted] {
+        secondStarted = true;
+        return logcat();
+      },
+      [this] { finished_.signal(); });
+  first.write("of the first\n");
+  EXPECT_FALSE(secondStarted);
+  first.writing.reset();
+  finished_.wait();
+  finished_.wait();
+  EXPECT_THAT(ask("SELECT message FROM events ORDER BY seq"),
+              ElementsAre("of the first", "of the second"));
+  EXPECT_THAT(log_.lines(), IsEmpty());
+}
+
+TEST_F(Capturing, aReaderThatHangsIsWaitedForFiveSecondsOnly) {
+  createDatabase();
+  CaptureSession session(path_, SourceDescriptor::logcat());
+  Pipe hanging;
+  session.run(hanging.reading.release(), logcat, [this] { finished_.signal(); });
+  Pipe next;
+  next.write("x\n");
+  next.writing.reset();
+  const auto start = std::chrono::steady_clock::now();
+  capture(session, next.reading.release());
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  EXPECT_THAT(log_.lines(),
+              ElementsAre("lifecycle: reader: previous reader did not finish within 5s; "
+                          "proceeding"));
+  hanging.writing.reset();
+  finished_.wait();
+}
+
+TEST_F(Capturing, theSessionMayDieAndTheThreadIsAsPromised) {
+  createDatabase();
+  Pipe pipe;
+  std::string name(16, '\0');
+  std::size_t stackSize = 0;
+  bool blocksInterrupt = false;
+  {
+    CaptureSession session(path_, SourceDescriptor::logcat());
+    session.run(
+        pipe.reading.release(),
+        [&] {
+          pthread_getname_np(pthread_self(), name.data(), name.size());
+          pthread_attr_t attributes;
+          pthread_getattr_np(pthread_self(), &attributes);
+          pthread_attr_getstacksize(&attributes, &stackSize);
+          pthread_attr_destroy(&attributes);
+          sigset_t blocked;
+          pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+          blocksInterrupt =
+              sigismember(&blocked, SIGINT) == 1 && sigismember(&blocked, SIGSEGV) == 0;
+          return logcat();
+        },
+        [this] { finished_.signal(); });
+  }
+  pipe.write(lines(10));
+  pipe.writing.reset();
+  finished_.wait();
+  EXPECT_EQ(std::string_view(name.c_str()), "runeflow.log-re");
+  EXPECT_GE(stackSize, std::size_t{4} << 20);
+  EXPECT_TRUE(blocksInterrupt);
+  EXPECT_EQ(reopen().count(), 10);
+}
+
+TEST_F(Capturing, aBatchThatCannotBeWrittenIsCountedAsLost) {
+  createDatabase();
+  ask("CREATE TRIGGER full BEFORE INSERT ON events WHEN new.message='line 1500' "
+      "BEGIN SELECT RAISE(ABORT, 'no room'); END");
+  test::TemporaryFolder folder;
+  const auto file = folder.file("log");
+  FILE* out = std::fopen(file.c_str(), "w");
+  std::fputs(lines(3'000).c_str(), out);
+  std::fclose(out);
+  CaptureSession session(path_, SourceDescriptor::logcat());
+  capture(session, ::open(file.c_str(), O_RDONLY));
+  const auto progress = session.progress();
+  EXPECT_EQ(progress.rowsDecoded, 3'000);
+  EXPECT_GT(progress.rowsLost, 0);
+  EXPECT_EQ(progress.rowsStored + progress.rowsLost, 3'000);
+  EXPECT_EQ(reopen().count(), progress.rowsStored);
+  EXPECT_THAT(log_.lines(), ElementsAre(HasSubstr("no room")));
+}
+
+}  // namespace
+}  // namespace runeflow

@@ -1,0 +1,255 @@
+#include "runeflow/decoders/logcat_decoder.h"
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <time.h>
+
+#include <random>
+
+#include "support.h"
+
+namespace runeflow {
+namespace {
+
+using test::at;
+using test::bytes;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr double kJuly2023 = 1'688'200'000;
+
+// Reads in a fixed zone, so that the expected instants can be written down.
+class LogcatDecoding : public testing::Test {
+ protected:
+  static void useZone(const char* zone) {
+    ::setenv("TZ", zone, 1);
+    ::tzset();
+  }
+  void SetUp() override { useZone("UTC0"); }
+  void TearDown() override {
+    ::unsetenv("TZ");
+    ::tzset();
+  }
+
+  static LogcatDecoder decoder(double now = kJuly2023) {
+    return LogcatDecoder([now] { return at(now); });
+  }
+  static std::vector<LogRow> decode(std::string_view text, double now = kJuly2023) {
+    return decoder(now).consume(bytes(text));
+  }
+  static LogRow decodeLine(std::string line) {
+    const auto rows = decode(line += '\n');
+    EXPECT_EQ(rows.size(), 1U) << line;
+    return rows.at(0);
+  }
+  static LogRow parsed(double seconds, RuneflowLogLevel level, std::string tag, std::string pid,
+                       std::string tid, std::string message) {
+    return {at(seconds),
+            level,
+            std::move(message),
+            {},
+            std::move(tag),
+            std::move(pid),
+            std::move(tid),
+            {},
+            {},
+            {},
+            {},
+            {}};
+  }
+  static LogRow raw(std::string text) {
+    return {
+        at(kJuly2023), RuneflowLogLevel::Info, std::move(text), {}, {}, {}, {}, {}, {}, {}, {}, {}};
+  }
+};
+
+TEST_F(LogcatDecoding, linesBecomeRows) {
+  using enum RuneflowLogLevel;
+  constexpr double kNewYear = 1'672'531'200;  // 2023-01-01T00:00:00Z
+  constexpr double kTen = kNewYear + 10 * 3600;
+  const struct {
+    std::string line;
+    LogRow row;
+  } table[] = {
+      {"12-31 23:59:59.999  1234  5678 I ActivityManager: Start proc",
+       parsed(kNewYear + 365 * 86'400 - 0.001, Info, "ActivityManager", "1234", "5678",
+              "Start proc")},
+      {"01-01 10:00:00 1 2 W", parsed(kTen, Warning, "", "1", "2", "")},
+      {"01-01 10:00:00.5 1 2 D t: m", parsed(kTen + 0.005, Debug, "t", "1", "2", "m")},
+      {"01-01 10:00:00. 1 2 V t: m", parsed(kTen, Trace, "t", "1", "2", "m")},
+      {"01-01 10:00:00.1.2 1 2 A t: m", parsed(kTen, Fatal, "t", "1", "2", "m")},
+      {"01-01 10:00:00.x9 1 2 S t: m", parsed(kTen, Info, "t", "1", "2", "m")},
+      {"01-01 10:00:00.-5 1 2 F t: m", parsed(kTen - 0.005, Fatal, "t", "1", "2", "m")},
+      {"01-01 10:00:00.1500 1 2 E t: m", parsed(kTen + 1.5, Error, "t", "1", "2", "m")},
+      {"  +1-+01   +10:0:61   1   2   E   t: m", parsed(kTen + 61, Error, "t", "1", "2", "m")},
+      {"02-30 00:00:00 1 2 I t: m",
+       parsed(kNewYear + (31 + 29) * 86'400, Info, "t", "1", "2", "m")},
+      // The first ": " divides, and what follows it is kept as it is.
+      {"01-01 10:00:00 1 2 I chatty  : a: b ", parsed(kTen, Info, "chatty", "1", "2", "a: b ")},
+      {"01-01 10:00:00 1 2 I Tag:  x ", parsed(kTen, Info, "Tag", "1", "2", " x ")},
+      {"01-01 10:00:00 1 2 I Tag:value", parsed(kTen, Info, "Tag", "1", "2", "value")},
+      {"01-01 10:00:00 1 2 I \tTag\u2003:\tvalue \u3000",
+       parsed(kTen, Info, "Tag", "1", "2", "value")},
+      {"01-01 10:00:00 1 2 I no colon ", parsed(kTen, Info, "", "1", "2", "no colon ")},
+      {"01-01 10:00:00 1 2 I a:b: c", parsed(kTen, Info, "a:b", "1", "2", "c")},
+      {"01-01 10:00:00 1 2 I a\rb: c\r\r", parsed(kTen, Info, "a\rb", "1", "2", "c\r")},
+      // Numeric characters, not only digits, make a pid; separators with a mark separate nothing.
+      {"01-01 10:00:00 1² ٣½ I t: m", parsed(kTen, Info, "t", "1²", "٣½", "m")},
+      {"01-01 10:00:00 1 2 I a:\u0301 b: c", parsed(kTen, Info, "a:\u0301 b", "1", "2", "c")},
+      {"01-01 10:00:00 1 2 I a: \u0301b", parsed(kTen, Info, "a", "1", "2", " \u0301b")},
+      {"01-01 10:00:00.\u0301 1 2 I t: m", raw("01-01 10:00:00.\u0301 1 2 I t: m")},
+      {"01-01 \u030110:00:00 1 2 I t: m", raw("01-01 \u030110:00:00 1 2 I t: m")},
+      {"01-01 10:00:00 1 2 I\u0301 t: m", raw("01-01 10:00:00 1 2 I\u0301 t: m")},
+      {"01-01 10:00:00 1 2 I t: bad \xFF\xE2\x82",
+       parsed(kTen, Info, "t", "1", "2", "bad \uFFFD\uFFFD")},
+  };
+  for (const auto& [line, expected] : table) {
+    SCOPED_TRACE(line);
+    EXPECT_EQ(decodeLine(line), expected);
+  }
+}
+
+TEST_F(LogcatDecoding, whatIsNotThreadtimeBecomesARawRow) {
+  for (const std::string line : {
+           "hello world",
+           "01-01 10:00:00.000",
+           "01-01\t10:00:00 1 2 I t: m",
+           "01-01 10:00:00 1 2 II t: m",
+           "01-01 10:00:00 1 2 i t: m",
+           "01-01 10:00:00 12a 2 I t: m",
+           "01-01 10:00:00 1 -2 I t: m",
+           "13-01 10:00:00 1 2 I t: m",
+           "00-01 10:00:00 1 2 I t: m",
+           "01-00 10:00:00 1 2 I t: m",
+           "01-32 10:00:00 1 2 I t: m",
+           "01-01-01 10:00:00 1 2 I t: m",
+           "01- 10:00:00 1 2 I t: m",
+           "01-01 24:00:00 1 2 I t: m",
+           "01-01 10:60:00 1 2 I t: m",
+           "01-01 10:00:62 1 2 I t: m",
+           "01-01 10:00 1 2 I t: m",
+           "01-01 10:00:00:00 1 2 I t: m",
+           "01-01 -1:00:00 1 2 I t: m",
+           "01-01 10:00:.5 1 2 I t: m",
+           "٠١-01 10:00:00 1 2 I t: m",
+           "01-01 10:00:00.9223372036855 1 2 I t: m",
+           "01-01 10:00:00.99999999999999999999999 1 2 I t: m",
+           "99999999999999999999-01 10:00:00 1 2 I t: m",
+       }) {
+    EXPECT_EQ(decodeLine(line), raw(line));
+  }
+}
+
+TEST_F(LogcatDecoding, bannersEmptyLinesAndTheUnfinishedLineGiveNoRow) {
+  EXPECT_THAT(decode("--------- beginning of main\r\n\n\r\n-x\nno line end"), IsEmpty());
+  EXPECT_THAT(decode("a\r\nb\n"), ElementsAre(raw("a"), raw("b")));
+}
+
+TEST_F(LogcatDecoding, itDoesNotMatterHowTheStreamIsCut) {
+  const std::string text =
+      "--------- beginning of main\r\n06-30 10:00:00.123  1  2 I täg: grüße \xF0\x9F\x98\x80\r\n\n"
+      "\xE2\x82 raw \xFF\n06-30 10:00:00.124  1  2 E t: last\ntail";
+  const auto whole = decode(text);
+  ASSERT_EQ(whole.size(), 3U);
+  for (std::size_t cut = 0; cut <= text.size(); ++cut) {
+    auto split = decoder();
+    auto rows = split.consume(bytes(text.substr(0, cut)));
+    for (auto& row : split.consume(bytes(text.substr(cut)))) rows.push_back(std::move(row));
+    ASSERT_EQ(rows, whole) << cut;
+  }
+  auto byteWise = decoder();
+  std::vector<LogRow> rows;
+  for (const char byte : text) {
+    for (auto& row : byteWise.consume(bytes({&byte, 1}))) rows.push_back(std::move(row));
+  }
+  EXPECT_EQ(rows, whole);
+}
+
+TEST_F(LogcatDecoding, aLineWithoutEndCostsLinearTime) {
+  auto endless = decoder();
+  const std::string piece(4096, 'x');
+  // Searching all that came before on every call would be 50 GB of reading here.
+  for (int i = 0; i < 5'000; ++i) ASSERT_THAT(endless.consume(bytes(piece)), IsEmpty());
+  const auto rows = endless.consume(bytes("\n"));
+  ASSERT_EQ(rows.size(), 1U);
+  EXPECT_EQ(rows[0].message().size(), 5'000 * piece.size());
+}
+
+TEST_F(LogcatDecoding, timesAreThoseOfTheSystemsZone) {
+  useZone("CET-1CEST,M3.5.0,M10.5.0/3");
+  const struct {
+    std::string_view time;
+    double utc;
+  } table[] = {
+      {"01-01 00:30:00", 1'672'529'400},         // winter: UTC+1, still 2022 in UTC
+      {"07-01 12:00:00.25", 1'688'205'600.025},  // summer: UTC+2
+      {"03-26 01:59:59", 1'679'792'399},
+      {"03-26 03:00:00", 1'679'792'400},  // the clock has gone from 2 to 3
+      {"10-29 01:59:59", 1'698'537'599},
+      {"10-29 03:00:00", 1'698'544'800},
+      {"12-31 23:59:59", 1'704'063'599},
+  };
+  std::string text;
+  for (const auto& row : table) text += fmt::format("{} 1 2 I t: m\n", row.time);
+  const auto rows = decode(text);
+  ASSERT_EQ(rows.size(), std::size(table));
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    EXPECT_EQ(rows[i].timestamp(), at(table[i].utc)) << table[i].time;
+  }
+}
+
+TEST_F(LogcatDecoding, everyTimeOfAYearIsWhatMktimeSays) {
+  useZone("CET-1CEST,M3.5.0,M10.5.0/3");
+  auto sequence = decoder();  // keeps its offset from line to line
+  std::mt19937 random(3);
+  for (int i = 0; i < 20'000; ++i) {
+    std::tm fields{};
+    fields.tm_year = 123;
+    fields.tm_mon = i % 12;
+    fields.tm_mday = static_cast<int>(random() % 31) + 1;
+    fields.tm_hour = static_cast<int>(random() % 24);
+    fields.tm_min = static_cast<int>(random() % 60);
+    fields.tm_isdst = -1;
+    const auto line = fmt::format("{}-{} {}:{}:00 1 2 I t: m\n", fields.tm_mon + 1, fields.tm_mday,
+                                  fields.tm_hour, fields.tm_min);
+    const auto rows = sequence.consume(bytes(line));
+    ASSERT_EQ(rows.at(0).timestamp(), at(static_cast<double>(std::mktime(&fields)))) << line;
+  }
+}
+
+TEST_F(LogcatDecoding, theYearIsThatOfTheDecodersBirth) {
+  constexpr double kLastSecondOf2023 = 1'704'067'199;
+  auto calls = 0;
+  LogcatDecoder old([&calls] { return at(kLastSecondOf2023 + 3600 * calls++); });
+  EXPECT_EQ(calls, 1);
+  const auto rows = old.consume(bytes("01-01 00:00:00 1 2 I t: m\nraw\n"));
+  EXPECT_EQ(rows.at(0).timestamp(), at(1'672'531'200));
+  EXPECT_EQ(rows.at(1).timestamp(), at(kLastSecondOf2023 + 3600));
+  for (const double odd : {std::nan(""), 1e300, -1e300}) decode("01-01 00:00:00 1 2 I t: m\n", odd);
+}
+
+TEST_F(LogcatDecoding, samplesAreRecognised) {
+  const std::string line = "02-29 10:00:00 1 2 I t: m";
+  const struct {
+    std::string sample;
+    bool isThreadtime;
+  } table[] = {
+      {"--------- beginning of main\r\n\r\n" + line + "\r\n", true},
+      {"noise\n\xFF\n" + line + "\n", true},
+      {line, false},  // its end may be missing
+      {"", false},
+      {std::string(9'000, 'x'), false},
+      {std::string(8'192 - line.size() - 2, 'x') + "\n" + line + "\n", true},
+      {std::string(8'192 - line.size() - 1, 'x') + "\n" + line + "\n", false},
+      {"DLT\x01\n", false},
+  };
+  for (const auto& row : table) {
+    EXPECT_EQ(LogcatDecoder::looksLikeThreadtime(bytes(row.sample)), row.isThreadtime)
+        << row.sample.substr(0, 60);
+  }
+}
+
+}  // namespace
+}  // namespace runeflow

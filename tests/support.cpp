@@ -1,0 +1,110 @@
+#include "support.h"
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <memory>
+
+#include "runeflow/platform/gate.h"
+#include "runeflow/platform/thread.h"
+
+namespace runeflow {
+
+void PrintTo(const LogRow& row, std::ostream* out) {
+  *out << fmt::format("{:.6f} level {} {}", row.timestamp().time_since_epoch().count(),
+                      rawValue(row.level()), testing::PrintToString(row.message()));
+  for (std::size_t i = 0; i < LogRow::slotCount; ++i) {
+    if (const auto* text = row.slot(static_cast<std::int64_t>(i))) {
+      *out << fmt::format(" s{}={}", i, testing::PrintToString(*text));
+    }
+  }
+  if (row.ctx()) *out << " ctx=" << testing::PrintToString(*row.ctx());
+}
+
+}  // namespace runeflow
+
+namespace runeflow::test {
+
+TemporaryFolder::TemporaryFolder() {
+  std::string name = (std::filesystem::temp_directory_path() / "runeflow-test-XXXXXX").string();
+  path_ = ::mkdtemp(name.data());
+}
+
+TemporaryFolder::~TemporaryFolder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+std::vector<std::string> sql(const std::string& path, const std::string& statement) {
+  sqlite3* opened = nullptr;
+  const int result = sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE, nullptr);
+  const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(opened, sqlite3_close);
+  if (result != SQLITE_OK) return {"error: cannot open"};
+  sqlite3_busy_timeout(db.get(), 5000);
+  std::vector<std::string> lines;
+  const auto collect = [](void* target, int count, char** values, char**) {
+    std::string line;
+    for (int i = 0; i < count; ++i) {
+      line += fmt::format("{}{}", i ? "|" : "", values[i] ? values[i] : "NULL");
+    }
+    static_cast<std::vector<std::string>*>(target)->push_back(line);
+    return 0;
+  };
+  if (sqlite3_exec(db.get(), statement.c_str(), collect, &lines, nullptr) != SQLITE_OK) {
+    return {fmt::format("error: {}", sqlite3_errmsg(db.get()))};
+  }
+  return lines;
+}
+
+CapturedLog::CapturedLog(AppLog::Level minimumLevel) {
+  AppLog::attachSink(
+      [this](const AppLog::Line& line) {
+        const std::lock_guard lock(mutex_);
+        lines_.push_back(fmt::format("{}: {}", line.category, line.message));
+      },
+      minimumLevel);
+}
+
+CapturedLog::~CapturedLog() {
+  AppLog::attachSink({});
+}
+
+std::vector<std::string> CapturedLog::lines() const {
+  const std::lock_guard lock(mutex_);
+  return lines_;
+}
+
+LogRow row(std::string message, std::optional<std::string> tag, RuneflowLogLevel level,
+           std::optional<LogRow::Context> ctx) {
+  return {at(1'700'000'000),
+          level,
+          std::move(message),
+          std::move(ctx),
+          std::move(tag),
+          {},
+          {},
+          {},
+          {},
+          {},
+          {},
+          {}};
+}
+
+std::vector<LogRow> rows(std::string_view stem, int count) {
+  std::vector<LogRow> made;
+  for (int i = 1; i <= count; ++i) made.push_back(row(fmt::format("{} {}", stem, i)));
+  return made;
+}
+
+void onStackOf(std::size_t stackSize, std::move_only_function<void()> body) {
+  Gate done;
+  std::move_only_function<void()> start = [&] {
+    body();
+    done.signal();
+  };
+  ASSERT_TRUE(startThread({"small-stack", stackSize}, start));
+  done.wait();
+}
+
+}  // namespace runeflow::test
