@@ -1,0 +1,40 @@
+// Timing for benchmarks that stand beside their own yardstick.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <vector>
+
+namespace bench {
+
+template <class Work>
+double secondsOf(Work& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Of an even number, the upper one of the two in the middle.
+inline double median(std::vector<double> values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+// The median seconds of each piece of work. They run in turn, round after round, so that a machine
+// that slows down for a while slows them all alike.
+template <class... Work>
+std::array<double, sizeof...(Work)> medianSeconds(int rounds, Work... work) {
+  std::array<std::vector<double>, sizeof...(Work)> seconds;
+  for (int round = 0; round < rounds; ++round) {
+    std::size_t index = 0;
+    (seconds[index++].push_back(secondsOf(work)), ...);
+  }
+  std::array<double, sizeof...(Work)> medians;
+  std::ranges::transform(seconds, medians.begin(), median);
+  return medians;
+}
+
+}  // namespace bench
