@@ -18,6 +18,7 @@ namespace {
 using Bytes = std::span<const std::uint8_t>;
 
 constexpr std::size_t kMessages = 1'000'000;
+constexpr std::size_t kMessageSize = 127;
 constexpr std::size_t kPiece = 65'536;  // what the capture session reads at once
 constexpr int kRounds = 7;
 
@@ -27,6 +28,7 @@ constexpr std::uint32_t kUint32 = 1U << 6 | 3;
 class Recording {
  public:
   explicit Recording(std::size_t messages) {
+    bytes_.reserve(messages * kMessageSize);
     for (std::uint32_t i = 0; i < messages; ++i) addMessage(i);
   }
   Bytes bytes() const { return bytes_; }

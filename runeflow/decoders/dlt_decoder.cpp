@@ -37,9 +37,10 @@ constexpr std::uint8_t kVerbose = 1U << 0;
 
 // What the next bytes of a stream are, by their lengths alone.
 struct Frame {
-  std::size_t size = 0;  // how far to move on; 0 when more bytes are needed to tell
-  Bytes storageHeader;   // empty when there is none
-  Bytes message;         // from the standard header on; empty when the bytes are to be skipped
+  std::size_t size;         // how far to move on, once the stream holds that many bytes
+  std::size_t storageSize;  // of the storage header; 0 when there is none
+  // Otherwise the bytes are to be skipped.
+  bool holdsMessage() const { return size - storageSize >= kStandardHeaderSize; }
 };
 
 Frame cutFrame(Bytes stream) {
@@ -47,20 +48,16 @@ Frame cutFrame(Bytes stream) {
   const bool stored =
       stream.size() >= pattern.size() && std::equal(pattern.begin(), pattern.end(), stream.begin());
   const std::size_t start = stored ? kStorageHeaderSize : 0;
-  if (stream.size() < start + kStandardHeaderSize) return {};
+  if (stream.size() < start + kStandardHeaderSize) return {start + kStandardHeaderSize, start};
 
   const std::size_t length = load<std::uint16_t>(stream.subspan(start + 2), std::endian::big);
-  if (length < kStandardHeaderSize) return {.size = start + 1, .storageHeader = {}, .message = {}};
-  if (stream.size() - start < length) return {};
-  return {.size = start + length,
-          .storageHeader = stream.first(start),
-          .message = stream.subspan(start, length)};
+  return {start + (length < kStandardHeaderSize ? 1 : length), start};
 }
 
-std::size_t countFrames(Bytes stream) {
+std::size_t countMessages(Bytes stream) {
   std::size_t count = 0;
-  for (Frame frame = cutFrame(stream); frame.size > 0; frame = cutFrame(stream)) {
-    if (!frame.message.empty()) ++count;
+  for (Frame frame = cutFrame(stream); frame.size <= stream.size(); frame = cutFrame(stream)) {
+    if (frame.holdsMessage()) ++count;
     stream = stream.subspan(frame.size);
   }
   return count;
@@ -120,35 +117,32 @@ std::optional<Message> readMessage(Bytes bytes) {
   return message;
 }
 
-// Absent when nothing but padding is there.
-LogRow::Slot identifier(Bytes field) {
-  constexpr std::string_view padding("\0 ", 2);
-  const std::string_view id = dlt::asText(field);
-  const std::size_t last = id.find_last_not_of(padding);
-  if (last == std::string_view::npos) return std::nullopt;
-  return unicode::decodeLossily(id.substr(0, last + 1));
+bool isAscii(std::uint32_t fourBytes) {
+  return (fourBytes & 0x8080'8080U) == 0;
 }
 
-LogRow::Slot ecuOf(const Message& message, Bytes storageHeader) {
-  LogRow::Slot ecu;
-  if (message.ecuId) ecu = identifier(*message.ecuId);
-  if (!ecu && !storageHeader.empty()) ecu = identifier(storageHeader.subspan(12, 4));
-  return ecu;
-}
-
-LogRow::Slot typeName(std::uint8_t messageInfo) {
-  switch (messageInfo >> 1 & 0x7) {
-    case 0:
-      return "Log";
-    case 1:
-      return "AppTrace";
-    case 2:
-      return "NwTrace";
-    case 3:
-      return "Control";
-    default:
-      return std::nullopt;
+// Leaves the slot absent when nothing but padding is there.
+void setIdentifier(LogRow::Slot& slot, Bytes field) {
+  std::size_t size = field.size();
+  while (size > 0 && (field[size - 1] == '\0' || field[size - 1] == ' ')) --size;
+  if (size == 0) return;
+  const std::string_view id = dlt::asText(field.first(size));
+  if (isAscii(load<std::uint32_t>(field, std::endian::native))) {
+    slot.emplace(id);
+  } else {
+    slot = unicode::decodeLossily(id);
   }
+}
+
+void setNumber(LogRow::Slot& slot, std::uint32_t number) {
+  const fmt::format_int digits(number);
+  slot.emplace(digits.data(), digits.size());
+}
+
+void setTypeName(LogRow::Slot& slot, std::uint8_t messageInfo) {
+  constexpr std::array<std::string_view, 4> names{"Log", "AppTrace", "NwTrace", "Control"};
+  const std::size_t type = messageInfo >> 1 & 0x7;
+  if (type < names.size()) slot.emplace(names[type]);
 }
 
 RuneflowLogLevel levelOf(std::uint8_t messageInfo) {
@@ -160,11 +154,13 @@ RuneflowLogLevel levelOf(std::uint8_t messageInfo) {
 }
 
 // Units of 0.1 ms as seconds with four decimals, without the detour over binary fractions.
-std::string secondsText(std::uint32_t timestamp) {
-  constexpr std::size_t decimals = 4;
-  std::string text = fmt::format_int(timestamp).str();
-  if (text.size() <= decimals) text.insert(0, decimals + 1 - text.size(), '0');
-  return text.insert(text.size() - decimals, 1, '.');
+void setSeconds(LogRow::Slot& slot, std::uint32_t timestamp) {
+  constexpr std::uint32_t perSecond = 10'000;
+  const fmt::format_int seconds(timestamp / perSecond);
+  const fmt::format_int fraction(perSecond + timestamp % perSecond);  // "1" and the four decimals
+  std::string& text = slot.emplace(seconds.data(), seconds.size());
+  text += '.';
+  text.append(fraction.data() + 1, fraction.size() - 1);
 }
 
 std::string messageText(const Message& message) {
@@ -188,36 +184,45 @@ Timestamp storageTime(Bytes storageHeader) {
 
 LogRow::Slots slotsOf(const Message& message, Bytes storageHeader) {
   LogRow::Slots slots;
-  slots[0] = ecuOf(message, storageHeader);
+  if (message.ecuId) setIdentifier(slots[0], *message.ecuId);
+  if (!slots[0] && !storageHeader.empty()) setIdentifier(slots[0], storageHeader.subspan(12, 4));
   if (message.extended) {
-    slots[1] = identifier(message.extended->applicationId);
-    slots[2] = identifier(message.extended->contextId);
-    slots[3] = typeName(message.extended->messageInfo);
+    setIdentifier(slots[1], message.extended->applicationId);
+    setIdentifier(slots[2], message.extended->contextId);
+    setTypeName(slots[3], message.extended->messageInfo);
   }
-  slots[4] = fmt::format_int(message.counter).str();
-  if (message.sessionId) slots[5] = fmt::format_int(*message.sessionId).str();
-  if (message.timestamp) slots[6] = secondsText(*message.timestamp);
+  setNumber(slots[4], message.counter);
+  if (message.sessionId) setNumber(slots[5], *message.sessionId);
+  if (message.timestamp) setSeconds(slots[6], *message.timestamp);
   return slots;
 }
 
-void appendRow(std::vector<LogRow>& rows, const Frame& frame, const Clock& now) {
-  const auto message = readMessage(frame.message);
+// Becomes the slots only where the row takes them, which spares each row a round of moves.
+struct SlotsMaker {
+  const Message& message;
+  Bytes storageHeader;
+  operator LogRow::Slots() const { return slotsOf(message, storageHeader); }
+};
+
+void appendRow(std::vector<LogRow>& rows, Bytes storageHeader, Bytes bytes, const Clock& now) {
+  const auto message = readMessage(bytes);
   if (!message) return;
   rows.emplace_back(
-      frame.storageHeader.empty() ? now() : storageTime(frame.storageHeader),
+      storageHeader.empty() ? now() : storageTime(storageHeader),
       message->extended ? levelOf(message->extended->messageInfo) : RuneflowLogLevel::Info,
-      messageText(*message), std::nullopt, slotsOf(*message, frame.storageHeader));
+      messageText(*message), std::nullopt, SlotsMaker{*message, storageHeader});
 }
 
-// Returns how many bytes the complete messages at the front of the stream take up.
-std::size_t decode(Bytes stream, const Clock& now, std::vector<LogRow>& rows) {
-  rows.reserve(countFrames(stream));
-  std::size_t offset = 0;
-  for (Frame frame = cutFrame(stream); frame.size > 0; frame = cutFrame(stream.subspan(offset))) {
-    if (!frame.message.empty()) appendRow(rows, frame, now);
-    offset += frame.size;
+// Takes the complete messages off the front of the stream.
+void decode(Bytes& stream, const Clock& now, std::vector<LogRow>& rows) {
+  rows.reserve(countMessages(stream));
+  for (Frame frame = cutFrame(stream); frame.size <= stream.size(); frame = cutFrame(stream)) {
+    if (frame.holdsMessage()) {
+      const Bytes bytes = stream.first(frame.size);
+      appendRow(rows, bytes.first(frame.storageSize), bytes.subspan(frame.storageSize), now);
+    }
+    stream = stream.subspan(frame.size);
   }
-  return offset;
 }
 
 }  // namespace
@@ -227,13 +232,14 @@ DLTDecoder::DLTDecoder(Clock now) : now_(std::move(now)) {}
 std::vector<LogRow> DLTDecoder::consume(std::span<const std::uint8_t> bytes) {
   std::vector<LogRow> rows;
   if (carry_.empty()) {
-    const Bytes rest = bytes.subspan(decode(bytes, now_, rows));
-    carry_.assign(rest.begin(), rest.end());
-  } else {
-    carry_.insert(carry_.end(), bytes.begin(), bytes.end());
-    const std::size_t used = decode(carry_, now_, rows);
-    carry_.erase(carry_.begin(), carry_.begin() + static_cast<std::ptrdiff_t>(used));
+    decode(bytes, now_, rows);
+    carry_.assign(bytes.begin(), bytes.end());
+    return rows;
   }
+  carry_.insert(carry_.end(), bytes.begin(), bytes.end());
+  Bytes rest = carry_;
+  decode(rest, now_, rows);
+  carry_.erase(carry_.begin(), carry_.end() - static_cast<std::ptrdiff_t>(rest.size()));
   return rows;
 }
 
