@@ -1,0 +1,52 @@
+#include "runeflow/model/source_ref.h"
+
+#include "runeflow/platform/host.h"
+#include "runeflow/platform/unicode.h"
+
+namespace runeflow {
+
+SourceRef SourceRef::thisMac() {
+  return {
+      .kind = Kind::mac,
+      .id = "mac",
+      .name = hostName().value_or("This Mac"),
+      .osVersion = "macOS " + versionText(runeflow::osVersion()),
+      .udid = std::nullopt,
+      .model = std::nullopt,
+      .streamable = true,
+      .symbol = "laptopcomputer",
+  };
+}
+
+std::string SourceRef::symbolForDeviceType(std::string_view type) {
+  // The first key found decides, so that an iPad is one whatever else its name says.
+  static constexpr struct {
+    std::string_view key;
+    const char* symbol;
+  } kSymbols[] = {
+      {"ipad", "ipad"},  {"watch", "applewatch"},   {"vision", "visionpro"},
+      {"tv", "appletv"}, {"mac", "laptopcomputer"},
+  };
+  const std::string lower = unicode::toLower(type);
+  for (const auto& [key, symbol] : kSymbols) {
+    if (lower.contains(key)) return symbol;
+  }
+  return "iphone";
+}
+
+}  // namespace runeflow
+
+std::size_t std::hash<runeflow::SourceRef>::operator()(
+    const runeflow::SourceRef& source) const noexcept {
+  std::size_t seed = static_cast<std::size_t>(source.kind) * 2 + (source.streamable ? 1 : 0);
+  const auto mix = [&seed](const auto& field) {
+    seed = seed * 31 + std::hash<std::remove_cvref_t<decltype(field)>>{}(field);
+  };
+  mix(source.id);
+  mix(source.name);
+  mix(source.osVersion);
+  mix(source.udid);
+  mix(source.model);
+  mix(source.symbol);
+  return seed;
+}
