@@ -1,6 +1,7 @@
 #include "runeflow/devices/device_catalog.h"
 
-#include <algorithm>
+#include <iterator>
+#include <list>
 #include <ranges>
 #include <utility>
 
@@ -31,9 +32,11 @@ Async<std::vector<SourceRef>> discover(bool enabled, std::vector<std::string> ar
   });
 }
 
-// std::string compares bytes as unsigned numbers, which for UTF-8 is the order of code points.
-void sortByName(std::vector<SourceRef>& sources) {
-  std::ranges::stable_sort(sources, {}, &SourceRef::name);
+// std::string compares bytes as unsigned numbers, which for UTF-8 is the order of code points. A
+// list sorts stably, and without the deprecated function in libstdc++ 12's std::stable_sort.
+std::vector<SourceRef> sortedByName(std::list<SourceRef> sources) {
+  sources.sort([](const SourceRef& a, const SourceRef& b) { return a.name < b.name; });
+  return {std::make_move_iterator(sources.begin()), std::make_move_iterator(sources.end())};
 }
 
 SourceRef sourceFrom(SimctlDeviceList::Device&& simulator, const std::string& osLabel) {
@@ -108,7 +111,7 @@ Async<std::vector<SourceRef>> discoverSimulators(bool enabled) {
 std::vector<SourceRef> parseSimulators(std::span<const std::uint8_t> data) {
   auto list = decodeSimctlDeviceList(data);
   if (!list) return {};
-  std::vector<SourceRef> sources;
+  std::list<SourceRef> sources;
   for (auto& [runtimeKey, simulators] : list->devices) {
     if (!runtimeKey.contains(kRuntimeMarker)) continue;
     const auto osLabel = osLabelFromRuntimeKey(runtimeKey);
@@ -118,8 +121,7 @@ std::vector<SourceRef> parseSimulators(std::span<const std::uint8_t> data) {
       }
     }
   }
-  sortByName(sources);
-  return sources;
+  return sortedByName(std::move(sources));
 }
 
 Async<std::vector<SourceRef>> discoverDevices(bool enabled) {
@@ -131,14 +133,13 @@ Async<std::vector<SourceRef>> discoverDevices(bool enabled) {
 std::vector<SourceRef> parseDevices(std::span<const std::uint8_t> data) {
   const auto output = decodeDevicectlOutput(data);
   if (!output) return {};
-  std::vector<SourceRef> sources;
+  std::list<SourceRef> sources;
   for (const auto& device : output->result.devices) {
     if (device.hardwareProperties && isSelectable(*device.hardwareProperties)) {
       sources.push_back(sourceFrom(device, *device.hardwareProperties));
     }
   }
-  sortByName(sources);
-  return sources;
+  return sortedByName(std::move(sources));
 }
 
 std::string osLabelFromRuntimeKey(std::string_view key) {
