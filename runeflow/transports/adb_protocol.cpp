@@ -1,0 +1,181 @@
+#include <fmt/format.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <string>
+#include <utility>
+
+#include "runeflow/platform/unicode.h"
+#include "runeflow/transports/adb_protocol_p.h"
+
+namespace runeflow::ADBTransport {
+namespace {
+
+// Header and body leave together: the server never sees one without the other coming.
+bool sendRequest(int socket, std::string_view request) {
+  const std::string message = fmt::format("{:04x}{}", request.size(), request);
+  for (std::string_view rest = message; !rest.empty();) {
+    const ssize_t sent = ::send(socket, rest.data(), rest.size(), MSG_NOSIGNAL);
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent <= 0) return false;
+    rest.remove_prefix(static_cast<std::size_t>(sent));
+  }
+  return true;
+}
+
+// Exactly `count` bytes; absent when the stream ends or fails before. Memory follows the bytes that
+// arrive, not the count that the other side claims.
+std::optional<std::string> readExactly(int socket, std::size_t count) {
+  std::string bytes;
+  std::array<char, 4096> chunk;
+  while (bytes.size() < count) {
+    const std::size_t wanted = std::min(chunk.size(), count - bytes.size());
+    const ssize_t received = ::recv(socket, chunk.data(), wanted, 0);
+    if (received < 0 && errno == EINTR) continue;
+    if (received <= 0) return std::nullopt;
+    bytes.append(chunk.data(), static_cast<std::size_t>(received));
+  }
+  return bytes;
+}
+
+// "OKAY", or the word of a rejection.
+std::optional<std::string> readStatus(int socket) {
+  return readExactly(socket, 4);
+}
+
+// A sign is allowed, so "-000" is a length of 0; a negative one is none.
+std::optional<std::size_t> parseLength(std::string_view header) {
+  if (header.starts_with('+')) {
+    header.remove_prefix(1);
+    if (header.starts_with('-')) return std::nullopt;
+  }
+  int length = 0;
+  const char* const end = header.data() + header.size();
+  const auto [parsed, error] = std::from_chars(header.data(), end, length, 16);
+  if (error != std::errc{} || parsed != end || length < 0) return std::nullopt;
+  return static_cast<std::size_t>(length);
+}
+
+std::optional<std::string> readText(int socket) {
+  const auto header = readExactly(socket, 4);
+  if (!header) return std::nullopt;
+  const auto length = parseLength(*header);
+  if (!length) return std::nullopt;
+  const auto bytes = readExactly(socket, *length);
+  if (!bytes) return std::nullopt;
+  return unicode::decodeLossily(*bytes);
+}
+
+bool contains(std::string_view text, std::string_view part) {
+  return text.find(part) != std::string_view::npos;
+}
+
+// The length of the newline character that the text begins with; 0 when it begins with another.
+// CR LF may count as two, as empty lines are dropped.
+std::size_t newlineLength(std::string_view text) {
+  if (text.front() >= '\n' && text.front() <= '\r') return 1;
+  for (const std::string_view newline : {"\u0085", "\u2028", "\u2029"}) {
+    if (text.starts_with(newline)) return newline.size();
+  }
+  return 0;
+}
+
+// Views into `text`; empty lines are dropped.
+std::vector<std::string_view> lines(std::string_view text) {
+  std::vector<std::string_view> found;
+  std::size_t start = 0;
+  for (std::size_t position = 0; position < text.size();) {
+    const std::size_t newline = newlineLength(text.substr(position));
+    if (newline == 0) {
+      ++position;
+      continue;
+    }
+    if (position > start) found.push_back(text.substr(start, position - start));
+    position += newline;
+    start = position;
+  }
+  if (start < text.size()) found.push_back(text.substr(start));
+  return found;
+}
+
+// Takes the next token off the line; empty at its end.
+std::string_view takeToken(std::string_view& line) {
+  constexpr std::string_view kBlanks = " \t";
+  line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
+  const auto token = line.substr(0, line.find_first_of(kBlanks));
+  line.remove_prefix(token.size());
+  return token;
+}
+
+void setProperty(Device& device, std::string_view key, std::string_view value) {
+  if (key == "product") device.product = value;
+  if (key == "model") device.model = value;
+  if (key == "device") device.device = value;
+}
+
+// Absent for a line of fewer than two tokens.
+std::optional<Device> parseDevice(std::string_view line) {
+  Device device{.serial = std::string(takeToken(line)), .state = std::string(takeToken(line))};
+  if (device.state.empty()) return std::nullopt;
+  for (auto token = takeToken(line); !token.empty(); token = takeToken(line)) {
+    const std::size_t colon = token.find(':');
+    if (colon == std::string_view::npos) continue;
+    setProperty(device, token.substr(0, colon), token.substr(colon + 1));
+  }
+  return device;
+}
+
+}  // namespace
+
+std::expected<std::vector<Device>, ADBError> requestDevices(int socket, std::string_view host,
+                                                            std::uint16_t port) {
+  if (!sendRequest(socket, "host:devices-l")) {
+    return std::unexpected(ADBError::serverUnreachable(
+        fmt::format("Couldn't send to the adb server at {}:{}.", host, port)));
+  }
+  const auto status = readStatus(socket);
+  if (!status) {
+    return std::unexpected(ADBError::serverUnreachable(
+        fmt::format("No response from the adb server at {}:{}.", host, port)));
+  }
+  auto text = readText(socket);
+  if (*status != "OKAY") {
+    return std::unexpected(
+        ADBError::protocolFailure(std::move(text).value_or("adb server rejected host:devices-l")));
+  }
+  if (!text) {
+    return std::unexpected(ADBError::protocolFailure("truncated device list from the adb server"));
+  }
+  return parseDeviceList(*text);
+}
+
+std::expected<void, ADBError> requestService(int socket, std::string_view request) {
+  if (!sendRequest(socket, request)) {
+    return std::unexpected(
+        ADBError::serverUnreachable(fmt::format("Couldn't send '{}' to the adb server.", request)));
+  }
+  const auto status = readStatus(socket);
+  if (!status) {
+    return std::unexpected(ADBError::serverUnreachable(
+        fmt::format("No response to '{}' from the adb server.", request)));
+  }
+  if (*status == "OKAY") return {};
+  auto reason = readText(socket).value_or(fmt::format("adb rejected '{}'", request));
+  if (contains(reason, "not found") || contains(reason, "no devices")) {
+    return std::unexpected(ADBError::deviceNotFound(std::move(reason)));
+  }
+  return std::unexpected(ADBError::protocolFailure(std::move(reason)));
+}
+
+std::vector<Device> parseDeviceList(std::string_view text) {
+  std::vector<Device> devices;
+  for (const auto line : lines(text)) {
+    if (auto device = parseDevice(line)) devices.push_back(std::move(*device));
+  }
+  return devices;
+}
+
+}  // namespace runeflow::ADBTransport
