@@ -1,5 +1,7 @@
 #include "runeflow/model/source_ref.h"
 
+#include <type_traits>
+
 #include "runeflow/platform/host.h"
 #include "runeflow/platform/unicode.h"
 
