@@ -5,6 +5,7 @@
 
 #include <array>
 #include <bit>
+#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -18,7 +19,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Optional;
 using testing::SizeIs;
 using Level = RuneflowLogLevel;
 using Buffer = std::vector<std::uint8_t>;
@@ -31,14 +31,8 @@ constexpr std::uint32_t kStrg = 0x200;
 constexpr std::uint32_t kRawd = 0x400;
 constexpr std::uint32_t kVari = 0x800;
 
-constexpr std::uint8_t kVerboseInfo = 0x41;  // Log, Info, verbose
-
-void append(Buffer& to, const Buffer& from) {
-  to.insert(to.end(), from.begin(), from.end());
-}
-
 Buffer operator+(Buffer a, const Buffer& b) {
-  append(a, b);
+  a.insert(a.end(), b.begin(), b.end());
   return a;
 }
 
@@ -61,6 +55,14 @@ Buffer stringArgument(std::string_view characters) {
   return argument(kStrg, number(static_cast<std::uint16_t>(characters.size())) + text(characters));
 }
 
+Buffer doubleArguments(const std::vector<double>& values) {
+  Buffer bytes;
+  for (const double value : values) {
+    bytes = bytes + argument(kFloa | 4, number(std::bit_cast<std::uint64_t>(value)));
+  }
+  return bytes;
+}
+
 // One message, its header flags and length following from what is put in.
 class Dlt {
  public:
@@ -77,7 +79,7 @@ class Dlt {
   Dlt& extended(std::uint8_t info, std::uint8_t arguments, std::string_view ids = "APP1CTX1") {
     return field(0x01, Buffer{info, arguments} + text(ids));
   }
-  Dlt& payload(const Buffer& bytes) { return append(body_, bytes), *this; }
+  Dlt& payload(const Buffer& bytes) { return body_ = body_ + bytes, *this; }
   Dlt& length(std::uint16_t claimed) { return length_ = claimed, *this; }
 
   operator Buffer() const {
@@ -87,10 +89,7 @@ class Dlt {
   }
 
  private:
-  Dlt& field(std::uint8_t flag, const Buffer& bytes) {
-    flags_ |= flag;
-    return payload(bytes);
-  }
+  Dlt& field(std::uint8_t flag, const Buffer& bytes) { return flags_ |= flag, payload(bytes); }
 
   Buffer storage_;
   Buffer body_;
@@ -118,7 +117,7 @@ class DLTDecoderTest : public testing::Test {
   }
 
   static std::string verbose(std::uint8_t argumentCount, const Buffer& payload) {
-    return decodeOne(Dlt().extended(kVerboseInfo, argumentCount).payload(payload)).message();
+    return decodeOne(Dlt().extended(0x41, argumentCount).payload(payload)).message();
   }
 
   // The stream in pieces of at most `size` bytes, the first of them `first` bytes long.
@@ -136,14 +135,9 @@ class DLTDecoderTest : public testing::Test {
 };
 
 TEST_F(DLTDecoderTest, headersFillTheSlots) {
-  EXPECT_EQ(decodeOne(Dlt()
-                          .storage(1'700'000'000, 500'000, "REC1")
-                          .counter(255)
-                          .ecu("ECU1")
-                          .session(42)
-                          .timestamp(123'456)
-                          .extended(0x31, 1)
-                          .payload(stringArgument("hello"))),
+  const Dlt full = Dlt().storage(1'700'000'000, 500'000, "REC1").counter(255).ecu("ECU1");
+  EXPECT_EQ(decodeOne(Dlt(full).session(42).timestamp(123'456).extended(0x31, 1).payload(
+                stringArgument("hello"))),
             LogRow(at(1'700'000'000.5), Level::Warning, "hello", std::nullopt, "ECU1", "APP1",
                    "CTX1", "Log", "255", "42", "12.3456", std::nullopt));
   EXPECT_EQ(decodeOne(Dlt().counter(7)),
@@ -155,26 +149,18 @@ TEST_F(DLTDecoderTest, identifiersLosePaddingAtTheirEndOnly) {
     std::string_view bytes;
     std::optional<std::string> expected;
   } rows[] = {
-      {{"AB\0\0", 4}, "AB"},
-      {{"A \0 ", 4}, "A"},
-      {" A B", " A B"},
-      {{"\0A\0\0", 4}, {{"\0A", 2}}},
-      {{"\0 \0 ", 4}, std::nullopt},
-      {"\xff"
-       "A  ",
-       "\uFFFDA"},
+      {{"AB\0\0", 4}, "AB"},          {{"A \0 ", 4}, "A"},           {" A B", " A B"},
+      {{"\0A\0\0", 4}, {{"\0A", 2}}}, {{"\0 \0 ", 4}, std::nullopt}, {"A\xff  ", "A\uFFFD"},
       {"\xe2\x82\xac ", "€"},
-      {{"A\xe2\x82\0", 4}, "A\uFFFD"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::PrintToString(row.bytes));
     const std::string ids = std::string(row.bytes) + std::string(row.bytes);
-    const LogRow decoded = decodeOne(Dlt().ecu(row.bytes).extended(0, 0, ids));
-    EXPECT_THAT(decoded.slots(), testing::Contains(row.expected).Times(row.expected ? 3 : 6));
+    const LogRow decoded =
+        decodeOne(Dlt().storage(1, 0, "REC1").ecu(row.bytes).extended(0, 0, ids));
+    EXPECT_EQ(decoded.s0(), row.expected.value_or("REC1"));  // the recorder's stands in
+    EXPECT_EQ(decoded.s1(), row.expected);
     EXPECT_EQ(decoded.s2(), row.expected);
-    // Without an ECU of its own, the message belongs to the recorder's.
-    EXPECT_EQ(decodeOne(Dlt().storage(1, 0, "REC1").ecu(row.bytes)).s0(),
-              row.expected.value_or("REC1"));
     EXPECT_EQ(decodeOne(Dlt().storage(1, 0, row.bytes)).s0(), row.expected);
   }
 }
@@ -195,46 +181,33 @@ TEST_F(DLTDecoderTest, messageInfoGivesTypeAndLevel) {
 }
 
 TEST_F(DLTDecoderTest, ecuTimeHasFourExactDecimals) {
-  const struct {
-    std::uint32_t ticks;
-    const char* expected;
-  } rows[] = {{0, "0.0000"},
-              {1, "0.0001"},
-              {9'999, "0.9999"},
-              {10'050, "1.0050"},
-              {4'294'967'295, "429496.7295"}};
-  for (const auto& row : rows) {
-    EXPECT_THAT(decodeOne(Dlt().timestamp(row.ticks)).s6(), Optional(std::string(row.expected)));
+  std::string texts;
+  for (const std::uint32_t ticks : {0U, 1U, 9'999U, 10'050U, 4'294'967'295U}) {
+    texts += decodeOne(Dlt().timestamp(ticks)).s6().value_or("absent") + " ";
   }
+  EXPECT_EQ(texts, "0.0000 0.0001 0.9999 1.0050 429496.7295 ");
 }
 
 TEST_F(DLTDecoderTest, payloadsWithoutArgumentsAreOutlined) {
-  Buffer long65(65, 0xab);
   std::string pairs64 = "ab";
   for (int i = 1; i < 64; ++i) pairs64 += " ab";
+  const Dlt nonVerbose = Dlt().extended(0, 9);
   const struct {
-    const char* name;
     Buffer message;
     std::string expected;
   } rows[] = {
-      {"no extended header", Dlt().payload({1, 0xab, 0}), "01 ab 00"},
-      {"64 bytes", Dlt().payload(Buffer(64, 0xab)), pairs64},
-      {"65 bytes", Dlt().payload(long65), pairs64 + " …"},
-      {"non-verbose", Dlt().extended(0, 0).payload({1, 2, 3, 4, 5}),
-       "[non-verbose id=0x4030201 1 bytes]"},
-      {"non-verbose, big-endian", Dlt().bigEndian().extended(0, 9).payload({0, 0, 1, 0xf4}),
-       "[non-verbose id=0x1f4 0 bytes]"},
-      {"ID 0", Dlt().extended(0, 0).payload(Buffer(16, 0)), "[non-verbose id=0x0 12 bytes]"},
-      {"half an ID", Dlt().extended(0, 0).payload({1, 2, 3}), "[non-verbose]"},
+      {Dlt().payload({1, 0xab, 0}), "01 ab 00"},
+      {Dlt().payload(Buffer(64, 0xab)), pairs64},
+      {Dlt().payload(Buffer(65, 0xab)), pairs64 + " …"},
+      {Dlt(nonVerbose).payload({1, 2, 3, 4, 5}), "[non-verbose id=0x4030201 1 bytes]"},
+      {Dlt(nonVerbose).bigEndian().payload({0, 0, 1, 0xf4}), "[non-verbose id=0x1f4 0 bytes]"},
+      {Dlt(nonVerbose).payload(Buffer(16, 0)), "[non-verbose id=0x0 12 bytes]"},
+      {Dlt(nonVerbose).payload({1, 2, 3}), "[non-verbose]"},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(decodeOne(row.message).message(), row.expected);
-  }
+  for (const auto& row : rows) EXPECT_EQ(decodeOne(row.message).message(), row.expected);
 }
 
 TEST_F(DLTDecoderTest, rendersArguments) {
-  constexpr float kInfinity = std::numeric_limits<float>::infinity();
   const struct {
     std::uint32_t typeInfo;
     Buffer data;
@@ -250,57 +223,38 @@ TEST_F(DLTDecoderTest, rendersArguments) {
       {kSint | 4, number(std::numeric_limits<std::int64_t>::min()), "-9223372036854775808"},
       {kUint | 4, Buffer(8, 0xff), "18446744073709551615"},
       {kFloa | 3, number(std::bit_cast<std::uint32_t>(0.1F)), "0.1"},
-      {kFloa | 3, number(std::bit_cast<std::uint32_t>(kInfinity)), "inf"},
-      {kFloa | 3, number(std::bit_cast<std::uint32_t>(-kInfinity)), "-inf"},
-      {kFloa | 3, number(0xffc0'0000U), "nan"},
-      {kFloa | 4, number(std::bit_cast<std::uint64_t>(1.0)), "1.0"},
-      {kFloa | 4, number(std::bit_cast<std::uint64_t>(-0.0)), "-0.0"},
-      {kFloa | 4, number(std::bit_cast<std::uint64_t>(-3.5)), "-3.5"},
-      {kFloa | 4, number(std::bit_cast<std::uint64_t>(100'000.0)), "100000.0"},
-      {kFloa | 4, number(std::bit_cast<std::uint64_t>(0.1 + 0.2)), "0.30000000000000004"},
-      {kFloa | 4, number(std::bit_cast<std::uint64_t>(0.0001)), "0.0001"},
-      {kFloa | 4, number(std::bit_cast<std::uint64_t>(0.00001)), "1e-05"},
-      {kFloa | 4, number(std::bit_cast<std::uint64_t>(1e16)), "1e+16"},
       {kStrg, {4, 0, 'a', 0, 0, 0}, "a"},
       {kStrg | kRawd | kBool, {3, 0, 0, ' ', 0xff}, {"\0 \uFFFD", 5}},
       {kRawd | kUint | 3, {2, 0, 0x0a, 0xff}, "0a ff"},
       {kRawd, {0, 0}, ""},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.expected);
     // The argument behind it shows how many bytes were used.
     EXPECT_EQ(verbose(2, argument(row.typeInfo, row.data) + stringArgument("|")),
               row.expected + " |");
   }
-  const Buffer raw100 = argument(kRawd, number(std::uint16_t{100}) + Buffer(100, 0));
-  EXPECT_THAT(verbose(1, raw100), SizeIs(64 * 3 - 1 + std::string_view(" …").size()));
+}
+
+TEST_F(DLTDecoderTest, floatsAreTheShortestTextThatReadsBack) {
+  constexpr double kInfinity = std::numeric_limits<double>::infinity();
+  EXPECT_EQ(verbose(0, doubleArguments({1, -0.0, -3.5, 1e5, 0.1 + 0.2, 0.0001, 123456789012345})),
+            "1.0 -0.0 -3.5 100000.0 0.30000000000000004 0.0001 123456789012345.0");
+  EXPECT_EQ(verbose(0, doubleArguments({1e-5, 1e16, 5e-324, kInfinity, -kInfinity, -std::nan("")})),
+            "1e-05 1e+16 5e-324 inf -inf nan");
 }
 
 TEST_F(DLTDecoderTest, payloadFollowsItsByteOrder) {
-  constexpr auto kBig = std::endian::big;
-  const Buffer payload = number(kSint | 2, kBig) + Buffer{0xff, 0xfe} + number(kFloa | 4, kBig) +
-                         number(std::bit_cast<std::uint64_t>(0.25), kBig) + number(kStrg, kBig) +
-                         Buffer{0, 2, 'h', 'i'};
-  EXPECT_EQ(decodeOne(Dlt().bigEndian().extended(kVerboseInfo, 3).payload(payload)).message(),
-            "-2 0.25 hi");
+  const Buffer payload{0, 0, 0, kSint | 2, 0xff, 0xfe, 0, 0, 2, 0, 0, 2, 'h', 'i'};
+  EXPECT_EQ(decodeOne(Dlt().bigEndian().extended(0x41, 2).payload(payload)).message(), "-2 hi");
 }
 
 TEST_F(DLTDecoderTest, argumentCountBoundsTheText) {
   const Buffer three = stringArgument("a") + stringArgument("") + stringArgument("c");
-  const struct {
-    std::uint8_t count;
-    Buffer payload;
-    std::string expected;
-  } rows[] = {
-      {0, three, "a  c"},
-      {1, three, "a"},
-      {2, three, "a "},
-      {9, three, "a  c"},
-      {3, {}, ""},
-      {3, {1, 2, 3}, ""},
-      {0, three + Buffer(3, 9), "a  c"},  // too few for another type info
-  };
-  for (const auto& row : rows) EXPECT_EQ(verbose(row.count, row.payload), row.expected);
+  EXPECT_EQ(verbose(0, three), "a  c");
+  EXPECT_EQ(verbose(2, three), "a ");
+  EXPECT_EQ(verbose(9, three), "a  c");
+  EXPECT_EQ(verbose(0, three + Buffer(3, 9)), "a  c");  // too few for another type info
+  EXPECT_EQ(verbose(3, {1, 2, 3}), "");
 }
 
 TEST_F(DLTDecoderTest, whatCannotBeRenderedEndsAsHex) {
@@ -318,32 +272,24 @@ TEST_F(DLTDecoderTest, whatCannotBeRenderedEndsAsHex) {
       {"cut number", kUint | 4, Buffer(7, 1), "x 01 01 01 01 01 01 01"},
       {"cut string", kStrg, {2, 0, 'a'}, "x 02 00 61"},
       {"cut string length", kRawd, {2}, "x 02"},
-      {"longest string", kStrg, {0xff, 0xff}, "x ff ff"},
       {"no truth", kBool, {}, "x"},
-      {"nothing to show", kVari, {}, "x"},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(verbose(0, stringArgument("x") + argument(row.typeInfo, row.rest)), row.expected);
+    EXPECT_EQ(verbose(0, stringArgument("x") + argument(row.typeInfo, row.rest)), row.expected)
+        << row.name;
   }
 }
 
 TEST_F(DLTDecoderTest, dropsMessagesThatTheirHeadersDoNotFitInto) {
-  const struct {
-    const char* name;
-    Buffer bad;
-  } rows[] = {
-      {"extended header", Dlt().extended(0, 0, "APP1CTX")},
-      {"optional fields", Dlt().ecu("").session(1).timestamp(2)},
-      {"ECU ID alone", Dlt().ecu("ECU")},
-      {"both", Dlt().timestamp(1).extended(0, 0, "APP1CTX")},
-      {"recorded", Dlt().storage(1, 2, "REC1").extended(0, 0, "APP")},
+  const Buffer rows[] = {
+      Dlt().extended(0, 0, "APP1CTX"),
+      Dlt().ecu("ECU"),
+      Dlt().ecu("").session(1).timestamp(2),
+      Dlt().timestamp(1).extended(0, 0, "APP1CTX"),
+      Dlt().storage(1, 2, "REC1").extended(0, 0, "APP"),
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    const auto decoded = decode(row.bad + Buffer(Dlt().counter(99)));
-    ASSERT_THAT(decoded, SizeIs(1));
-    EXPECT_EQ(decoded[0].s4(), "99");
+  for (const Buffer& bad : rows) {
+    EXPECT_THAT(decode(bad + Dlt().counter(99)), ElementsAre(decodeOne(Dlt().counter(99))));
   }
 }
 
@@ -360,7 +306,7 @@ TEST_F(DLTDecoderTest, resumesOneByteAfterALengthBelowFour) {
 
 TEST_F(DLTDecoderTest, anyCutGivesTheSameRows) {
   const Buffer stream =
-      Buffer(Dlt().counter(1).ecu("ECU1").extended(kVerboseInfo, 1).payload(stringArgument("é"))) +
+      Buffer(Dlt().counter(1).ecu("ECU1").extended(0x41, 1).payload(stringArgument("é"))) +
       Dlt().storage(5, 6, "REC1").counter(2).payload({1, 2, 3}) +
       Buffer{0, 0, 0, 2, 'D', 'L', 'T'} + Buffer{0x35, 0, 0, 5, 0} +
       Dlt().storage(5, 7, "REC1").counter(3).session(8) + Dlt().storage(1, 2, "REC1").length(3) +
