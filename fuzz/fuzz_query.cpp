@@ -1,0 +1,61 @@
+// Any typed bytes parse into a query whose clause SQLite prepares, in every rewriting.
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <string_view>
+
+#include "runeflow/query/query_parser.h"
+#include "tests/events_schema.h"
+
+namespace {
+
+using namespace runeflow;
+
+void require(bool holds) {
+  if (!holds) std::abort();
+}
+
+// SQLite limits how deep parentheses nest (its parser's stack holds 100 symbols) and how long a
+// chain of ANDs or ORs is (1,000). Every link of a chain has two blanks.
+bool isWithinSqliteLimits(std::string_view clause) {
+  int depth = 0;
+  int deepest = 0;
+  for (const char c : clause) {
+    depth += c == '(' ? 1 : c == ')' ? -1 : 0;
+    deepest = std::max(deepest, depth);
+  }
+  return deepest < 20 && std::ranges::count(clause, ' ') < 1'800;
+}
+
+void checkClause(const LogQuery& query) {
+  static const auto db = testing_support::emptyEvents();
+  require(db != nullptr);
+  const auto compiled = query.compile();
+  const auto placeholders = std::ranges::count(compiled.clause, '?');
+  require(static_cast<std::size_t>(placeholders) == compiled.binds.size());
+  const auto statement =
+      testing_support::prepare(db, "SELECT seq FROM events WHERE " + compiled.clause);
+  if (!statement) {
+    require(!isWithinSqliteLimits(compiled.clause));
+    return;
+  }
+  require(sqlite3_bind_parameter_count(statement.get()) == placeholders);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size == 0) return 0;
+  const bool matchCase = (data[0] & 1) != 0;
+  const auto& descriptor =
+      (data[0] & 2) != 0 ? SourceDescriptor::dlt() : SourceDescriptor::logcat();
+  const std::string_view typed(reinterpret_cast<const char*>(data + 1), size - 1);
+
+  const auto query = QueryParser::parse(typed, descriptor, matchCase);
+  const auto scans = query.withFullTextAsSubstringScan().withContextAsSubstringScan();
+  require(scans == query.withContextAsSubstringScan().withFullTextAsSubstringScan());
+  require(QueryParser::highlightTerms(scans.root) == QueryParser::highlightTerms(query.root));
+  checkClause(query);
+  checkClause(scans);
+  return 0;
+}
