@@ -10,64 +10,17 @@
 #include <string_view>
 #include <vector>
 
+#include "bench/dlt_messages.h"
 #include "bench/measure.h"
 #include "runeflow/decoders/dlt_decoder.h"
 
 namespace {
 
-using Bytes = std::span<const std::uint8_t>;
+using bench::Bytes;
 
 constexpr std::size_t kMessages = 1'000'000;
-constexpr std::size_t kMessageSize = 127;
 constexpr std::size_t kPiece = 65'536;  // what the capture session reads at once
 constexpr int kRounds = 7;
-
-constexpr std::uint32_t kString = 1U << 9;
-constexpr std::uint32_t kUint32 = 1U << 6 | 3;
-
-class Recording {
- public:
-  explicit Recording(std::size_t messages) {
-    bytes_.reserve(messages * kMessageSize);
-    for (std::uint32_t i = 0; i < messages; ++i) addMessage(i);
-  }
-  Bytes bytes() const { return bytes_; }
-
- private:
-  // 127 bytes: storage header 16, standard header 16, extended header 10, arguments 77 and 8.
-  void addMessage(std::uint32_t i) {
-    constexpr std::string_view sentence =
-        "connection to the instrument cluster was established after some tries";
-    static_assert(sentence.size() == 69);
-    add("DLT\x01");
-    addLittle(1'700'000'000 + i / 1000);
-    addLittle(i % 1000 * 1000);
-    add("ECU1");
-    bytes_.insert(bytes_.end(), {0x3d, static_cast<std::uint8_t>(i), 0, 111});
-    add("ECU1");
-    addBig(42);
-    addBig(i * 10);
-    bytes_.insert(bytes_.end(), {static_cast<std::uint8_t>(1 | (i % 6 + 1) << 4), 2});
-    add("APP1");
-    add("CTX1");
-    addLittle(kString);
-    bytes_.insert(bytes_.end(), {sentence.size() + 2, 0});
-    add(sentence);
-    bytes_.insert(bytes_.end(), {0, 0});
-    addLittle(kUint32);
-    addLittle(i * 7919);
-  }
-
-  void add(std::string_view text) { bytes_.insert(bytes_.end(), text.begin(), text.end()); }
-  void addLittle(std::uint32_t value) {
-    for (int shift = 0; shift < 32; shift += 8) {
-      bytes_.push_back(static_cast<std::uint8_t>(value >> shift));
-    }
-  }
-  void addBig(std::uint32_t value) { addLittle(std::byteswap(value)); }
-
-  std::vector<std::uint8_t> bytes_;
-};
 
 template <class T>
 T at(const std::uint8_t* bytes) {
@@ -81,7 +34,7 @@ std::uint64_t walkArguments(const std::uint8_t* p, const std::uint8_t* end, unsi
   while (count-- > 0 && end - p >= 4) {
     const auto type = at<std::uint32_t>(p);
     p += 4;
-    if (type & kString) {
+    if (type & bench::kDltString) {
       const auto length = at<std::uint16_t>(p);
       sum += length + p[2];
       p += 2 + length;
@@ -136,7 +89,7 @@ void report(std::string_view name, double seconds, std::size_t bytes) {
 }  // namespace
 
 int main() {
-  const Recording recording(kMessages);
+  const bench::DltRecording recording(kMessages);
   const Bytes bytes = recording.bytes();
   std::uint64_t checksum = 0;
   std::size_t rows = 0;

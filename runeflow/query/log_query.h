@@ -6,9 +6,9 @@
 // values, all operations are pure and may run on any thread.
 //
 // Depth and width of a tree cost memory, never stack: every operation here walks with a list of its
-// own. SQLite is stricter. It takes at most about 1,000 conditions in one list, and the releases
-// before 3.46 take some 30 nested levels; what lies beyond compiles, but SQLite refuses to prepare
-// it.
+// own. SQLite is stricter: it refuses about 1,000 conditions in one list, and releases whose SQL
+// parser has a fixed stack (3.40 is one) some 30 nested levels. Such a query compiles all the same;
+// preparing its clause fails.
 #pragma once
 
 #include <cstdint>

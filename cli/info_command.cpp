@@ -1,0 +1,142 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+
+#include "commands.h"
+#include "database.h"
+#include "failure.h"
+#include "level_counts.h"
+#include "record_printer.h"
+#include "terminal.h"
+
+namespace cli {
+
+using runeflow::EventStore;
+
+namespace {
+
+constexpr int kBarColumns = 40;
+
+struct Summary {
+  runeflow::StoreInfo info;
+  std::string kind;
+  std::int64_t records;
+  std::int64_t firstSeq;
+  std::int64_t lastSeq;
+  std::optional<runeflow::Timestamp> firstTime;
+  std::optional<runeflow::Timestamp> lastTime;
+  LevelCounts levels;
+};
+
+std::optional<runeflow::Timestamp> timeOf(EventStore& store, std::int64_t seq) {
+  const auto records = store.fetchRange(seq, seq);
+  if (records.empty()) return std::nullopt;
+  return records.front().row.timestamp();
+}
+
+Summary summarise(EventStore& store) {
+  const auto first = store.minSeq();
+  const auto last = store.maxSeq();
+  return {store.info(), store.descriptor().id(), store.count(),       first,
+          last,         timeOf(store, first),    timeOf(store, last), countLevels(store, {})};
+}
+
+void printJson(const std::string& path, const Summary& summary) {
+  nlohmann::ordered_json object;
+  const auto time = [](const auto& t) {
+    return t ? nlohmann::ordered_json(utcTime(*t)) : nlohmann::ordered_json(nullptr);
+  };
+  object["database"] = path;
+  object["source"] = summary.kind;
+  object["records"] = summary.records;
+  object["firstSeq"] = summary.firstSeq;
+  object["lastSeq"] = summary.lastSeq;
+  object["firstTime"] = time(summary.firstTime);
+  object["lastTime"] = time(summary.lastTime);
+  for (const auto& [level, count] : summary.levels)
+    object["levels"][std::string(levelName(level))] = count;
+  object["usedBytes"] = summary.info.usedBytes;
+  object["indexes"] = summary.info.indexes;
+  object["fullText"] = summary.info.hasFullText;
+  fmt::print("{}\n", object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+}
+
+void printText(const std::string& path, const runeflow::SourceDescriptor& descriptor,
+               const Summary& summary) {
+  const auto time = [](const auto& t) { return t ? localTime(*t) : std::string("-"); };
+  fmt::print("{}: {} records\n", path, descriptor.displayName());
+  fmt::print("  records     {}\n", summary.records);
+  fmt::print("  seq         {} to {}\n", summary.firstSeq, summary.lastSeq);
+  fmt::print("  time        {} to {}\n", time(summary.firstTime), time(summary.lastTime));
+  std::int64_t most = 0;
+  for (const auto& [level, count] : summary.levels) most = std::max(most, count);
+  for (const auto& [level, count] : summary.levels) {
+    fmt::print("  {:<10} {:>9}  {}\n", levelName(level), count, bar(count, most, kBarColumns));
+  }
+  fmt::print("  used bytes  {}\n", summary.info.usedBytes);
+  fmt::print("  indexes     {}\n", fmt::join(summary.info.indexes, ", "));
+  fmt::print("  full text   {}\n", summary.info.hasFullText ? "yes" : "no");
+}
+
+void requireConsent(const std::string& path, std::int64_t records) {
+  if (::isatty(STDIN_FILENO) != 1) fail("clearing {} needs --yes when nobody can be asked", path);
+  fmt::print(stderr, "Delete all {} records of {}? [y/N] ", records, path);
+  std::string answer;
+  std::getline(std::cin, answer);
+  if (answer != "y" && answer != "Y" && answer != "yes") fail("{} was left as it is", path);
+}
+
+}  // namespace
+
+void addInfoCommand(CLI::App& app, int& exitCode) {
+  auto* command = app.add_subcommand("info", "Describe a database");
+  struct Options {
+    std::string database;
+    std::string source;
+    bool isJson = false;
+  };
+  auto options = std::make_shared<Options>();
+  command->add_option("DB", options->database, "The database")->required();
+  command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say");
+  command->add_flag("--json", options->isJson, "One JSON object");
+  command->callback([=, &exitCode] {
+    auto store = openDatabase(options->database, options->source);
+    const auto summary = summarise(store);
+    if (options->isJson) {
+      printJson(options->database, summary);
+    } else {
+      printText(options->database, store.descriptor(), summary);
+    }
+    exitCode = 0;
+  });
+}
+
+void addClearCommand(CLI::App& app, int& exitCode) {
+  auto* command = app.add_subcommand("clear", "Delete every record of a database");
+  struct Options {
+    std::string database;
+    std::string source;
+    bool isSure = false;
+  };
+  auto options = std::make_shared<Options>();
+  command->add_option("DB", options->database, "The database")->required();
+  command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say");
+  command->add_flag("--yes", options->isSure, "Do not ask");
+  command->callback([=, &exitCode] {
+    auto store = openDatabase(options->database, options->source);
+    const auto records = store.count();
+    if (!options->isSure) requireConsent(options->database, records);
+    store.clear();
+    if (store.count() > 0)
+      fail("could not clear {}; another program may be writing to it", options->database);
+    fmt::print(stderr, "runeflow: {} records deleted\n", records);
+    exitCode = 0;
+  });
+}
+
+}  // namespace cli

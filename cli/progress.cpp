@@ -1,0 +1,115 @@
+#include "progress.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "runeflow/capture/app_log.h"
+#include "terminal.h"
+
+namespace cli {
+namespace {
+
+constexpr std::chrono::milliseconds kRedrawInterval{100};
+constexpr int kBarColumns = 24;
+
+std::string clock(double seconds) {
+  const auto whole = static_cast<std::int64_t>(seconds);
+  return whole < 3600 ? fmt::format("{}:{:02}", whole / 60, whole % 60)
+                      : fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
+}
+
+std::string megabytes(std::int64_t bytes) {
+  return fmt::format("{:.1f} MB", static_cast<double>(bytes) / 1e6);
+}
+
+double rate(std::int64_t amount, double seconds) {
+  return seconds > 0 ? static_cast<double>(amount) / seconds : 0;
+}
+
+}  // namespace
+
+Progress::Progress(const runeflow::CaptureSession& session, std::optional<std::int64_t> totalBytes)
+    : session_(session), totalBytes_(totalBytes), draws_(isTerminal(stderr)) {
+  runeflow::AppLog::attachSink(
+      [this](const runeflow::AppLog::Line& line) { logLine(std::string(line.message)); });
+}
+
+Progress::~Progress() {
+  runeflow::AppLog::attachSink({});
+  const std::lock_guard lock(mutex_);
+  erase();
+  flushRepeats();
+}
+
+void Progress::tick() {
+  if (!draws_) return;
+  const std::lock_guard lock(mutex_);
+  const auto now = std::chrono::steady_clock::now();
+  if (now - lastDrawn_ < kRedrawInterval) return;
+  lastDrawn_ = now;
+  const auto width = static_cast<std::size_t>(terminalWidth(stderr) - 1);
+  fmt::print(stderr, "\r{}", fitted(text(session_.progress()), width));
+  isDrawn_ = true;
+}
+
+std::string Progress::text(const runeflow::CaptureProgress& done) const {
+  const double elapsed = seconds();
+  const auto rows =
+      fmt::format("{} records  {:.0f} rows/s", done.rowsStored, rate(done.rowsStored, elapsed));
+  if (!totalBytes_ || *totalBytes_ <= 0) {
+    return fmt::format("{}  {}  {}", rows, megabytes(done.bytesRead), clock(elapsed));
+  }
+  const double share =
+      std::min(1.0, static_cast<double>(done.bytesRead) / static_cast<double>(*totalBytes_));
+  const auto left = share > 0 ? clock(elapsed / share - elapsed) : "-:--";
+  const auto filled = bar(static_cast<std::int64_t>(share * 1000), 1000, kBarColumns);
+  return fmt::format("▕{}▏{:3.0f}%  {}  {}  {} left", fitted(filled, kBarColumns), share * 100,
+                     rows, megabytes(done.bytesRead), left);
+}
+
+double Progress::seconds() const {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+}
+
+void Progress::erase() {
+  if (isDrawn_) fmt::print(stderr, "\r\x1b[K");
+  isDrawn_ = false;
+}
+
+void Progress::say(const std::string& line) {
+  const std::lock_guard lock(mutex_);
+  erase();
+  fmt::print(stderr, "runeflow: {}\n", line);
+}
+
+// A full disk says the same for every batch.
+void Progress::logLine(std::string line) {
+  const std::lock_guard lock(mutex_);
+  if (line == lastLogged_) {
+    ++repeats_;
+    return;
+  }
+  erase();
+  flushRepeats();
+  fmt::print(stderr, "runeflow: {}\n", line);
+  lastLogged_ = std::move(line);
+}
+
+void Progress::flushRepeats() {
+  if (repeats_ > 0) fmt::print(stderr, "runeflow: (the same {} more times)\n", repeats_);
+  repeats_ = 0;
+}
+
+void Progress::summarise() {
+  const auto done = session_.progress();
+  const double elapsed = seconds();
+  const std::lock_guard lock(mutex_);
+  erase();
+  flushRepeats();
+  fmt::print(stderr, "runeflow: {} records, {} bytes in {:.2f} s, {:.0f} rows/s{}\n",
+             done.rowsStored, done.bytesRead, elapsed, rate(done.rowsStored, elapsed),
+             done.rowsLost > 0 ? fmt::format(", {} rows not stored", done.rowsLost) : "");
+}
+
+}  // namespace cli

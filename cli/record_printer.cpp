@@ -1,0 +1,212 @@
+#include "record_printer.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "terminal.h"
+
+namespace cli {
+
+using runeflow::FetchedRow;
+using runeflow::RuneflowLogLevel;
+
+namespace {
+
+constexpr std::size_t kWidestColumn = 28;
+constexpr std::size_t kMostHighlightedWords = 64;
+constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
+
+// Whole seconds, rounded down, and the microseconds after them.
+std::pair<std::time_t, std::int64_t> split(runeflow::Timestamp timestamp) {
+  const auto total = runeflow::microsecondsSinceEpoch(timestamp).value_or(0);
+  const auto fraction =
+      (total % kMicrosecondsPerSecond + kMicrosecondsPerSecond) % kMicrosecondsPerSecond;
+  return {(total - fraction) / kMicrosecondsPerSecond, fraction};
+}
+
+std::string_view levelColour(RuneflowLogLevel level) {
+  switch (level) {
+    case RuneflowLogLevel::Trace:
+      return colour::kDim;
+    case RuneflowLogLevel::Debug:
+      return colour::kBlue;
+    case RuneflowLogLevel::Info:
+      return colour::kGreen;
+    case RuneflowLogLevel::Warning:
+      return colour::kYellow;
+    case RuneflowLogLevel::Error:
+    case RuneflowLogLevel::Fatal:
+      return colour::kRed;
+  }
+  return {};
+}
+
+std::string csvField(std::string_view text) {
+  if (text.find_first_of("\",\r\n") == std::string_view::npos) return std::string(text);
+  std::string quoted = "\"";
+  for (const char c : text) {
+    if (c == '"') quoted += '"';
+    quoted += c;
+  }
+  return quoted + '"';
+}
+
+char lowerAscii(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
+}
+
+// Sets the bytes of `covered` where `word` stands in `text`.
+void cover(std::vector<bool>& covered, std::string_view text, std::string_view word,
+           bool matchCase) {
+  const auto same = [matchCase](char a, char b) {
+    return a == b || (!matchCase && lowerAscii(a) == lowerAscii(b));
+  };
+  for (auto at = std::search(text.begin(), text.end(), word.begin(), word.end(), same);
+       at != text.end(); at = std::search(at + 1, text.end(), word.begin(), word.end(), same)) {
+    std::fill_n(covered.begin() + (at - text.begin()), word.size(), true);
+  }
+}
+
+std::string slotText(const FetchedRow& record, std::int64_t slot) {
+  const auto* text = record.row.slot(slot);
+  return text ? *text : std::string();
+}
+
+}  // namespace
+
+std::string_view levelName(RuneflowLogLevel level) {
+  constexpr std::string_view kNames[] = {"Trace", "Debug", "Info", "Warning", "Error", "Fatal"};
+  return kNames[runeflow::rawValue(level)];
+}
+
+std::string utcTime(runeflow::Timestamp timestamp) {
+  const auto [seconds, fraction] = split(timestamp);
+  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06}Z", fmt::gmtime(seconds), fraction);
+}
+
+std::string localTime(runeflow::Timestamp timestamp) {
+  const auto [seconds, fraction] = split(timestamp);
+  return fmt::format("{:%Y-%m-%d %H:%M:%S}.{:03}", fmt::localtime(seconds), fraction / 1000);
+}
+
+RecordPrinter::RecordPrinter(const runeflow::SourceDescriptor& descriptor, RecordFormat format,
+                             Highlighting highlighting, std::FILE* out)
+    : format_(format), highlighting_(std::move(highlighting)), out_(out) {
+  for (const auto& field : descriptor.fields()) {
+    if (const auto* slot = std::get_if<runeflow::StoreColumn::Slot>(&field.column().value())) {
+      columns_.push_back({field.name(), slot->index, field.inTable()});
+    }
+  }
+  auto& words = highlighting_.words;
+  std::ranges::sort(words);
+  words.erase(std::ranges::unique(words).begin(), words.end());
+  if (words.size() > kMostHighlightedWords) words.resize(kMostHighlightedWords);
+}
+
+void RecordPrinter::print(std::span<const FetchedRow> records) {
+  if (format_ == RecordFormat::people) fitColumnsTo(records);
+  if (!std::exchange(hasStarted_, true) && format_ == RecordFormat::csv) {
+    fmt::print(out_, "{}\r\n", csvHeader());
+  }
+  for (const auto& record : records) {
+    switch (format_) {
+      case RecordFormat::people:
+        fmt::print(out_, "{}\n", peopleLine(record));
+        break;
+      case RecordFormat::plain:
+        fmt::print(out_, "{}\n", plainLine(record));
+        break;
+      case RecordFormat::json:
+        fmt::print(out_, "{}\n", jsonLine(record));
+        break;
+      case RecordFormat::csv:
+        fmt::print(out_, "{}\r\n", csvLine(record));
+        break;
+    }
+  }
+}
+
+// Columns grow with what they have to hold and never shrink, so that pages line up.
+void RecordPrinter::fitColumnsTo(std::span<const FetchedRow> records) {
+  for (auto& column : columns_) {
+    for (const auto& record : records) {
+      const auto taken = columnsOf(onOneLine(slotText(record, column.slot)));
+      column.width = std::min(kWidestColumn, std::max(column.width, taken));
+    }
+  }
+}
+
+std::string RecordPrinter::peopleLine(const FetchedRow& record) const {
+  const bool usesColour = highlighting_.usesColour;
+  const auto paint = [usesColour](std::string_view code) {
+    return usesColour ? code : std::string_view();
+  };
+  const auto level = record.row.level();
+  std::string line =
+      fmt::format("{}{}{} {}{}{}", paint(colour::kDim), localTime(record.row.timestamp()),
+                  paint(colour::kReset), paint(levelColour(level)), levelName(level).substr(0, 1),
+                  paint(colour::kReset));
+  for (const auto& column : columns_) {
+    if (!column.isInTable || column.width == 0) continue;
+    line += ' ' + fitted(onOneLine(slotText(record, column.slot)), column.width);
+  }
+  return line + "  " + highlighted(record.row.message());
+}
+
+std::string RecordPrinter::highlighted(const std::string& message) const {
+  if (!highlighting_.usesColour || highlighting_.words.empty()) return onOneLine(message);
+  std::vector<bool> covered(message.size(), false);
+  for (const auto& word : highlighting_.words)
+    cover(covered, message, word, highlighting_.matchCase);
+  std::string line;
+  for (std::size_t start = 0; start < message.size();) {
+    std::size_t end = start + 1;
+    while (end < message.size() && covered[end] == covered[start]) ++end;
+    const auto piece = onOneLine(std::string_view(message).substr(start, end - start));
+    line +=
+        covered[start] ? fmt::format("{}{}{}", colour::kHighlight, piece, colour::kReset) : piece;
+    start = end;
+  }
+  return line;
+}
+
+std::string RecordPrinter::plainLine(const FetchedRow& record) const {
+  std::string line = fmt::format("{}\t{}\t{}", record.seq, utcTime(record.row.timestamp()),
+                                 levelName(record.row.level()));
+  for (const auto& column : columns_) line += '\t' + onOneLine(slotText(record, column.slot));
+  return line + '\t' + onOneLine(record.row.message());
+}
+
+std::string RecordPrinter::jsonLine(const FetchedRow& record) const {
+  nlohmann::ordered_json object;
+  object["seq"] = record.seq;
+  object["time"] = utcTime(record.row.timestamp());
+  object["level"] = levelName(record.row.level());
+  for (const auto& column : columns_) {
+    const auto* text = record.row.slot(column.slot);
+    object[column.name] = text ? nlohmann::ordered_json(*text) : nlohmann::ordered_json(nullptr);
+  }
+  object["message"] = record.row.message();
+  if (record.row.ctx()) object["ctx"] = *record.row.ctx();
+  return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+std::string RecordPrinter::csvHeader() const {
+  std::string line = "seq,time,level";
+  for (const auto& column : columns_) line += ',' + csvField(column.name);
+  return line + ",message";
+}
+
+std::string RecordPrinter::csvLine(const FetchedRow& record) const {
+  std::string line = fmt::format("{},{},{}", record.seq, utcTime(record.row.timestamp()),
+                                 levelName(record.row.level()));
+  for (const auto& column : columns_) line += ',' + csvField(slotText(record, column.slot));
+  return line + ',' + csvField(record.row.message());
+}
+
+}  // namespace cli

@@ -1,0 +1,63 @@
+// Records as a user reads them, and as programs do.
+#pragma once
+
+#include <cstdio>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "runeflow/store/event_store.h"
+
+namespace cli {
+
+std::string_view levelName(runeflow::RuneflowLogLevel level);
+
+// ISO 8601 in UTC with microseconds, and local time with milliseconds for people.
+std::string utcTime(runeflow::Timestamp timestamp);
+std::string localTime(runeflow::Timestamp timestamp);
+
+enum class RecordFormat {
+  people,  // local time, level letter, table fields in columns, words of the query highlighted
+  plain,   // one line a record, tab-separated: seq, UTC time, level, every field, message
+  json,    // one object a line
+  csv      // RFC 4180 with a header line
+};
+
+struct Highlighting {
+  std::vector<std::string> words;
+  bool matchCase = false;
+  bool usesColour = false;
+};
+
+class RecordPrinter {
+ public:
+  RecordPrinter(const runeflow::SourceDescriptor& descriptor, RecordFormat format,
+                Highlighting highlighting, std::FILE* out);
+
+  void print(std::span<const runeflow::FetchedRow> records);
+
+ private:
+  void fitColumnsTo(std::span<const runeflow::FetchedRow> records);
+  std::string peopleLine(const runeflow::FetchedRow& record) const;
+  std::string plainLine(const runeflow::FetchedRow& record) const;
+  std::string jsonLine(const runeflow::FetchedRow& record) const;
+  std::string csvLine(const runeflow::FetchedRow& record) const;
+  std::string csvHeader() const;
+  std::string highlighted(const std::string& message) const;
+
+  struct Column {
+    std::string name;
+    std::int64_t slot;
+    bool isInTable;
+    std::size_t width = 0;  // in columns of the terminal
+  };
+
+  std::vector<Column> columns_;
+  RecordFormat format_;
+  Highlighting highlighting_;
+  std::FILE* out_;
+  bool hasStarted_ = false;
+};
+
+}  // namespace cli

@@ -1,0 +1,129 @@
+#include <algorithm>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "failure.h"
+#include "runeflow/devices/device_catalog.h"
+#include "runeflow/transports/adb_transport.h"
+#include "terminal.h"
+
+namespace cli {
+
+using runeflow::SourceRef;
+namespace ADBTransport = runeflow::ADBTransport;
+namespace DeviceCatalog = runeflow::DeviceCatalog;
+
+namespace {
+
+struct Source {
+  std::string kind;
+  std::string id;
+  std::string name;
+  std::optional<std::string> os;
+  std::optional<std::string> model;
+  bool streamable;
+};
+
+std::string kindName(SourceRef::Kind kind) {
+  switch (kind) {
+    case SourceRef::Kind::mac:
+      return "machine";
+    case SourceRef::Kind::simulator:
+      return "simulator";
+    case SourceRef::Kind::device:
+      return "device";
+  }
+  return {};
+}
+
+void add(std::vector<Source>& sources, const std::vector<SourceRef>& found) {
+  for (const auto& ref : found) {
+    sources.push_back(
+        {kindName(ref.kind), ref.id, ref.name, ref.osVersion, ref.model, ref.streamable});
+  }
+}
+
+void addApple(std::vector<Source>& sources) {
+  auto hasSimulators = DeviceCatalog::toolExists("simctl");
+  auto hasDevices = DeviceCatalog::toolExists("devicectl");
+  const bool listsSimulators = hasSimulators.get();
+  const bool listsDevices = hasDevices.get();
+  if (!listsSimulators && !listsDevices) {
+    fmt::print(stderr,
+               "runeflow: no Apple simulators or devices: the developer tools (xcrun) are not "
+               "installed\n");
+  }
+  auto simulators = DeviceCatalog::discoverSimulators(listsSimulators);
+  auto devices = DeviceCatalog::discoverDevices(listsDevices);
+  add(sources, simulators.get());
+  add(sources, devices.get());
+}
+
+void addAndroid(std::vector<Source>& sources) {
+  const auto devices =
+      ADBTransport::devices(std::string(ADBTransport::defaultHost), ADBTransport::defaultPort);
+  if (!devices) {
+    fmt::print(stderr, "runeflow: no Android devices: {}\n", devices.error().message());
+    return;
+  }
+  for (const auto& device : *devices) {
+    sources.push_back({device.isEmulator() ? "emulator" : "android", device.serial,
+                       device.displayName(), std::nullopt, device.model, device.isReady()});
+  }
+}
+
+void printJson(const Source& source) {
+  const auto text = [](const std::optional<std::string>& value) {
+    return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
+  };
+  const nlohmann::ordered_json object = {
+      {"kind", source.kind},         {"id", source.id},
+      {"name", source.name},         {"os", text(source.os)},
+      {"model", text(source.model)}, {"streamable", source.streamable}};
+  fmt::print("{}\n", object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+}
+
+void printTable(const std::vector<Source>& sources) {
+  std::size_t nameWidth = 4;
+  std::size_t osWidth = 2;
+  for (const auto& source : sources) {
+    nameWidth = std::max(nameWidth, columnsOf(onOneLine(source.name)));
+    osWidth = std::max(osWidth, columnsOf(onOneLine(source.os.value_or(""))));
+  }
+  const auto line = [&](std::string_view kind, const std::string& name, const std::string& os,
+                        std::string_view logs, const std::string& id) {
+    fmt::print("{:<10} {}  {}  {:<4}  {}\n", kind, fitted(onOneLine(name), nameWidth),
+               fitted(onOneLine(os), osWidth), logs, onOneLine(id));
+  };
+  line("KIND", "NAME", "OS", "LOGS", "ID");
+  for (const auto& source : sources) {
+    line(source.kind, source.name, source.os.value_or(""), source.streamable ? "yes" : "no",
+         source.id);
+  }
+}
+
+}  // namespace
+
+void addSourcesCommand(CLI::App& app, int& exitCode) {
+  auto* command = app.add_subcommand("sources", "List where logs can come from");
+  auto isJson = std::make_shared<bool>(false);
+  command->add_flag("--json", *isJson, "One JSON object a line");
+  command->callback([=, &exitCode] {
+    std::vector<Source> sources;
+    add(sources, {SourceRef::thisMac()});
+    addApple(sources);
+    addAndroid(sources);
+    if (*isJson) {
+      for (const auto& source : sources) printJson(source);
+    } else {
+      printTable(sources);
+    }
+    exitCode = 0;
+  });
+}
+
+}  // namespace cli

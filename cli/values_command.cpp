@@ -1,0 +1,111 @@
+#include <algorithm>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "commands.h"
+#include "database.h"
+#include "failure.h"
+#include "level_counts.h"
+#include "record_printer.h"
+#include "runeflow/query/query_parser.h"
+#include "terminal.h"
+
+namespace cli {
+
+using runeflow::EventStore;
+using runeflow::LogQuery;
+using runeflow::QueryNode;
+using runeflow::ValueCount;
+
+namespace {
+
+constexpr int kBarColumns = 40;
+
+struct ValuesOptions {
+  std::string database;
+  std::string field;
+  std::string matching;
+  std::string prefix;
+  std::string source;
+  std::int32_t limit = 20;
+  bool isJson = false;
+};
+
+// The library counts values over all records only; among matching ones each value is counted by
+// itself.
+std::vector<ValueCount> slotValues(EventStore& store, const runeflow::StoreColumn& column,
+                                   const LogQuery& matching, const ValuesOptions& options) {
+  if (matching.isEmpty() && options.prefix.empty()) {
+    return store.distinctValuesWithCounts(column, options.limit);
+  }
+  std::vector<ValueCount> counted;
+  for (auto& value : store.distinctValues(column, matching, options.prefix, options.limit)) {
+    const auto hasValue =
+        QueryNode::field({column, runeflow::FieldOp::equals, runeflow::Bind::text(value)});
+    const LogQuery query{matching.isEmpty() ? hasValue
+                                            : QueryNode::and_({matching.root, hasValue})};
+    counted.push_back({std::move(value), store.countMatching(query)});
+  }
+  return counted;
+}
+
+std::vector<ValueCount> levelValues(EventStore& store, const LogQuery& matching,
+                                    const ValuesOptions& options) {
+  std::vector<ValueCount> counted;
+  for (const auto& [level, count] : countLevels(store, matching)) {
+    const auto name = levelName(level);
+    if (count > 0 && name.starts_with(options.prefix))
+      counted.push_back({std::string(name), count});
+  }
+  std::ranges::stable_sort(counted, std::ranges::greater{}, &ValueCount::count);
+  if (options.limit >= 0 && counted.size() > static_cast<std::size_t>(options.limit)) {
+    counted.resize(static_cast<std::size_t>(options.limit));
+  }
+  return counted;
+}
+
+void printValues(const std::vector<ValueCount>& values, bool isJson) {
+  std::size_t width = 0;
+  for (const auto& value : values) width = std::max(width, columnsOf(onOneLine(value.value)));
+  for (const auto& [value, count] : values) {
+    if (isJson) {
+      const nlohmann::ordered_json object = {{"value", value}, {"count", count}};
+      fmt::print("{}\n",
+                 object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+    } else if (isTerminal(stdout)) {
+      fmt::print("{}  {:>9}  {}\n", fitted(onOneLine(value), std::min<std::size_t>(width, 40)),
+                 count, bar(count, values.front().count, kBarColumns));
+    } else {
+      fmt::print("{}\t{}\n", onOneLine(value), count);
+    }
+  }
+}
+
+int values(const ValuesOptions& options) {
+  auto store = openDatabase(options.database, options.source);
+  const auto& field = fieldNamed(store.descriptor(), options.field);
+  const auto matching = runeflow::QueryParser::parse(options.matching, store.descriptor(), false);
+  const bool isLevel = field.column() == runeflow::StoreColumn::level();
+  const auto counted = isLevel ? levelValues(store, matching, options)
+                               : slotValues(store, field.column(), matching, options);
+  printValues(counted, options.isJson);
+  return counted.empty() ? 1 : 0;
+}
+
+}  // namespace
+
+void addValuesCommand(CLI::App& app, int& exitCode) {
+  auto* command = app.add_subcommand("values", "Print the most frequent values of a field");
+  auto options = std::make_shared<ValuesOptions>();
+  command->add_option("DB", options->database, "The database")->required();
+  command->add_option("FIELD", options->field, "Such as tag, pid, app or level")->required();
+  command->add_option("--matching", options->matching, "Only records that match this query");
+  command->add_option("--prefix", options->prefix, "Only values that begin so");
+  command->add_option("--limit", options->limit, "At most N values; negative for all")
+      ->capture_default_str();
+  command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say");
+  command->add_flag("--json", options->isJson, "One JSON object a line");
+  command->callback([=, &exitCode] { exitCode = values(*options); });
+}
+
+}  // namespace cli
