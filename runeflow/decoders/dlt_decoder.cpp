@@ -182,8 +182,7 @@ Timestamp storageTime(Bytes storageHeader) {
   return Timestamp(std::chrono::duration<double>(seconds + microseconds / 1e6));
 }
 
-LogRow::Slots slotsOf(const Message& message, Bytes storageHeader) {
-  LogRow::Slots slots;
+void fillSlots(LogRow::Slots& slots, const Message& message, Bytes storageHeader) {
   if (message.ecuId) setIdentifier(slots[0], *message.ecuId);
   if (!slots[0] && !storageHeader.empty()) setIdentifier(slots[0], storageHeader.subspan(12, 4));
   if (message.extended) {
@@ -194,15 +193,7 @@ LogRow::Slots slotsOf(const Message& message, Bytes storageHeader) {
   setNumber(slots[4], message.counter);
   if (message.sessionId) setNumber(slots[5], *message.sessionId);
   if (message.timestamp) setSeconds(slots[6], *message.timestamp);
-  return slots;
 }
-
-// Becomes the slots only where the row takes them, which spares each row a round of moves.
-struct SlotsMaker {
-  const Message& message;
-  Bytes storageHeader;
-  operator LogRow::Slots() const { return slotsOf(message, storageHeader); }
-};
 
 void appendRow(std::vector<LogRow>& rows, Bytes storageHeader, Bytes bytes, const Clock& now) {
   const auto message = readMessage(bytes);
@@ -210,7 +201,8 @@ void appendRow(std::vector<LogRow>& rows, Bytes storageHeader, Bytes bytes, cons
   rows.emplace_back(
       storageHeader.empty() ? now() : storageTime(storageHeader),
       message->extended ? levelOf(message->extended->messageInfo) : RuneflowLogLevel::Info,
-      messageText(*message), std::nullopt, SlotsMaker{*message, storageHeader});
+      messageText(*message), std::nullopt,
+      [&](LogRow::Slots& slots) { fillSlots(slots, *message, storageHeader); });
 }
 
 // Takes the complete messages off the front of the stream.

@@ -7,12 +7,14 @@
 
 #include <array>
 #include <chrono>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace runeflow {
 
@@ -60,6 +62,14 @@ class LogRow {
         message_(std::move(message)),
         ctx_(std::move(ctx)),
         slots_(std::move(slots)) {}
+
+  // The same with the slots written where they stay: `fill` is called once, with all slots absent.
+  template <std::invocable<Slots&> Fill>
+  LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string message,
+         std::optional<Context> ctx, Fill&& fill)
+      : timestamp_(timestamp), level_(level), message_(std::move(message)), ctx_(std::move(ctx)) {
+    std::forward<Fill>(fill)(slots_);
+  }
 
   Timestamp timestamp() const { return timestamp_; }
   RuneflowLogLevel level() const { return level_; }
