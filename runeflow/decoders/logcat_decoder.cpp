@@ -235,7 +235,7 @@ std::vector<LogRow> LogcatDecoder::consume(std::span<const std::uint8_t> bytes) 
   auto input = asText(bytes);
   rows.reserve(static_cast<std::size_t>(std::ranges::count(input, '\n')));
   const auto append = [&](std::string_view line) {
-    appendRow(line, rows);
+    appendLine(line, rows);
     return true;
   };
   if (!carry_.empty()) {
@@ -253,25 +253,27 @@ std::vector<LogRow> LogcatDecoder::consume(std::span<const std::uint8_t> bytes) 
   return rows;
 }
 
-void LogcatDecoder::appendRow(std::string_view line, std::vector<LogRow>& rows) {
+void LogcatDecoder::appendLine(std::string_view line, std::vector<LogRow>& rows) {
   if (unicode::isValidUtf8(line)) {
-    rows.push_back(rowOf(line));
+    appendRow(line, rows);
   } else {
-    rows.push_back(rowOf(unicode::decodeLossily(line)));
+    appendRow(unicode::decodeLossily(line), rows);
   }
 }
 
-LogRow LogcatDecoder::rowOf(std::string_view text) {
-  LogRow::Slots slots;
+void LogcatDecoder::appendRow(std::string_view text, std::vector<LogRow>& rows) {
   const auto parsed = parse(text, year_, zone_);
   if (!parsed) {
-    return {now_(), RuneflowLogLevel::Info, std::string(text), std::nullopt, std::move(slots)};
+    rows.emplace_back(now_(), RuneflowLogLevel::Info, std::string(text), std::nullopt,
+                      [](const LogRow::Slots&) {});
+    return;
   }
-  slots[0].emplace(parsed->tag);
-  slots[1].emplace(parsed->pid);
-  slots[2].emplace(parsed->tid);
-  return {parsed->timestamp, parsed->level, std::string(parsed->message), std::nullopt,
-          std::move(slots)};
+  rows.emplace_back(parsed->timestamp, parsed->level, std::string(parsed->message), std::nullopt,
+                    [&](LogRow::Slots& slots) {
+                      slots[0].emplace(parsed->tag);
+                      slots[1].emplace(parsed->pid);
+                      slots[2].emplace(parsed->tid);
+                    });
 }
 
 bool LogcatDecoder::looksLikeThreadtime(std::span<const std::uint8_t> bytes) {

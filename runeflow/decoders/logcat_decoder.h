@@ -36,8 +36,8 @@ class LogcatDecoder final : public RowDecoder {
   static bool looksLikeThreadtime(std::span<const std::uint8_t> bytes);
 
  private:
-  void appendRow(std::string_view line, std::vector<LogRow>& rows);
-  LogRow rowOf(std::string_view text);
+  void appendLine(std::string_view line, std::vector<LogRow>& rows);
+  void appendRow(std::string_view text, std::vector<LogRow>& rows);
 
   std::string carry_;  // what follows the last line feed
   Clock now_;

@@ -40,9 +40,12 @@ std::optional<RuneflowLogLevel> levelFromRawValue(std::int64_t rawValue) {
 LogRow::LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string message,
                std::optional<Context> ctx, Slot s0, Slot s1, Slot s2, Slot s3, Slot s4, Slot s5,
                Slot s6, Slot s7)
-    : LogRow(timestamp, level, std::move(message), std::move(ctx),
-             Slots{std::move(s0), std::move(s1), std::move(s2), std::move(s3), std::move(s4),
-                   std::move(s5), std::move(s6), std::move(s7)}) {}
+    : timestamp_(timestamp),
+      level_(level),
+      message_(std::move(message)),
+      ctx_(std::move(ctx)),
+      slots_{std::move(s0), std::move(s1), std::move(s2), std::move(s3),
+             std::move(s4), std::move(s5), std::move(s6), std::move(s7)} {}
 
 const std::string* LogRow::slot(std::int64_t index) const {
   if (index < 0 || index >= static_cast<std::int64_t>(slotCount)) return nullptr;

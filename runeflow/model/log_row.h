@@ -54,9 +54,9 @@ class LogRow {
          std::optional<Context> ctx, Slot s0, Slot s1, Slot s2, Slot s3, Slot s4, Slot s5, Slot s6,
          Slot s7);
 
-  // The same with the slots in one array: what a decoder fills in place.
+  // The same with the slots in one array.
   LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string message,
-         std::optional<Context> ctx, Slots slots) noexcept
+         std::optional<Context> ctx, Slots slots)
       : timestamp_(timestamp),
         level_(level),
         message_(std::move(message)),

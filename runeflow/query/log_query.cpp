@@ -1,6 +1,6 @@
 #include "runeflow/query/log_query.h"
 
-#include <algorithm>
+#include <memory>
 
 #include "runeflow/model/json_text.h"
 #include "runeflow/platform/overloaded.h"
@@ -201,26 +201,27 @@ QueryNode withChildren(const QueryNode& node, std::vector<QueryNode> children) {
 template <class RewriteLeaf>
 QueryNode rewritten(const QueryNode& root, const RewriteLeaf& rewriteLeaf) {
   struct Level {
-    const QueryNode* node;
+    const QueryNode* parent;  // null above the root
+    std::span<const QueryNode> nodes;
     std::vector<QueryNode> done;
   };
   std::vector<Level> path;
-  const QueryNode* next = &root;
+  path.push_back({nullptr, std::span(&root, 1), {}});
   while (true) {
-    if (!next->children().empty()) {
-      path.push_back({next, {}});
-    } else {
-      QueryNode done = rewriteLeaf(*next);
-      while (!path.empty()) {
-        auto& [node, children] = path.back();
-        children.push_back(std::move(done));
-        if (children.size() < node->children().size()) break;
-        done = withChildren(*node, std::move(children));
-        path.pop_back();
+    auto& [parent, nodes, done] = path.back();
+    if (done.size() < nodes.size()) {
+      const QueryNode& next = nodes[done.size()];
+      if (next.children().empty()) {
+        done.push_back(rewriteLeaf(next));
+      } else {
+        path.push_back({&next, next.children(), {}});
       }
-      if (path.empty()) return done;
+      continue;
     }
-    next = &path.back().node->children()[path.back().done.size()];
+    if (!parent) return std::move(done.front());
+    QueryNode whole = withChildren(*parent, std::move(done));
+    path.pop_back();
+    path.back().done.push_back(std::move(whole));
   }
 }
 

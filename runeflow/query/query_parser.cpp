@@ -1,6 +1,7 @@
 #include "runeflow/query/query_parser.h"
 
 #include <algorithm>
+#include <ranges>
 
 #include "runeflow/model/log_row.h"
 #include "runeflow/platform/overloaded.h"
@@ -23,14 +24,12 @@ class Lexer {
     if (character == "\"") {
       wasQuoted_ = true;
       inQuotes_ = !inQuotes_;
-    } else if (inQuotes_) {
-      word_ += character;
-    } else if (unicode::isWhiteSpace(character)) {
+    } else if (!inQuotes_ && unicode::isWhiteSpace(character)) {
       emitWord();
-    } else if (character == "(") {
+    } else if (!inQuotes_ && character == "(") {
       emitWord();
       toks_.push_back(Tok::lparen());
-    } else if (character == ")") {
+    } else if (!inQuotes_ && character == ")") {
       emitWord();
       toks_.push_back(Tok::rparen());
     } else {
@@ -218,10 +217,7 @@ std::vector<std::string> highlightTerms(const QueryNode& node) {
     if (const auto* term = std::get_if<FullTextTerm>(&next.value())) {
       for (const auto word : unicode::words(term->raw)) terms.emplace_back(word);
     }
-    const auto children = next.children();
-    for (auto child = children.rbegin(); child != children.rend(); ++child) {
-      pending.push_back(&*child);
-    }
+    for (const auto& child : std::views::reverse(next.children())) pending.push_back(&child);
   }
   return terms;
 }
@@ -237,9 +233,9 @@ std::vector<QueryNode> coalesceFullText(std::vector<QueryNode> nodes, bool match
   std::vector<QueryNode> merged;
   std::optional<std::string> pending;
   const auto flush = [&] {
-    if (!pending) return;
-    merged.push_back(QueryNode::fullText({*std::move(pending), FullTextMode::fts(), matchCase}));
-    pending.reset();
+    auto raw = std::exchange(pending, std::nullopt);
+    if (!raw) return;
+    merged.push_back(QueryNode::fullText({*std::move(raw), FullTextMode::fts(), matchCase}));
   };
   for (auto& node : nodes) {
     if (!isFts(node)) {

@@ -34,17 +34,17 @@ std::optional<LogRow::Context> parseContext(const std::string& text) {
 }
 
 FetchedRow readRow(const Statement& statement) {
-  LogRow::Slots slots;
-  int column = kFirstSlotColumn;
-  for (auto& slot : slots) slot = statement.optionalText(column++);
   std::optional<LogRow::Context> ctx;
   if (!statement.isNull(kContextColumn)) ctx = parseContext(statement.text(kContextColumn));
-  // The level is read in 32 bits, as it is stored by no other writer than ours.
+  // The level is read in 32 bits; a number that is no level counts as Info.
   const auto level = levelFromRawValue(static_cast<std::int32_t>(statement.integer(kLevelColumn)));
   return {statement.integer(0),
           LogRow(timestampFromMicroseconds(statement.integer(kTimestampColumn)),
                  level.value_or(RuneflowLogLevel::Info), statement.text(kMessageColumn),
-                 std::move(ctx), std::move(slots))};
+                 std::move(ctx), [&](LogRow::Slots& slots) {
+                   int column = kFirstSlotColumn;
+                   for (auto& slot : slots) statement.readText(column++, slot);
+                 })};
 }
 
 std::vector<FetchedRow> readRows(Statement& statement, std::int64_t atMost) {

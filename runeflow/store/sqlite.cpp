@@ -77,14 +77,19 @@ bool Statement::isNull(int column) const {
 }
 
 std::string Statement::text(int column) const {
-  return optionalText(column).value_or(std::string());
+  return optionalText(column).value_or("");
 }
 
 std::optional<std::string> Statement::optionalText(int column) const {
+  std::optional<std::string> text;
+  readText(column, text);
+  return text;
+}
+
+void Statement::readText(int column, std::optional<std::string>& text) const {
   const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(handle_.get(), column));
-  if (!bytes) return std::nullopt;
-  return std::optional<std::string>(
-      std::in_place, bytes, static_cast<std::size_t>(sqlite3_column_bytes(handle_.get(), column)));
+  if (!bytes) return;
+  text.emplace(bytes, static_cast<std::size_t>(sqlite3_column_bytes(handle_.get(), column)));
 }
 
 void Connection::Close::operator()(sqlite3* connection) const {

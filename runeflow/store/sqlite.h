@@ -45,6 +45,7 @@ class Statement {
   bool isNull(int column) const;
   std::string text(int column) const;  // NULL reads as the empty text
   std::optional<std::string> optionalText(int column) const;
+  void readText(int column, std::optional<std::string>& text) const;  // sets an absent one in place
 
  private:
   friend class Connection;

@@ -1,0 +1,176 @@
+// The command as a user runs it: the built program, its output and its exit codes.
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+
+#include "support.h"
+
+namespace runeflow {
+namespace {
+
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+struct Outcome {
+  int exitCode;
+  std::string output;
+};
+
+class Command : public testing::Test {
+ protected:
+  // Runs in a folder of its own; `redirections` joins or drops standard error.
+  Outcome run(const std::string& arguments, const std::string& redirections = "2>&1") const {
+    const auto line = fmt::format("cd {} && TZ=UTC0 {} {} {}", folder_.file(""), RUNEFLOW_COMMAND,
+                                  arguments, redirections);
+    std::string output;
+    FILE* const pipe = ::popen(line.c_str(), "r");
+    std::array<char, 4096> piece{};
+    for (std::size_t size = 0; (size = std::fread(piece.data(), 1, piece.size(), pipe)) > 0;) {
+      output.append(piece.data(), size);
+    }
+    const int status = ::pclose(pipe);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+  }
+  void write(const std::string& name, std::string_view text) const {
+    std::ofstream(folder_.file(name), std::ios::binary) << text;
+  }
+  void captureThree() const {
+    write("a.log",
+          "01-02 03:04:05.678  10  20 W Net: disk full, \"really\"\r\n01-02 03:04:06.000  10  21 I "
+          "Net: a\tb\x1b[31m\r\n"
+          "01-02 03:04:07.000  11  21 E Wifi: disk gone\r\nunfinished");
+    EXPECT_EQ(run("capture a.log --db a.db").exitCode, 0);
+  }
+
+  test::TemporaryFolder folder_;
+};
+
+TEST_F(Command, capturesAppendsAndSummarises) {
+  captureThree();
+  const auto again = run("capture - --db a.db --max-bytes 1G <a.log");
+  EXPECT_THAT(again.output,
+              MatchesRegex("runeflow: 3 records, 1[0-9]+ bytes in [0-9.]+ s, [0-9]+ rows/s\n"));
+  EXPECT_EQ(run("query a.db --count", "").output, "6\n");
+  EXPECT_THAT(run("info a.db").output,
+              AllOf(StartsWith("a.db: Android records\n  records     6\n  seq         1 to 6\n"),
+                    HasSubstr("full text   yes")));
+  EXPECT_THAT(
+      run("info a.db --json").output,
+      HasSubstr(R"("levels":{"Trace":0,"Debug":0,"Info":2,"Warning":2,"Error":2,"Fatal":0})"));
+}
+
+TEST_F(Command, printsRecordsForProgramsInStableForms) {
+  captureThree();
+  const auto year = run("query a.db --first 1 --json", "").output.substr(17, 4);
+  EXPECT_EQ(run("query a.db Net", "").exitCode, 1);
+  EXPECT_EQ(run("query a.db 'tag:Net' --last 1", "").output,
+            fmt::format("2\t{}-01-02T03:04:06.000000Z\tInfo\tNet\t10\t21\ta\\tb\\x1b[31m\n", year));
+  EXPECT_EQ(run("query a.db 'level:warn disk' --first 1 --json", "").output,
+            fmt::format("{{\"seq\":1,\"time\":\"{}-01-02T03:04:05.678000Z\",\"level\":\"Warning\","
+                        "\"tag\":\"Net\",\"pid\":\"10\","
+                        "\"tid\":\"20\",\"message\":\"disk full, \\\"really\\\"\"}}\n",
+                        year));
+  EXPECT_EQ(
+      run("query a.db full --csv", "").output,
+      fmt::format(
+          "seq,time,level,tag,pid,tid,message\r\n1,{}-01-02T03:04:05.678000Z,Warning,Net,10,20,"
+          "\"disk full, \"\"really\"\"\"\r\n",
+          year));
+  EXPECT_EQ(run("query a.db disk --after 1 --count", "").output, "1\n");
+  EXPECT_EQ(run("query a.db DISK --match-case --count", "").output, "0\n");
+  EXPECT_THAT(run("query a.db tag:Net --plan").output, HasSubstr("i_s0"));
+  EXPECT_EQ(run("values a.db tag", "").output, "Net\t2\nWifi\t1\n");
+  EXPECT_EQ(run("values a.db tag --matching disk --prefix W --json", "").output,
+            "{\"value\":\"Wifi\",\"count\":1}\n");
+  EXPECT_EQ(run("values a.db level --limit 1", "").output, "Info\t1\n");
+}
+
+TEST_F(Command, clearsOnlyWhenSure) {
+  captureThree();
+  EXPECT_EQ(run("clear a.db </dev/null").exitCode, 2);
+  EXPECT_EQ(run("query a.db --count", "").output, "3\n");
+  EXPECT_EQ(run("clear a.db --yes").exitCode, 0);
+  EXPECT_EQ(run("query a.db --count").exitCode, 1);
+}
+
+TEST_F(Command, whatCannotBeDoneIsOneSentenceAndExitCodeTwo) {
+  captureThree();
+  write("text", "no log at all\n");
+  write("empty", "");
+  write("rec.dlt", std::string("DLT\x01") + std::string(12, '\0'));
+  const struct {
+    const char* arguments;
+    const char* names;
+  } table[] = {
+      {"capture missing.log --db b.db", "cannot open missing.log: No such file or directory"},
+      {"capture . --db b.db", ". is a directory"},
+      {"capture text --db b.db",
+       "text is neither logcat threadtime text nor a DLT recording; name what it holds with "
+       "--format"},
+      {"capture empty --db b.db", "empty is neither"},
+      {"capture rec.dlt --db a.db", "a.db already holds logcat records"},
+      {"capture a.log rec.dlt --db b.db", "a.log holds logcat records but rec.dlt holds dlt"},
+      {"capture a.log --db text", "text is not a database"},
+      {"capture a.log --db none/b.db", "cannot open none/b.db"},
+      {"capture a.log --db b.db --max-bytes 9999999999G", "'9999999999G' is no size"},
+      {"capture a.log --db b.db --reconnect", "--reconnect goes with --dlt or --adb"},
+      {"capture --db b.db", "name what to capture"},
+      {"capture --dlt 127.0.0.1:0 --db b.db", "no valid port"},
+      {"capture --dlt 127.0.0.1:1 --db b.db", "127.0.0.1:1: Connection refused"},
+      {"capture --adb 127.0.0.1:1 --db b.db", "No adb server is listening on 127.0.0.1:1."},
+      {"query missing.db x", "missing.db does not exist"},
+      {"query . x", ". is a directory"},
+      {"query empty x", "empty holds no log records"},
+      {"values a.db tagg", "there is no field 'tagg'; Android records have tag, pid, tid, level"},
+      {"query a.db x --json --csv", "--json excludes --csv"},
+      {"nonsense", "see --help"},
+  };
+  for (const auto& [arguments, names] : table) {
+    SCOPED_TRACE(arguments);
+    const auto [exitCode, output] = run(arguments);
+    EXPECT_EQ(exitCode, 2);
+    EXPECT_THAT(output, AllOf(StartsWith("runeflow: "), HasSubstr(names), EndsWith("\n")));
+    EXPECT_EQ(std::ranges::count(output, '\n'), 1) << output;
+  }
+  EXPECT_FALSE(std::filesystem::exists(folder_.file("b.db")));
+}
+
+TEST_F(Command, anInterruptedCaptureKeepsEverythingDecoded) {
+  captureThree();
+  std::array<int, 2> ends{};
+  ASSERT_EQ(::pipe(ends.data()), 0);
+  const auto database = folder_.file("a.db");
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::dup2(ends[0], STDIN_FILENO);
+    ::close(ends[1]);
+    ::execl(RUNEFLOW_COMMAND, RUNEFLOW_COMMAND, "capture", "-", "--db", database.c_str(), nullptr);
+    ::_exit(127);
+  }
+  const std::string_view line = "01-02 03:04:05.678  10  20 W Net: the last words\n";
+  ASSERT_EQ(::write(ends[1], line.data(), line.size()), static_cast<ssize_t>(line.size()));
+  // Its reading the line means that it waits for signals already.
+  for (int left = 1; left > 0; ::usleep(1'000)) ASSERT_EQ(::ioctl(ends[1], FIONREAD, &left), 0);
+  ::usleep(100'000);
+  ::kill(child, SIGINT);
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_EQ(run("query a.db last --count", "").output, "1\n");
+}
+
+}  // namespace
+}  // namespace runeflow
