@@ -9,6 +9,7 @@
 #include <future>
 #include <limits>
 #include <memory>
+#include <thread>
 
 #include "capture_source.h"
 #include "commands.h"
@@ -139,8 +140,12 @@ class Capture {
         progress_.tick();
       }
       delay = std::min(delay * 2, kLastRetrySeconds);
+      auto attempt = connectAside();
+      while (attempt.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
+        if (interrupt_.isRequested()) return;
+      }
       try {
-        Stream stream = connectLive(options_);
+        Stream stream = attempt.get();
         progress_.say(fmt::format("connected to {} again", stream.name));
         const auto before = session_.progress().bytesRead;
         if (runStream(stream).end == StreamEnd::interrupted) return;
@@ -149,6 +154,15 @@ class Capture {
         progress_.say(failure.what());
       }
     }
+  }
+
+  // On a thread of its own: a server may accept and then keep silent for ever, which must not keep
+  // the user from interrupting. One that is left behind ends with the process.
+  std::future<Stream> connectAside() const {
+    std::packaged_task<Stream()> connect([options = options_] { return connectLive(options); });
+    auto stream = connect.get_future();
+    std::thread(std::move(connect)).detach();
+    return stream;
   }
 
   CaptureOptions options_;

@@ -52,10 +52,13 @@ void addApple(std::vector<Source>& sources) {
   auto hasDevices = DeviceCatalog::toolExists("devicectl");
   const bool listsSimulators = hasSimulators.get();
   const bool listsDevices = hasDevices.get();
-  if (!listsSimulators && !listsDevices) {
+  if (!listsSimulators || !listsDevices) {
+    const auto* missing = listsSimulators ? "devices"
+                          : listsDevices  ? "simulators"
+                                          : "simulators or devices";
     fmt::print(stderr,
-               "runeflow: no Apple simulators or devices: the developer tools (xcrun) are not "
-               "installed\n");
+               "runeflow: no Apple {}: the developer tools for them (xcrun) are not installed\n",
+               missing);
   }
   auto simulators = DeviceCatalog::discoverSimulators(listsSimulators);
   auto devices = DeviceCatalog::discoverDevices(listsDevices);

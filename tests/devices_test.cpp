@@ -128,7 +128,7 @@ TEST(DeviceCatalog, runtimeKeysBecomeLabels) {
       {"a.SimRuntime.SimRuntime.iOS-17", "SimRuntime.iOS 17"},  // the markers share a full stop
   };
   for (const auto& row : rows) {
-    EXPECT_EQ(DeviceCatalog::osLabelFromRuntimeKey(row.key), row.label) << row.key;
+    EXPECT_EQ(DeviceCatalog::osLabel(row.key), row.label) << row.key;
   }
 }
 

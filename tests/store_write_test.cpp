@@ -70,6 +70,8 @@ TEST_F(StoreWrite, aMissingFileIsMadeOnlyWhenAsked) {
   EXPECT_FALSE(std::filesystem::exists(path_));
   EXPECT_FALSE(EventStore::open(path_ + "/below", true, SourceDescriptor::dlt()).has_value());
   EXPECT_FALSE(EventStore::open(path_ + '\0' + "x", true, SourceDescriptor::dlt()).has_value());
+  EXPECT_FALSE(EventStore::open("", true, SourceDescriptor::dlt()).has_value());
+  EXPECT_FALSE(EventStore::open(":memory:", false, SourceDescriptor::dlt()).has_value());
 
   const auto dlt = open(SourceDescriptor::dlt());
   EXPECT_TRUE(dlt.ftsAvailable() && dlt.jsonAvailable());

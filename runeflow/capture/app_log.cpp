@@ -14,8 +14,6 @@
 namespace runeflow::AppLog {
 namespace {
 
-constexpr std::string_view kSubsystem = "org.runeflow.RuneflowCore";
-
 spdlog::level::level_enum spdlogLevel(Level level) {
   switch (level) {
     case Level::debug:
@@ -39,24 +37,30 @@ Level levelOf(spdlog::level::level_enum level) {
 class SwitchingSink final : public spdlog::sinks::base_sink<std::mutex> {
  public:
   SwitchingSink() {
-    stderr_.set_pattern("%Y-%m-%d %H:%M:%S.%e [" + std::string(kSubsystem) + ":%n] %l: %v");
+    stderr_.set_pattern("%Y-%m-%d %H:%M:%S.%e [" + std::string(subsystem) + ":%n] %l: %v");
   }
 
-  void attach(Sink newSink) {
+  // The old sink dies after the lock is released: what it holds may log.
+  void attach(Sink newSink, spdlog::level::level_enum minimumLevel) {
     const std::lock_guard lock(mutex_);
-    sink_ = std::move(newSink);
+    sink_.swap(newSink);
+    set_level(minimumLevel);
   }
 
  protected:
   void sink_it_(const spdlog::details::log_msg& message) override {
+    if (!should_log(message.level)) return;  // the level has risen since the logger looked
     if (!sink_) {
       stderr_.log(message);
       return;
     }
-    sink_({kSubsystem,
-           {message.logger_name.data(), message.logger_name.size()},
-           levelOf(message.level),
-           {message.payload.data(), message.payload.size()}});
+    try {
+      sink_({subsystem,
+             {message.logger_name.data(), message.logger_name.size()},
+             levelOf(message.level),
+             {message.payload.data(), message.payload.size()}});
+    } catch (...) {  // a host's failure to log must not become ours to store
+    }
   }
   void flush_() override { stderr_.flush(); }
 
@@ -85,15 +89,15 @@ struct Loggers {
 
 Loggers& loggers() {
   // Never destroyed: a reader thread may log while the process ends.
-  static auto* const all = new Loggers;
+  static auto* const all = std::make_unique<Loggers>().release();
   return *all;
 }
 
 }  // namespace
 
 void attachSink(Sink sink, Level minimumLevel) {
+  loggers().sink->attach(std::move(sink), spdlogLevel(minimumLevel));
   loggers().setLevel(minimumLevel);
-  loggers().sink->attach(std::move(sink));
 }
 
 bool Logger::isEnabled(Level level) const {

@@ -18,7 +18,8 @@ struct Line {
   std::string_view message;  // the views live until the sink returns
 };
 
-// Called on the thread that logs, one line at a time; must not log itself.
+// Called on the thread that logs, one line at a time. It must neither log nor attach a sink itself;
+// what it throws is swallowed.
 using Sink = std::function<void(const Line&)>;
 
 // From now on lines of `minimumLevel` and above go to `sink` and nowhere else; the others are not
@@ -27,14 +28,17 @@ void attachSink(Sink sink, Level minimumLevel = Level::error);
 
 class Logger {
  public:
-  explicit Logger(std::string_view category) : category_(category) {}
-
   bool isEnabled(Level level) const;
   void debug(std::string_view message) const { write(Level::debug, message); }
   void info(std::string_view message) const { write(Level::info, message); }
   void error(std::string_view message) const { write(Level::error, message); }
 
  private:
+  friend const Logger& store();
+  friend const Logger& lifecycle();
+  friend const Logger& ui();
+
+  explicit Logger(std::string_view category) : category_(category) {}
   void write(Level level, std::string_view message) const;
   std::string_view category_;
 };

@@ -9,6 +9,9 @@
 
 namespace runeflow::AppLog {
 
+// The same in every line.
+inline constexpr std::string_view subsystem = "org.runeflow.RuneflowCore";
+
 const Logger& store();
 const Logger& lifecycle();
 

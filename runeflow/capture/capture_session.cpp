@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <exception>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -33,23 +34,27 @@ constexpr std::size_t kReaderStack = std::size_t{4} << 20;
 // The only state that a session and its running readers touch together.
 class CaptureSession::Shared {
  public:
-  void setMaxBytes(std::int64_t maxBytes) {
-    const std::lock_guard lock(mutex_);
-    maxBytes_ = maxBytes;
-  }
-  std::int64_t maxBytes() const {
-    const std::lock_guard lock(mutex_);
-    return maxBytes_;
-  }
+  class MaxBytesBox {
+   public:
+    void set(std::int64_t maxBytes) {
+      const std::lock_guard lock(mutex_);
+      maxBytes_ = maxBytes;
+    }
+    std::int64_t get() const {
+      const std::lock_guard lock(mutex_);
+      return maxBytes_;
+    }
 
+   private:
+    mutable std::mutex mutex_;
+    std::int64_t maxBytes_ = 0;  // guarded by mutex_
+  };
+
+  MaxBytesBox maxBytesBox;
   std::atomic<std::int64_t> bytesRead = 0;
   std::atomic<std::int64_t> rowsDecoded = 0;
   std::atomic<std::int64_t> rowsStored = 0;
   std::atomic<std::int64_t> rowsLost = 0;
-
- private:
-  mutable std::mutex mutex_;
-  std::int64_t maxBytes_ = 0;  // guarded by mutex_
 };
 
 // What one reader thread owns.
@@ -71,13 +76,18 @@ class CaptureSession::Reader {
       AppLog::logError(AppLog::lifecycle(),
                        "reader: previous reader did not finish within 5s; proceeding");
     }
-    capture();
+    try {
+      capture();
+    } catch (const std::exception& failure) {  // of the host's decoder, or for want of memory
+      AppLog::logError(AppLog::lifecycle(), "reader: ended by an exception: {}", failure.what());
+    }
+    release();
     finish();
   }
 
   void giveUp() {
     AppLog::logError(AppLog::lifecycle(), "reader: the system gave no thread; not starting");
-    fd_.reset();
+    release();
     finish();
   }
 
@@ -88,17 +98,21 @@ class CaptureSession::Reader {
       return;
     }
     store_ = EventStore::open(dbPath_, false, descriptor_);
-    if (store_) {
-      readToEnd();
-      store_.reset();
-    } else {
+    if (!store_) {
       AppLog::logError(AppLog::lifecycle(), "reader could not open store at {}", dbPath_);
+      return;
     }
+    readToEnd();
+  }
+
+  void release() {
+    store_.reset();
+    decoder_.reset();
     fd_.reset();
   }
 
   void readToEnd() {
-    const auto decoder = makeDecoder_();
+    decoder_ = makeDecoder_();
     std::vector<std::uint8_t> buffer(kReadSize);
     batch_.reserve(kBatchSize);
     lastFlush_ = SteadyClock::now();
@@ -106,7 +120,7 @@ class CaptureSession::Reader {
       const ssize_t size = ::read(fd_.get(), buffer.data(), buffer.size());
       if (size <= 0) break;
       shared_->bytesRead += size;
-      keep(decoder->consume(std::span(buffer).first(static_cast<std::size_t>(size))));
+      keep(decoder_->consume(std::span(buffer).first(static_cast<std::size_t>(size))));
     }
     if (!batch_.empty()) flush();
   }
@@ -127,7 +141,7 @@ class CaptureSession::Reader {
     shared_->rowsLost += static_cast<std::int64_t>(batch_.size()) - stored;
     batch_.clear();
     lastFlush_ = SteadyClock::now();
-    if (const auto maxBytes = shared_->maxBytes(); maxBytes >= 1) {
+    if (const auto maxBytes = shared_->maxBytesBox.get(); maxBytes >= 1) {
       store_->trimOldest(maxBytes, kTrimChunk);
     }
   }
@@ -148,6 +162,7 @@ class CaptureSession::Reader {
   FinishCallback onFinish_;
 
   std::optional<EventStore> store_;
+  std::unique_ptr<RowDecoder> decoder_;
   std::vector<LogRow> batch_;
   SteadyClock::time_point lastFlush_;
 };
@@ -160,19 +175,25 @@ CaptureSession::CaptureSession(std::string dbPath, SourceDescriptor descriptor)
 CaptureSession::~CaptureSession() = default;
 
 void CaptureSession::setMaxBytes(std::int64_t maxBytes) {
-  shared_->setMaxBytes(maxBytes);
+  shared_->maxBytesBox.set(maxBytes);
 }
 
 void CaptureSession::run(int fd, DecoderFactory makeDecoder, FinishCallback onFinish) {
-  auto previous = std::exchange(readerGate_, std::make_shared<Gate>());
-  auto reader = std::make_shared<Reader>(*this, std::move(previous), fd, std::move(makeDecoder),
-                                         std::move(onFinish));
+  const auto before = std::exchange(readerGate_, std::make_shared<Gate>());
+  auto reader =
+      std::make_shared<Reader>(*this, before, fd, std::move(makeDecoder), std::move(onFinish));
   std::move_only_function<void()> body = [reader] { reader->run(); };
-  if (!startThread({"runeflow.log-reader", kReaderStack}, body)) reader->giveUp();
+  if (!startThread({"runeflow.log-reader", kReaderStack}, body)) {
+    readerGate_ = before;  // the next reader still has that one to wait for
+    reader->giveUp();
+  }
 }
 
 CaptureProgress CaptureSession::progress() const {
-  return {shared_->bytesRead, shared_->rowsDecoded, shared_->rowsStored, shared_->rowsLost};
+  // Loaded before the rows decoded, so that they never seem to be more.
+  const std::int64_t stored = shared_->rowsStored;
+  const std::int64_t lost = shared_->rowsLost;
+  return {shared_->bytesRead, shared_->rowsDecoded, stored, lost};
 }
 
 }  // namespace runeflow

@@ -9,8 +9,10 @@
 // (EventStore::open(path, true, descriptor)). Its streams run one after the other: a new reader
 // waits up to 5 s for the previous one. Readers do not keep the session alive, nor does its
 // destruction stop them. run() is for one thread at a time; everything else may be called from any
-// thread. A reader's failures are logged (AppLog, category "lifecycle"); the records it had stored
-// stay.
+// thread.
+// A reader that cannot start says so in the log (AppLog, category "lifecycle"), a batch that cannot
+// be written is logged by the store and lost, and a stream that can no longer be read has simply
+// ended. The records stored before stay in every case.
 #pragma once
 
 #include <cstdint>
@@ -48,9 +50,11 @@ class CaptureSession {
   void setMaxBytes(std::int64_t maxBytes);
 
   // Starts a reader and returns at once. The reader owns `fd` from here on and closes it.
-  // `makeDecoder` is called once, and `onFinish` (may be empty) when the stream has ended for
-  // whatever reason and everything is stored; both on the reader thread. The next reader may
-  // already run while `onFinish` does.
+  // `makeDecoder` must give a decoder; it is called once, when the database has been opened.
+  // `onFinish` (may be empty) is called when the reader has ended for whatever reason, and must not
+  // throw. Both run on the reader thread, with SIGINT and the like blocked as in it; the next
+  // reader may already run while `onFinish` does. When the system has no thread left, `onFinish`
+  // runs before run() returns.
   void run(int fd, DecoderFactory makeDecoder, FinishCallback onFinish = nullptr);
 
   CaptureProgress progress() const;

@@ -207,7 +207,8 @@ void appendRow(std::vector<LogRow>& rows, Bytes storageHeader, Bytes bytes, cons
 
 // Takes the complete messages off the front of the stream.
 void decode(Bytes& stream, const Clock& now, std::vector<LogRow>& rows) {
-  rows.reserve(countMessages(stream));
+  constexpr std::size_t kMostRowsReserved = 4096;  // a message may still turn out to be none
+  rows.reserve(std::min(kMostRowsReserved, countMessages(stream)));
   for (Frame frame = cutFrame(stream); frame.size <= stream.size(); frame = cutFrame(stream)) {
     if (frame.holdsMessage()) {
       const Bytes bytes = stream.first(frame.size);

@@ -14,10 +14,10 @@
 
 namespace runeflow {
 
-// Owns at most one unfinished message (16 + 65,535 bytes) between calls.
+// Keeps the bytes of at most one unfinished message (16 + 65,535) between calls.
 class DLTDecoder final : public RowDecoder {
  public:
-  // `now` dates the messages that have no storage header; it is called once for each of them.
+  // `now` dates the messages that have no storage header; it is called once for each such row.
   explicit DLTDecoder(Clock now);
 
   // A message whose headers do not fit into its own length is dropped whole. A length below that of

@@ -109,8 +109,12 @@ void appendInteger(TextBuffer& text, std::integral auto number) {
 void appendFloat(TextBuffer& text, std::floating_point auto number) {
   if (std::isnan(number)) return append(text, "nan");  // its sign says nothing
 
+  // Beyond these bounds fixed notation would show digits that the type does not hold.
+  using Float = decltype(number);
+  constexpr Float kSmallest{static_cast<Float>(1e-4)};
+  constexpr Float kLargest{static_cast<Float>(sizeof(Float) == sizeof(float) ? 1 << 24 : 1e16)};
   const auto magnitude = std::abs(number);
-  const bool ordinary = magnitude == 0 || (magnitude >= 1e-4 && magnitude < 1e16);
+  const bool ordinary = magnitude == 0 || (magnitude >= kSmallest && magnitude < kLargest);
   std::array<char, 32> digits;
   const auto end =
       std::to_chars(digits.begin(), digits.end(), number,

@@ -13,6 +13,7 @@ namespace runeflow {
 namespace {
 
 constexpr std::size_t kSampleSize = 8192;
+constexpr std::size_t kMostRowsReserved = 4096;  // line feeds alone make no rows
 constexpr std::size_t kLargestIdleCarry = std::size_t{1} << 20;
 
 std::string_view asText(std::span<const std::uint8_t> bytes) {
@@ -35,12 +36,12 @@ bool isCharacter(std::string_view text, std::size_t position, char wanted) {
   return text[position] == wanted && unicode::standsAlone(text, position);
 }
 
-std::size_t findCharacter(std::string_view text, char wanted, std::size_t from = 0) {
-  std::size_t position = text.find(wanted, from);
-  while (position != std::string_view::npos && !unicode::standsAlone(text, position)) {
-    position = text.find(wanted, position + 1);
+// By hand, because fields are shorter than what a call of memchr costs.
+std::size_t findCharacter(std::string_view text, char wanted) {
+  for (std::size_t position = 0; position < text.size(); ++position) {
+    if (isCharacter(text, position, wanted)) return position;
   }
-  return position;
+  return std::string_view::npos;
 }
 
 void skipSpaces(std::string_view& text) {
@@ -70,6 +71,10 @@ std::optional<std::array<std::string_view, N>> splitInto(std::string_view text, 
   return pieces;
 }
 
+bool isDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
 std::string_view withoutSign(std::string_view text) {
   if (!text.empty() && (text[0] == '+' || text[0] == '-')) text.remove_prefix(1);
   return text;
@@ -77,8 +82,7 @@ std::string_view withoutSign(std::string_view text) {
 
 bool isInteger(std::string_view text) {
   const auto digits = withoutSign(text);
-  return !digits.empty() &&
-         std::ranges::all_of(digits, [](char c) { return c >= '0' && c <= '9'; });
+  return !digits.empty() && std::ranges::all_of(digits, isDigit);
 }
 
 // Absent as well when the number does not fit.
@@ -105,21 +109,27 @@ std::optional<std::int64_t> toMilliseconds(std::string_view fraction) {
   return toIntegerWithin(fraction, -kMost, kMost);
 }
 
-struct Seconds {
+struct DateAndTime {
+  std::int64_t month;
+  std::int64_t day;
+  std::int64_t hour;
+  std::int64_t minute;
   std::int64_t second;
   std::int64_t milliseconds;
 };
 
-std::optional<Seconds> toSeconds(std::string_view text) {
+// Sets second and milliseconds.
+bool readSeconds(std::string_view text, DateAndTime& result) {
   const auto second = toIntegerWithin(text.substr(0, findCharacter(text, '.')), 0, 61);
   const auto pieces = splitInto<2>(text, '.');
   const auto milliseconds = pieces ? toMilliseconds((*pieces)[1]) : 0;
-  if (!second || !milliseconds) return std::nullopt;
-  return Seconds{*second, *milliseconds};
+  if (!second || !milliseconds) return false;
+  result.second = *second;
+  result.milliseconds = *milliseconds;
+  return true;
 }
 
-std::optional<Timestamp> toTimestamp(std::string_view dateField, std::string_view timeField,
-                                     std::int64_t year, LocalTimeZone& zone) {
+std::optional<DateAndTime> readDateAndTime(std::string_view dateField, std::string_view timeField) {
   const auto date = splitInto<2>(dateField, '-');
   const auto time = splitInto<3>(timeField, ':');
   if (!date || !time) return std::nullopt;
@@ -127,13 +137,45 @@ std::optional<Timestamp> toTimestamp(std::string_view dateField, std::string_vie
   const auto day = toIntegerWithin((*date)[1], 1, 31);
   const auto hour = toIntegerWithin((*time)[0], 0, 23);
   const auto minute = toIntegerWithin((*time)[1], 0, 59);
-  const auto seconds = toSeconds((*time)[2]);
-  if (!month || !day || !hour || !minute || !seconds) return std::nullopt;
-  const auto whole =
-      zone.secondsSinceEpoch({year, static_cast<unsigned>(*month), static_cast<unsigned>(*day),
-                              *hour, *minute, seconds->second});
+  if (!month || !day || !hour || !minute) return std::nullopt;
+  DateAndTime result{*month, *day, *hour, *minute, 0, 0};
+  if (!readSeconds((*time)[2], result)) return std::nullopt;
+  return result;
+}
+
+// Reads the first two fields as logcat itself prints them, "MM-DD hh:mm:ss.mmm ", and takes them
+// off `text`. Absent, with `text` as it was, when they have any other form, good or bad.
+std::optional<DateAndTime> takeUsualDateAndTime(std::string_view& text) {
+  constexpr std::string_view kForm = "00-00 00:00:00.000 ";
+  if (text.size() <= kForm.size()) return std::nullopt;
+  bool hasForm = unicode::standsAlone(text, kForm.size() - 1);
+  for (std::size_t i = 0; i < kForm.size(); ++i) {
+    hasForm &= kForm[i] == '0' ? isDigit(text[i]) : text[i] == kForm[i];
+  }
+  if (!hasForm) return std::nullopt;
+  const auto two = [&](std::size_t at) { return (text[at] - '0') * 10 + (text[at + 1] - '0'); };
+  const DateAndTime result{two(0), two(3),  two(6),
+                           two(9), two(12), two(15) * 10 + (text[17] - '0')};
+  const bool isInRange = result.month >= 1 && result.month <= 12 && result.day >= 1 &&
+                         result.day <= 31 && result.hour <= 23 && result.minute <= 59 &&
+                         result.second <= 61;
+  if (!isInRange) return std::nullopt;
+  text.remove_prefix(kForm.size());
+  return result;
+}
+
+std::optional<DateAndTime> takeDateAndTime(std::string_view& text) {
+  if (const auto usual = takeUsualDateAndTime(text)) return usual;
+  const auto date = takeField(text);
+  return readDateAndTime(date, takeField(text));
+}
+
+Timestamp toTimestamp(const DateAndTime& time, std::int64_t year, LocalTimeZone& zone) {
+  const auto whole = zone.secondsSinceEpoch({year, static_cast<unsigned>(time.month),
+                                             static_cast<unsigned>(time.day), time.hour,
+                                             time.minute, time.second});
   // One division of whole numbers, so that the result is the double nearest to the millisecond.
-  const auto milliseconds = static_cast<double>(whole * 1000 + seconds->milliseconds);
+  const auto milliseconds = static_cast<double>(whole * 1000 + time.milliseconds);
   return Timestamp(std::chrono::duration<double>(milliseconds / 1000));
 }
 
@@ -160,7 +202,7 @@ std::optional<RuneflowLogLevel> toLevel(std::string_view field) {
 }
 
 bool isNumericText(std::string_view text) {
-  if (std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; })) return true;
+  if (std::ranges::all_of(text, isDigit)) return true;
   unicode::CharacterReader characters(text);
   for (auto c = characters.next(); !c.empty(); c = characters.next()) {
     if (!unicode::isNumeric(c)) return false;
@@ -198,17 +240,15 @@ TagAndMessage splitRemainder(std::string_view text) {
 }
 
 std::optional<Parsed> parse(std::string_view text, std::int64_t year, LocalTimeZone& zone) {
-  const auto date = takeField(text);
-  const auto time = takeField(text);
+  const auto time = takeDateAndTime(text);
+  if (!time) return std::nullopt;
   const auto pid = takeField(text);
   const auto tid = takeField(text);
   const auto level = toLevel(takeField(text));
   if (!level || !isNumericText(pid) || !isNumericText(tid)) return std::nullopt;
-  const auto timestamp = toTimestamp(date, time, year, zone);
-  if (!timestamp) return std::nullopt;
   skipSpaces(text);
   const auto [tag, message] = splitRemainder(text);
-  return Parsed{*timestamp, pid, tid, *level, tag, message};
+  return Parsed{toTimestamp(*time, year, zone), pid, tid, *level, tag, message};
 }
 
 // Calls `use` with every complete line that may hold a record, until it returns false. Gives the
@@ -233,7 +273,8 @@ LogcatDecoder::LogcatDecoder(Clock now) : now_(std::move(now)), year_(localYear(
 std::vector<LogRow> LogcatDecoder::consume(std::span<const std::uint8_t> bytes) {
   std::vector<LogRow> rows;
   auto input = asText(bytes);
-  rows.reserve(static_cast<std::size_t>(std::ranges::count(input, '\n')));
+  rows.reserve(
+      std::min(kMostRowsReserved, static_cast<std::size_t>(std::ranges::count(input, '\n'))));
   const auto append = [&](std::string_view line) {
     appendLine(line, rows);
     return true;

@@ -39,14 +39,14 @@ std::vector<SourceRef> sortedByName(std::list<SourceRef> sources) {
   return {std::make_move_iterator(sources.begin()), std::make_move_iterator(sources.end())};
 }
 
-SourceRef sourceFrom(SimctlDeviceList::Device&& simulator, const std::string& osLabel) {
+SourceRef sourceFrom(SimctlDeviceList::Device&& simulator, const std::string& osVersion) {
   auto symbol =
       SourceRef::symbolForDeviceType(simulator.deviceTypeIdentifier.value_or(simulator.name));
   return {
       .kind = SourceRef::Kind::simulator,
       .id = "sim:" + simulator.udid,
       .name = std::move(simulator.name),
-      .osVersion = osLabel,
+      .osVersion = osVersion,
       .udid = std::move(simulator.udid),
       .model = std::nullopt,
       .streamable = true,
@@ -70,13 +70,13 @@ SourceRef sourceFrom(const DevicectlOutput::Device& device,
   const auto connection =
       device.connectionProperties.value_or(DevicectlOutput::ConnectionProperties{});
   const auto& identity = device.identifier ? device.identifier : hardware.udid;
-  auto osLabel = displayPlatform(hardware.platform.value_or(""));
-  if (properties.osVersionNumber) osLabel += " " + *properties.osVersionNumber;
+  auto osVersion = displayPlatform(hardware.platform.value_or(""));
+  if (properties.osVersionNumber) osVersion += " " + *properties.osVersionNumber;
   return {
       .kind = SourceRef::Kind::device,
       .id = "device:" + (identity ? *identity : randomUuid()),
       .name = firstOf(properties.name, hardware.marketingName, "Device"),
-      .osVersion = std::move(osLabel),
+      .osVersion = std::move(osVersion),
       .udid = hardware.udid,
       .model = hardware.marketingName,
       .streamable = isStreamableDeviceState(hardware.platform, connection.transportType,
@@ -114,10 +114,10 @@ std::vector<SourceRef> parseSimulators(std::span<const std::uint8_t> data) {
   std::list<SourceRef> sources;
   for (auto& [runtimeKey, simulators] : list->devices) {
     if (!runtimeKey.contains(kRuntimeMarker)) continue;
-    const auto osLabel = osLabelFromRuntimeKey(runtimeKey);
+    const auto osVersion = osLabel(runtimeKey);
     for (auto& simulator : simulators) {
       if (simulator.state == "Booted" && simulator.isAvailable.value_or(true)) {
-        sources.push_back(sourceFrom(std::move(simulator), osLabel));
+        sources.push_back(sourceFrom(std::move(simulator), osVersion));
       }
     }
   }
@@ -142,10 +142,11 @@ std::vector<SourceRef> parseDevices(std::span<const std::uint8_t> data) {
   return sortedByName(std::move(sources));
 }
 
-std::string osLabelFromRuntimeKey(std::string_view key) {
+std::string osLabel(std::string_view fromRuntimeKey) {
   // Split from the left: of two markers that share a full stop the second is text.
   std::string_view runtime;
-  for (const auto piece : std::views::split(key, kRuntimeMarker)) runtime = textOf(piece);
+  for (const auto piece : std::views::split(fromRuntimeKey, kRuntimeMarker))
+    runtime = textOf(piece);
   if (runtime.empty()) return "iOS";
 
   std::string platform;

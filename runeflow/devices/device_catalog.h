@@ -46,7 +46,7 @@ Async<std::vector<SourceRef>> discoverDevices(bool enabled);
 std::vector<SourceRef> parseDevices(std::span<const std::uint8_t> data);
 
 // "com.apple.CoreSimulator.SimRuntime.iOS-17-2" is "iOS 17.2".
-std::string osLabelFromRuntimeKey(std::string_view key);
+std::string osLabel(std::string_view fromRuntimeKey);
 
 // The name a platform is sold under: "xrOS" is "visionOS", others are as they are.
 std::string displayPlatform(std::string_view platform);

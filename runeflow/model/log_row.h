@@ -27,7 +27,7 @@ using Timestamp = std::chrono::sys_time<std::chrono::duration<double>>;
 // exists.
 std::optional<std::int64_t> microsecondsSinceEpoch(Timestamp timestamp);
 
-// The inverse: drops nothing for instants up to the year 2255, where doubles still hold
+// The inverse: drops nothing for instants up to the year 2106; from there on doubles miss some
 // microseconds.
 Timestamp timestampFromMicroseconds(std::int64_t microseconds);
 

@@ -2,9 +2,8 @@
 //
 // A SourceDescriptor says which slot of a LogRow holds which field, under which name a query may
 // refer to it, which columns the store indexes and which fields a viewer shows.
-// SourceDescriptor::dlt() and
-// ::logcat() are built in; a host may build others from the same types. All types here are plain
-// values and may be read from any thread.
+// SourceDescriptor::dlt() and SourceDescriptor::logcat() are built in; a host may build others from
+// the same types. All types here are plain values and may be read from any thread.
 #pragma once
 
 #include <compare>

@@ -16,7 +16,10 @@ constexpr int kUtilityNiceness = 10;
 bool runInBackground(std::move_only_function<void()> work) {
   std::move_only_function<void()> body = [work = std::move(work)]() mutable {
     // On Linux niceness belongs to the thread. Best effort: the work is done either way.
-    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kUtilityNiceness);
+    const auto thread = static_cast<id_t>(::gettid());
+    if (::getpriority(PRIO_PROCESS, thread) < kUtilityNiceness) {
+      ::setpriority(PRIO_PROCESS, thread, kUtilityNiceness);
+    }
     work();
   };
   return startThread({"runeflow.worker", kWorkerStack}, body);

@@ -1,6 +1,7 @@
 #include "runeflow/platform/local_time.h"
 
 #include <algorithm>
+#include <cmath>
 #include <ctime>
 
 namespace runeflow {
@@ -15,21 +16,19 @@ std::chrono::year calendarYear(std::int64_t number) {
   return std::chrono::year(static_cast<int>(std::clamp<std::int64_t>(number, kFirst, kLast)));
 }
 
-// What mktime makes of a local time, given as seconds of the local clock.
-std::int64_t offsetFromSystem(std::int64_t localSeconds) {
-  const std::chrono::sys_seconds local{std::chrono::seconds(localSeconds)};
-  const auto day = std::chrono::floor<std::chrono::days>(local);
-  const std::chrono::year_month_day date(day);
+// Seconds east of UTC at an instant. Unlike mktime, localtime_r neither reads the zone anew on
+// every call nor lets the last call colour the next.
+std::int64_t offsetAtInstant(std::int64_t seconds) {
+  const auto time = static_cast<std::time_t>(seconds);
   std::tm fields{};
-  fields.tm_year = static_cast<int>(date.year()) - 1900;
-  fields.tm_mon = static_cast<int>(static_cast<unsigned>(date.month())) - 1;
-  fields.tm_mday = static_cast<int>(static_cast<unsigned>(date.day()));
-  const std::chrono::hh_mm_ss timeOfDay(local - day);
-  fields.tm_hour = static_cast<int>(timeOfDay.hours().count());
-  fields.tm_min = static_cast<int>(timeOfDay.minutes().count());
-  fields.tm_sec = static_cast<int>(timeOfDay.seconds().count());
-  fields.tm_isdst = -1;
-  return localSeconds - std::mktime(&fields);
+  return localtime_r(&time, &fields) ? fields.tm_gmtoff : 0;
+}
+
+// The offset in force before a clock change near the local time, if the time exists under it.
+std::int64_t offsetFromSystem(std::int64_t localSeconds) {
+  const auto before = offsetAtInstant(localSeconds - kDay);
+  if (offsetAtInstant(localSeconds - before) == before) return before;
+  return offsetAtInstant(localSeconds + kDay);
 }
 
 }  // namespace
@@ -45,20 +44,18 @@ std::int64_t LocalTimeZone::secondsSinceEpoch(const LocalDateTime& time) {
 std::int64_t LocalTimeZone::offsetAt(std::int64_t localSeconds) {
   const std::int64_t hour =
       std::chrono::floor<std::chrono::hours>(std::chrono::seconds(localSeconds)).count();
-  if (hour == cachedHour_) return cachedOffset_;
+  auto& cached = cached_[static_cast<std::size_t>(hour & 1)];
+  if (cached.hour == hour) return cached.offset;
   const std::int64_t offset = offsetFromSystem(localSeconds);
   // An hour in which the clock changes is asked about time by time.
   const bool isSteady = offsetFromSystem(hour * kHour) == offset &&
                         offsetFromSystem(hour * kHour + kHour - 1) == offset;
-  if (isSteady) {
-    cachedHour_ = hour;
-    cachedOffset_ = offset;
-  }
+  if (isSteady) cached = {hour, offset};
   return offset;
 }
 
 std::int64_t localYear(Timestamp timestamp) {
-  const double seconds = timestamp.time_since_epoch().count();
+  const double seconds = std::floor(timestamp.time_since_epoch().count());
   constexpr double kFarFuture =
       9e17;  // well inside time_t; such years do not fit a calendar anyway
   const auto time = static_cast<std::time_t>(

@@ -1,6 +1,7 @@
 // Local wall-clock times of the machine's time zone, at the price of an addition.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 
@@ -19,20 +20,24 @@ struct LocalDateTime {
   std::int64_t second;
 };
 
-// Turns local times into instants. The zone is the system's (TZ or /etc/localtime, read once by the
-// C library); the offset of the last hour asked about is kept, so that a run of neighbouring times
-// costs one look-up an hour. One object is for one thread.
+// Turns local times into instants. The zone is the system's (TZ or /etc/localtime), which the C
+// library reads once; the offsets of the last hours asked about are kept, so that neighbouring
+// times cost an addition each. One object is for one thread.
 class LocalTimeZone {
  public:
-  // Whole seconds since 1970-01-01T00:00:00Z. A time that a clock change skips or repeats is
-  // resolved as mktime does.
+  // Whole seconds since 1970-01-01T00:00:00Z. Of a time that a clock change repeats it is the
+  // first; one that a change skips is read with the offset after it.
   std::int64_t secondsSinceEpoch(const LocalDateTime& time);
 
  private:
+  struct Cached {
+    std::int64_t hour = INT64_MIN;  // hours since 1970 on the local clock
+    std::int64_t offset = 0;        // seconds east of UTC
+  };
+
   std::int64_t offsetAt(std::int64_t localSeconds);
 
-  std::int64_t cachedHour_ = INT64_MIN;  // hours since 1970 on the local clock
-  std::int64_t cachedOffset_ = 0;        // seconds east of UTC
+  std::array<Cached, 2> cached_;  // for even and odd hours: lines around a full hour need both
 };
 
 // The calendar year of an instant in local time.

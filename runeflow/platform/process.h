@@ -21,8 +21,8 @@ enum class StandardOutput : std::uint8_t { captured, discarded };
 // everyone who writes to its standard output has closed it. There is no time limit. Standard input
 // and standard error are the null device, so that the host's own are left alone, and no other
 // descriptor of the host is passed on; the environment, the working folder and the thread's
-// priority are the caller's. Absent when the program cannot be
-// started. May be called on any thread, by several at once.
+// priority are the caller's. Absent when the program cannot be started. May be called on any
+// thread, by several at once.
 std::optional<ProcessResult> runProcess(const std::string& program,
                                         const std::vector<std::string>& arguments,
                                         StandardOutput standardOutput);

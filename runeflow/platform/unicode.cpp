@@ -14,12 +14,9 @@
 namespace runeflow::unicode {
 namespace {
 
-// ICU counts in 32 bits; longer stretches are looked at piece by piece.
+// ICU counts in 32 bits. A reader of characters looks at longer texts piece by piece; of names to
+// compare or to lower, which no user types that long, the rest is left out.
 constexpr std::size_t kLargestSegment = std::size_t{1} << 30;
-
-bool isAsciiByte(char byte) {
-  return static_cast<unsigned char>(byte) < 0x80;
-}
 
 std::int32_t icuLength(std::string_view text) {
   return static_cast<std::int32_t>(std::min(text.size(), kLargestSegment));
@@ -133,7 +130,16 @@ struct CharacterReader::Segment {
 };
 
 CharacterReader::CharacterReader(std::string_view text) : text_(text) {}
-CharacterReader::~CharacterReader() = default;
+
+CharacterReader::~CharacterReader() {
+  if (segment_) spareSegment() = std::move(segment_);
+}
+
+// Opening an iterator costs more than walking a line with it, so each thread keeps the last one.
+std::unique_ptr<CharacterReader::Segment>& CharacterReader::spareSegment() {
+  thread_local std::unique_ptr<Segment> spare;
+  return spare;
+}
 
 std::string_view CharacterReader::next() {
   const std::size_t start = position_;
@@ -146,6 +152,7 @@ std::size_t CharacterReader::nextLength() {
   if (position_ >= segmentEnd_) {
     const auto rest = text_.substr(position_, 2);
     if (isAscii(rest)) return rest == "\r\n" ? 2 : 1;
+    if (!segment_) segment_ = std::move(spareSegment());
     if (!segment_) segment_ = std::make_unique<Segment>();
     segmentStart_ = position_;
     segmentEnd_ = segmentEnd();
@@ -186,7 +193,7 @@ bool isBlank(std::string_view character) {
   return end == character.size() && u_charType(codePoint) == U_SPACE_SEPARATOR;
 }
 
-bool standsAlone(std::string_view text, std::size_t position) {
+bool standsAloneAmongOthers(std::string_view text, std::size_t position) {
   const std::size_t after = position + 1;
   if (after < text.size() && !isAsciiByte(text[after]) && extendsWhatPrecedes(text.substr(after))) {
     return false;

@@ -40,6 +40,7 @@ class CharacterReader {
 
  private:
   struct Segment;
+  static std::unique_ptr<Segment>& spareSegment();
   std::size_t nextLength();
   std::size_t segmentEnd() const;
 
@@ -59,9 +60,20 @@ bool isNumeric(std::string_view character);     // property Numeric_Type is not 
 // A tab or a space separator (general category Zs) that carries no mark.
 bool isBlank(std::string_view character);
 
+inline bool isAsciiByte(char byte) {
+  return static_cast<unsigned char>(byte) < 0x80;
+}
+
+// standsAlone beside a byte that is not ASCII.
+bool standsAloneAmongOthers(std::string_view text, std::size_t position);
+
 // True when the printable ASCII byte at `position` of a valid UTF-8 text is a character by itself,
 // neither carrying a combining mark nor joined to what stands before it.
-bool standsAlone(std::string_view text, std::size_t position);
+inline bool standsAlone(std::string_view text, std::size_t position) {
+  const bool isFree = (position == 0 || isAsciiByte(text[position - 1])) &&
+                      (position + 1 >= text.size() || isAsciiByte(text[position + 1]));
+  return isFree || standsAloneAmongOthers(text, position);
+}
 
 // The pieces between white-space characters, empty ones dropped. Views into `text`.
 std::vector<std::string_view> words(std::string_view text);

@@ -6,9 +6,9 @@
 // lets the WAL grow.
 //
 // The store owns its connection. One object serves one thread at a time and takes no lock. Writes
-// swallow failures: they log them (AppLog, category "store"), leave the database as it was, and go
-// on. Reads degrade to 0 or an empty list without a log line. A closed, inert or moved-from store
-// does nothing, harmlessly.
+// swallow failures: they log them (AppLog, category "store") and go on; a batch or a chunk that
+// fails leaves the database as it was. Reads degrade to 0 or an empty list without a log line. A
+// closed, inert or moved-from store changes and finds nothing.
 #pragma once
 
 #include <cstdint>
@@ -39,7 +39,7 @@ struct ValueCount {
 
 // What the file itself says of its schema.
 struct StoreInfo {
-  bool hasEvents = false;            // the `events` table is there and can be read
+  bool hasEvents = false;            // the `events` table is there with its columns
   bool hasFullText = false;          // so is its full-text index
   std::vector<std::string> indexes;  // names of the indexes of `events`, in order of creation
   std::int64_t usedBytes = 0;        // pages in use, in bytes; the file may be larger
@@ -76,13 +76,14 @@ class EventStore {
   // How many rows `insert` has committed through this object.
   std::int64_t insertedRows() const { return insertedRows_; }
 
-  // Deletes every row; the next one gets seq 1.
+  // Deletes every row; the next one gets seq 1. The full-text index is emptied even when the rows,
+  // after a logged failure, stay.
   void clear();
 
   // Deletes the `chunk` oldest rows if the used bytes have reached `toUsedBytes`, and gives the
   // smallest remaining seq (0 when none remains). Absent when nothing was deleted, which is also
-  // the answer to a `chunk` outside 1 to 2^31 - 1. One call deletes one chunk, however large the
-  // excess.
+  // the answer to a cap below 1 and to a `chunk` outside 1 to 2^31 - 1. One call deletes one chunk,
+  // however large the excess.
   std::optional<std::int64_t> trimOldest(std::int64_t toUsedBytes, std::int64_t chunk);
 
   std::int64_t minSeq();  // 0 in an empty store

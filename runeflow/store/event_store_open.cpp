@@ -23,8 +23,8 @@ constexpr const char* kCreateFullText =
 
 std::optional<EventStore> EventStore::open(const std::string& path, bool create,
                                            SourceDescriptor descriptor) {
-  // SQLite would open the part of the name before the NUL.
-  if (path.find('\0') != std::string::npos) return std::nullopt;
+  // To SQLite the empty name is a temporary database, and a NUL ends the name.
+  if (path.empty() || path.find('\0') != std::string::npos) return std::nullopt;
   EventStore store(std::move(descriptor));
   constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
   store.db_ = Connection::open(path, kFlags | (create ? SQLITE_OPEN_CREATE : 0));

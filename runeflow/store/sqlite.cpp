@@ -10,10 +10,13 @@
 namespace runeflow {
 namespace {
 
-// With SQLITE_USE_URI compiled in, a name that begins with "file:" is parsed as a URI.
+// With SQLITE_USE_URI compiled in, a name that begins with "file:" is parsed as a URI; ":memory:"
+// would be a database of this connection alone.
 std::string asFileName(const std::string& path) {
-  return path.starts_with("file:") ? "./" + path : path;
+  return path.starts_with("file:") || path == ":memory:" ? "./" + path : path;
 }
+
+constexpr int kBusyMilliseconds = 5000;
 
 }  // namespace
 
@@ -101,7 +104,11 @@ Connection Connection::open(const std::string& path, int flags) {
   const int result = sqlite3_open_v2(asFileName(path).c_str(), &handle, flags, nullptr);
   Connection connection;
   connection.handle_.reset(handle);  // a failed open may still have made a handle to close
-  if (result != SQLITE_OK) connection.close();
+  if (result != SQLITE_OK) {
+    connection.close();
+  } else {
+    sqlite3_busy_timeout(handle, kBusyMilliseconds);
+  }
   return connection;
 }
 
@@ -117,7 +124,7 @@ Statement Connection::prepare(const std::string& sql) {
 }
 
 std::int64_t Connection::lastInsertRowId() const {
-  return sqlite3_last_insert_rowid(handle_.get());
+  return handle_ ? sqlite3_last_insert_rowid(handle_.get()) : 0;
 }
 
 std::int64_t Connection::scalar(const std::string& sql) {

@@ -62,7 +62,8 @@ class Connection {
  public:
   Connection() = default;
 
-  // `path` names a file even where SQLite would take it for a URI.
+  // `path` names a file even where SQLite would take it for something else. From its first
+  // statement on the connection waits up to 5 s for another one's lock.
   static Connection open(const std::string& path, int flags);
 
   explicit operator bool() const { return handle_ != nullptr; }
