@@ -11,7 +11,6 @@
 #include <chrono>
 #include <cmath>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -27,17 +26,17 @@
 namespace runeflow {
 
 namespace ADBTransport {
-static void PrintTo(const ADBError& error, std::ostream* out) {
-  *out << error.message();
+static std::ostream& operator<<(std::ostream& out, const ADBError& error) {
+  return out << error.message();
 }
-static void PrintTo(const Device& device, std::ostream* out) {
-  *out << device.serial << ' ' << device.state << ' ' << device.displayName();
+static std::ostream& operator<<(std::ostream& out, const Device& device) {
+  return out << device.serial << ' ' << device.state << ' ' << device.displayName();
 }
 }  // namespace ADBTransport
 
 namespace SocketTransport {
-static void PrintTo(const ConnectError& error, std::ostream* out) {
-  *out << error.message();
+static std::ostream& operator<<(std::ostream& out, const ConnectError& error) {
+  return out << error.message();
 }
 }  // namespace SocketTransport
 
@@ -283,7 +282,7 @@ TEST_F(SocketTransportTest, triesEveryAddressAndTellsTheLastError) {
   unsupported.ai_family = AF_INET;
   unsupported.ai_socktype = SOCK_STREAM;
   unsupported.ai_protocol = IPPROTO_UDP;
-  const auto noSocket = ConnectError::failed(std::strerror(EPROTONOSUPPORT));
+  const auto noSocket = ConnectError::failed("Protocol not supported");
   const auto connect = [](const addrinfo* list) {
     auto socket = SocketTransport::connectToFirst(list, 100);
     return socket ? kNowhere : std::optional(socket.error());
@@ -345,7 +344,9 @@ TEST_F(ADBTransportTest, listsDevicesHoweverTheAnswerIsCut) {
 
 TEST_F(ADBTransportTest, turnsEveryAnswerToTheListIntoItsError) {
   const auto truncated = ADBError::protocolFailure("truncated device list from the adb server");
-  const auto rejected = [](std::string reason) { return ADBError::protocolFailure(reason); };
+  const auto rejected = [](std::string reason) {
+    return ADBError::protocolFailure(std::move(reason));
+  };
   const struct {
     std::string answer;
     std::optional<ADBError> error;  // absent: a list

@@ -47,14 +47,12 @@ std::optional<std::string> readStatus(int socket) {
 }
 
 // A sign is allowed, so "-000" is a length of 0; a negative one is none.
-std::optional<std::size_t> parseLength(std::string_view header) {
-  if (header.starts_with('+')) {
-    header.remove_prefix(1);
-    if (header.starts_with('-')) return std::nullopt;
-  }
-  int length = 0;
+std::optional<std::size_t> parseLength(const std::string& header) {
+  if (header.starts_with("+-")) return std::nullopt;
+  const char* const begin = header.data() + (header.starts_with('+') ? 1 : 0);
   const char* const end = header.data() + header.size();
-  const auto [parsed, error] = std::from_chars(header.data(), end, length, 16);
+  int length = 0;
+  const auto [parsed, error] = std::from_chars(begin, end, length, 16);
   if (error != std::errc{} || parsed != end || length < 0) return std::nullopt;
   return static_cast<std::size_t>(length);
 }
