@@ -1,0 +1,410 @@
+#!/usr/bin/env python3
+"""Captures with the built `runeflow` from a real adb server and a real DLT daemon.
+
+Usage: run.py PATH_OF_RUNEFLOW
+
+Everything runs on free ports of the loopback interface and in a temporary folder, and is ended with
+the program. One line a check; the exit code is 0 when all passed, 1 when one failed, 2 when
+something is missing. The Debian packages it needs are listed in packaging/debian-e2e.txt.
+"""
+
+import collections
+import contextlib
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import sqlite3
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+DLT_TRAFFIC = pathlib.Path("/usr/lib/libdlt-examples")
+LINES = 2000  # of the log on the device; the last has no line end, so it is no record
+PATIENCE = 30  # seconds for anything that is awaited
+
+
+class Checks:
+    def __init__(self):
+        self.passed = 0
+        self.failed = 0
+
+    def check(self, name, condition, detail=""):
+        if condition:
+            self.passed += 1
+            print(f"ok: {name}", flush=True)
+        else:
+            self.failed += 1
+            print(f"FAILED: {name}: {detail}", flush=True)
+
+    @contextlib.contextmanager
+    def scenario(self, name):
+        try:
+            yield name
+        except (OSError, TimeoutError, subprocess.SubprocessError, sqlite3.Error) as error:
+            self.check(name, False, error)
+
+
+def wait_until(what, condition):
+    end = time.monotonic() + PATIENCE
+    while not condition():
+        if time.monotonic() > end:
+            raise TimeoutError(f"waited {PATIENCE} s in vain until {what}")
+        time.sleep(0.02)
+
+
+def free_port():
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        return listener.getsockname()[1]
+
+
+def is_listening(port):
+    with socket.socket() as probe:
+        return probe.connect_ex(("127.0.0.1", port)) == 0
+
+
+def connections_to(port):
+    """How many clients on this machine have a connection to the port."""
+    rows = pathlib.Path("/proc/net/tcp").read_text().splitlines()[1:]
+    wanted = f"0100007F:{port:04X}"
+    return sum(1 for row in rows if row.split()[2] == wanted and row.split()[3] == "01")
+
+
+@contextlib.contextmanager
+def running(arguments, **options):
+    process = subprocess.Popen(arguments, text=True, **options)
+    try:
+        yield process
+    finally:
+        process.terminate()
+        try:
+            process.wait(5)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.wait()
+        for pipe in (process.stdout, process.stderr):
+            if pipe:
+                pipe.close()
+
+
+class Database:
+    def __init__(self, folder, name):
+        self.path = folder / f"{name}.db"
+
+    def ask(self, sql):
+        with contextlib.closing(sqlite3.connect(self.path, timeout=PATIENCE)) as connection:
+            return connection.execute(sql).fetchall()
+
+    def count(self):
+        """The records so far; 0 while the database is being made."""
+        try:
+            return self.ask("SELECT count(*) FROM events")[0][0]
+        except sqlite3.OperationalError:
+            return 0
+
+    def count_by_app(self):
+        return collections.Counter(dict(self.ask("SELECT s1, count(*) FROM events GROUP BY s1")))
+
+
+class Runeflow:
+    def __init__(self, program):
+        self.program = program
+
+    @contextlib.contextmanager
+    def capturing(self, database, *source):
+        arguments = [self.program, "capture", *source, "--db", database.path]
+        with running(arguments, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as process:
+            yield process
+
+    def capture(self, database, *source):
+        with self.capturing(database, *source) as process:
+            return finish(process)
+
+
+def finish(process):
+    """The exit code and the lines on standard error."""
+    _, errors = process.communicate(timeout=2 * PATIENCE)
+    return process.returncode, errors.splitlines()
+
+
+def ended_in_order(result):
+    code, lines = result
+    return code == 0 and len(lines) == 1 and "records" in lines[0]
+
+
+# --- adb
+
+
+def device_log():
+    """Threadtime text as some devices print it, with CR LF and without the last line end."""
+    lines = (
+        f"03-17 16:{i // 60:02}:{i % 60:02}.{i % 1000:03}  1702  2395 {'VDIWEF'[i % 6]} T{i % 7}: {i} ü✓"
+        for i in range(LINES)
+    )
+    return "\r\n".join(lines).encode()
+
+
+class AdbServer:
+    def __init__(self, folder, port):
+        self.folder = folder
+        self.port = port
+        self.address = f"127.0.0.1:{port}"
+        self.environment = os.environ | {"HOME": str(folder)}  # where adb keeps its keys
+        self.log = folder / "device.log"
+        self.log.write_bytes(device_log())
+
+    @contextlib.contextmanager
+    def running(self):
+        arguments = ["adb", "-P", str(self.port), "nodaemon", "server"]
+        with open(self.folder / "adb.out", "w") as out:
+            with running(arguments, env=self.environment, stdout=out, stderr=out):
+                wait_until("the adb server listens", lambda: is_listening(self.port))
+                yield self
+
+    def tell(self, *arguments):
+        command = ["adb", "-P", str(self.port), *arguments]
+        done = subprocess.run(
+            command, env=self.environment, capture_output=True, text=True, timeout=PATIENCE
+        )
+        return done.stdout
+
+    @contextlib.contextmanager
+    def device(self, *options, state="device"):
+        program = pathlib.Path(__file__).with_name("stand_in_device.py")
+        arguments = [sys.executable, program, self.log, *map(str, options)]
+        with running(arguments, stdout=subprocess.PIPE) as process:
+            serial = f"127.0.0.1:{process.stdout.readline().strip()}"
+            self.tell("connect", serial)
+            wait_until(
+                f"the device is '{state}'", lambda: f"{serial}\t{state}" in self.tell("devices")
+            )
+            try:
+                yield serial
+            finally:
+                self.tell("disconnect", serial)
+
+
+def check_adb_streams(checks, runeflow, folder, adb):
+    for chunk in (997, 1):
+        with checks.scenario(f"adb: every record arrives in packets of {chunk}") as name:
+            database = Database(folder, f"adb-{chunk}")
+            with adb.device("--chunk", chunk):
+                result = runeflow.capture(database, "--adb", adb.address)
+            complete = ended_in_order(result) and database.count() == LINES - 1
+            checks.check(name, complete, f"{result}, {database.count()} records")
+
+    with checks.scenario("adb: a device that vanishes ends the capture in order") as name:
+        database = Database(folder, "adb-lost")
+        with adb.device("--chunk", 1000, "--drop-after", 20000):
+            result = runeflow.capture(database, "--adb", adb.address)
+        arrived = adb.log.read_bytes()[:20000].count(b"\n")
+        kept = ended_in_order(result) and database.count() == arrived
+        checks.check(name, kept, f"{result}, {database.count()} of {arrived} records")
+
+    with checks.scenario("adb: an interrupt ends the capture in order") as name:
+        database = Database(folder, "adb-interrupted")
+        source = ("--adb", adb.address)
+        with adb.device("--hold"), runeflow.capturing(database, *source) as capture:
+            wait_until("records are stored", lambda: database.count() > 0)
+            capture.send_signal(signal.SIGINT)
+            result = finish(capture)
+        checks.check(name, ended_in_order(result), result)
+
+
+def check_adb_refusals(checks, runeflow, folder, adb):
+    def refused(name, sentence, *source):
+        code, lines = runeflow.capture(Database(folder, "adb-refused"), *source)
+        said = code == 2 and len(lines) == 1 and sentence in lines[0]
+        checks.check(f"adb: {name}", said, (code, lines))
+
+    with checks.scenario("adb: refusals"):
+        address = ("--adb", adb.address)
+        refused("no device", "No Android devices or emulators are attached", *address)
+        with adb.device():
+            refused("an unknown serial", "nosuch", *address, "--serial", "nosuch")
+            refused("a command that the device refuses", "closed", *address, "--command", "ls")
+        with adb.device("--unauthorized", state="unauthorized") as serial:
+            refused("an unauthorised device", f"Device {serial} is 'unauthorized'", *address)
+        nobody = f"127.0.0.1:{free_port()}"
+        refused("no server", f"No adb server is listening on {nobody}", "--adb", nobody)
+
+
+# --- DLT
+
+DAEMON_CONFIGURATION = """\
+SendContextRegistration = 1
+ECUId = ECU1
+LoggingMode = 0
+LoggingLevel = 6
+TimeOutOnSend = 4
+RingbufferMinSize = 500000
+RingbufferMaxSize = 10000000
+RingbufferStepSize = 500000
+ControlSocketPath = {folder}/dlt-control.sock
+ContextLogLevel = 6
+ContextTraceStatus = 1
+BindAddress = ::ffff:127.0.0.1
+"""
+
+
+class DltDaemon:
+    """Restarted on the same port by entering running() again."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        self.port = free_port()
+        self.address = f"127.0.0.1:{self.port}"
+        self.environment = os.environ | {"DLT_PIPE_DIR": str(folder)}
+        (folder / "dlt.conf").write_text(DAEMON_CONFIGURATION.format(folder=folder))
+
+    @contextlib.contextmanager
+    def running(self):
+        arguments = ["dlt-daemon", "-c", self.folder / "dlt.conf", "-t", self.folder]
+        arguments += ["-p", str(self.port)]
+        with open(self.folder / "dlt.out", "a") as out:
+            with running(arguments, env=self.environment, stdout=out, stderr=out) as process:
+                wait_until("the DLT daemon listens", lambda: is_listening(self.port))
+                yield process
+
+    @contextlib.contextmanager
+    def witness(self):
+        """Waits for the capture and joins it; what the daemon sends from now on goes to both."""
+        wait_until("the capture is connected", lambda: connections_to(self.port) == 1)
+        with Witness(self.port) as witness:
+            # Clients are accepted in turn, so the capture was before.
+            wait_until("the daemon speaks", lambda: witness.count_by_app.total() > 0)
+            yield witness
+
+    def send(self, program, *options):
+        arguments = [DLT_TRAFFIC / program, *map(str, options)]
+        subprocess.run(
+            arguments, env=self.environment, capture_output=True, check=True, timeout=PATIENCE
+        )
+
+
+    def send_lines(self, count):
+        """Twenty milliseconds apart; returns when they have been sent to the capture."""
+        with self.witness() as witness:
+            self.send("dlt-example-user", "-n", count, "-d", 20, "-l", 4, "one of many")
+            wait_until("the lines are out", lambda: witness.count_by_app["LOG"] >= count)
+
+
+class Witness(threading.Thread):
+    """A plain client of the daemon that cuts messages by their length and counts them by sender."""
+
+    def __init__(self, port):
+        super().__init__(daemon=True)
+        self.count_by_app = collections.Counter()
+        self.last_arrival = time.monotonic()
+        self.client = socket.create_connection(("127.0.0.1", port), PATIENCE)
+        self.client.settimeout(None)
+
+    def __enter__(self):
+        self.start()
+        return self
+
+    def __exit__(self, *_):
+        self.client.shutdown(socket.SHUT_RDWR)
+        self.join(PATIENCE)
+        self.client.close()
+
+    def run(self):
+        pending = b""
+        while piece := self.client.recv(65536):
+            self.last_arrival = time.monotonic()
+            pending += piece
+            while len(pending) >= 4 and len(pending) >= (length := self.length(pending)):
+                self.count_by_app[self.app(pending)] += 1
+                pending = pending[length:]
+
+    @staticmethod
+    def length(message):
+        return max(4, int.from_bytes(message[2:4], "big"))
+
+    @staticmethod
+    def app(message):
+        flags = message[0]
+        if not flags & 1:  # without an extended header
+            return None
+        start = 4 + 4 * sum(1 for bit in (4, 8, 16) if flags & bit) + 2
+        return message[start : start + 4].rstrip(b"\0").decode("latin-1")
+
+    def await_silence(self):
+        wait_until("the daemon is silent", lambda: time.monotonic() - self.last_arrival > 1)
+
+
+def check_dlt_burst(checks, runeflow, daemon, database):
+    with checks.scenario("dlt: every message of a burst is stored") as name:
+        with daemon.running() as process:
+            with runeflow.capturing(database, "--dlt", daemon.address) as capture:
+                with daemon.witness() as witness:
+                    daemon.send("dlt-test-multi-process", *"-m 500 -p 4 -t 4 -l 60 -d 1 -f 1".split())
+                    witness.await_silence()
+                    process.terminate()
+                    result = finish(capture)
+        seen, stored = witness.count_by_app, database.count_by_app()
+        detail = f"sent {dict(seen)}, stored {dict(stored)}"
+        # The daemon's own senders announce the witness before the witness hears them.
+        own = ("DLTD", "DA1")
+        complete = all(stored.pop(app, 0) >= seen.pop(app, 0) for app in own)
+        checks.check(name, complete and seen.total() > 1000 and seen == stored, detail)
+        checks.check("dlt: a daemon that ends, ends the capture", ended_in_order(result), result)
+
+
+def check_dlt_reconnect(checks, runeflow, daemon, database):
+    with checks.scenario("dlt: a restarted daemon is picked up again") as name:
+        with contextlib.ExitStack() as stack:
+            first = stack.enter_context(daemon.running())
+            source = ("--dlt", daemon.address, "--reconnect")
+            capture = stack.enter_context(runeflow.capturing(database, *source))
+            daemon.send_lines(20)
+            first.terminate()
+            first.wait(PATIENCE)
+            stack.enter_context(daemon.running())
+            daemon.send_lines(20)
+            wait_until("records of both are stored", lambda: database.count_by_app()["LOG"] > 20)
+            capture.send_signal(signal.SIGINT)
+            code, lines = finish(capture)
+        in_order = code == 0 and len(lines) > 1 and "records" in lines[-1]
+        checks.check(name, in_order, (code, lines))
+
+
+def check_dlt_absent(checks, runeflow, database):
+    with checks.scenario("dlt: no daemon"):
+        code, lines = runeflow.capture(database, "--dlt", f"127.0.0.1:{free_port()}")
+        said = code == 2 and len(lines) == 1 and "no DLT daemon is listening" in lines[0]
+        checks.check("dlt: no daemon", said, (code, lines))
+
+
+def missing():
+    programs = ["adb", "dlt-daemon", DLT_TRAFFIC / "dlt-example-user"]
+    return [str(program) for program in programs if not shutil.which(program)]
+
+
+def main():
+    if len(sys.argv) != 2 or not os.access(sys.argv[1], os.X_OK):
+        print("usage: run.py PATH_OF_RUNEFLOW", file=sys.stderr)
+        return 2
+    if missing():
+        print(f"{', '.join(missing())} not found; install packaging/debian-e2e.txt", file=sys.stderr)
+        return 2
+    checks = Checks()
+    runeflow = Runeflow(pathlib.Path(sys.argv[1]).resolve())
+    with tempfile.TemporaryDirectory() as name:
+        folder = pathlib.Path(name)
+        with checks.scenario("adb server"), AdbServer(folder, free_port()).running() as adb:
+            check_adb_refusals(checks, runeflow, folder, adb)
+            check_adb_streams(checks, runeflow, folder, adb)
+        daemon = DltDaemon(folder)
+        check_dlt_burst(checks, runeflow, daemon, Database(folder, "dlt-burst"))
+        check_dlt_reconnect(checks, runeflow, daemon, Database(folder, "dlt-reconnect"))
+        check_dlt_absent(checks, runeflow, Database(folder, "dlt-absent"))
+    print(f"{checks.passed} passed, {checks.failed} failed")
+    return 1 if checks.failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
