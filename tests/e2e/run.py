@@ -391,6 +391,7 @@ def main():
     if missing():
         print(f"{', '.join(missing())} not found; install packaging/debian-e2e.txt", file=sys.stderr)
         return 2
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # so that what was started ends as well
     checks = Checks()
     runeflow = Runeflow(pathlib.Path(sys.argv[1]).resolve())
     with tempfile.TemporaryDirectory() as name:

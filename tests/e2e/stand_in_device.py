@@ -19,6 +19,7 @@ VERSION = 0x01000001  # from here on the receiver does not look at the byte sum
 MAX_DATA = 256 * 1024
 HEADER = struct.Struct("<6I")
 AUTH_TOKEN = 1
+AUTH_SIGNATURE = 2
 
 
 def word(name):
@@ -76,8 +77,8 @@ class Connection:
         if command == CNXN:
             self.room = min(second, MAX_DATA)
             self.introduce()
-        elif command == AUTH:
-            self.send(AUTH, AUTH_TOKEN, 0, os.urandom(20))  # no signature and no key is good enough
+        elif command == AUTH and first == AUTH_SIGNATURE:  # a key waits for the user to accept it
+            self.send(AUTH, AUTH_TOKEN, 0, os.urandom(20))  # no signature is good enough, try another
         elif command == OPEN:
             self.open(first, data.rstrip(b"\0").decode())
         elif command == OKAY and second in self.remote:
