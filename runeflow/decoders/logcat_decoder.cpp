@@ -13,7 +13,7 @@ namespace runeflow {
 namespace {
 
 constexpr std::size_t kSampleSize = 8192;
-constexpr std::size_t kMostRowsReserved = 4096;  // line feeds alone make no rows
+constexpr std::size_t kMostRowsReserved = 4096;
 constexpr std::size_t kLargestIdleCarry = std::size_t{1} << 20;
 
 std::string_view asText(std::span<const std::uint8_t> bytes) {
@@ -211,10 +211,11 @@ bool isNumericText(std::string_view text) {
 }
 
 std::string_view trimBlanks(std::string_view text) {
+  const auto isBlankByte = [](char c) { return c == ' ' || c == '\t'; };
   if (!unicode::isAscii(text)) return unicode::trim(text, unicode::isBlank);
-  const auto first = text.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+  while (!text.empty() && isBlankByte(text.front())) text.remove_prefix(1);
+  while (!text.empty() && isBlankByte(text.back())) text.remove_suffix(1);
+  return text;
 }
 
 std::size_t findColonSpace(std::string_view text) {
@@ -273,8 +274,7 @@ LogcatDecoder::LogcatDecoder(Clock now) : now_(std::move(now)), year_(localYear(
 std::vector<LogRow> LogcatDecoder::consume(std::span<const std::uint8_t> bytes) {
   std::vector<LogRow> rows;
   auto input = asText(bytes);
-  rows.reserve(
-      std::min(kMostRowsReserved, static_cast<std::size_t>(std::ranges::count(input, '\n'))));
+  rows.reserve(expectedRows_);
   const auto append = [&](std::string_view line) {
     appendLine(line, rows);
     return true;
@@ -291,6 +291,7 @@ std::vector<LogRow> LogcatDecoder::consume(std::span<const std::uint8_t> bytes) 
     input.remove_prefix(restOfLine.size());
   }
   carry_ = input.substr(forEachLine(input, append));
+  expectedRows_ = std::min(kMostRowsReserved, rows.size() + rows.size() / 8);
   return rows;
 }
 

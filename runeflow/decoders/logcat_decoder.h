@@ -39,7 +39,8 @@ class LogcatDecoder final : public RowDecoder {
   void appendLine(std::string_view line, std::vector<LogRow>& rows);
   void appendRow(std::string_view text, std::vector<LogRow>& rows);
 
-  std::string carry_;  // what follows the last line feed
+  std::string carry_;             // what follows the last line feed
+  std::size_t expectedRows_ = 0;  // of the next piece, by those of the last
   Clock now_;
   std::int64_t year_;
   LocalTimeZone zone_;
