@@ -1,10 +1,12 @@
 #include "support.h"
 
 #include <fmt/format.h>
-#include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 
+#include <chrono>
 #include <memory>
+#include <thread>
 
 #include "runeflow/platform/gate.h"
 #include "runeflow/platform/thread.h"
@@ -25,6 +27,28 @@ void PrintTo(const LogRow& row, std::ostream* out) {
 }  // namespace runeflow
 
 namespace runeflow::test {
+
+static std::ptrdiff_t entriesOf(const char* folder) {
+  return std::distance(std::filesystem::directory_iterator(folder), {});
+}
+
+LeavesNothingBehind::LeavesNothingBehind() {
+  // The thread sanitizer starts a thread of its own along with the first.
+  std::thread([] {}).join();
+  threads_ = entriesOf("/proc/self/task");
+  descriptors_ = entriesOf("/proc/self/fd");
+}
+
+void LeavesNothingBehind::TearDown() {
+  // A worker thread outlives the delivery of its result by a moment.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (entriesOf("/proc/self/task") > threads_ && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  EXPECT_LE(entriesOf("/proc/self/task"), threads_);
+  EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors_);
+  EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child was left";
+}
 
 TemporaryFolder::TemporaryFolder() {
   std::string name = (std::filesystem::temp_directory_path() / "runeflow-test-XXXXXX").string();

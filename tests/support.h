@@ -1,8 +1,10 @@
 // What several tests need: a folder of their own, a second look at a database, the library's log.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <mutex>
@@ -35,6 +37,17 @@ class TemporaryFolder {
 
  private:
   std::filesystem::path path_;
+};
+
+// Fails a test that leaves descriptors, threads or children of the process behind.
+class LeavesNothingBehind : public testing::Test {
+ protected:
+  LeavesNothingBehind();
+  void TearDown() override;
+
+ private:
+  std::ptrdiff_t threads_;
+  std::ptrdiff_t descriptors_;
 };
 
 // The result of a statement on a connection of the test's own: one text a row, columns joined by
