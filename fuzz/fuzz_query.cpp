@@ -1,11 +1,14 @@
 // Any typed bytes parse into a query whose clause SQLite prepares, in every rewriting.
+#include <sqlite3.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
+#include <string>
 #include <string_view>
 
 #include "runeflow/query/query_parser.h"
-#include "tests/events_schema.h"
 
 namespace {
 
@@ -27,14 +30,35 @@ bool isWithinSqliteLimits(std::string_view clause) {
   return deepest < 20 && std::ranges::count(clause, ' ') < 1'800;
 }
 
+// The schema of a store's database, laid down in memory.
+sqlite3* emptyEvents() {
+  sqlite3* db = nullptr;
+  require(sqlite3_open(":memory:", &db) == SQLITE_OK);
+  constexpr const char* kSchema =
+      "CREATE TABLE events(seq INTEGER PRIMARY KEY, ts INTEGER NOT NULL, level INTEGER NOT NULL, "
+      "s0 TEXT, s1 TEXT, s2 TEXT, s3 TEXT, s4 TEXT, s5 TEXT, s6 TEXT, s7 TEXT, message TEXT, "
+      "ctx TEXT);"
+      "CREATE VIRTUAL TABLE events_fts USING fts5(message, content='events', content_rowid='seq', "
+      "tokenize='unicode61');";
+  require(sqlite3_exec(db, kSchema, nullptr, nullptr, nullptr) == SQLITE_OK);
+  return db;
+}
+
+using Statement = std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)>;
+
+// Null when SQLite refuses the text.
+Statement prepare(sqlite3* db, const std::string& sql) {
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(db, sql.c_str(), static_cast<int>(sql.size()), &statement, nullptr);
+  return {statement, sqlite3_finalize};
+}
+
 void checkClause(const LogQuery& query) {
-  static const auto db = testing_support::emptyEvents();
-  require(db != nullptr);
+  static sqlite3* const db = emptyEvents();
   const auto compiled = query.compile();
   const auto placeholders = std::ranges::count(compiled.clause, '?');
   require(static_cast<std::size_t>(placeholders) == compiled.binds.size());
-  const auto statement =
-      testing_support::prepare(db, "SELECT seq FROM events WHERE " + compiled.clause);
+  const auto statement = prepare(db, "SELECT seq FROM events WHERE " + compiled.clause);
   if (!statement) {
     require(!isWithinSqliteLimits(compiled.clause));
     return;
