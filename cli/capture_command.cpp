@@ -5,7 +5,6 @@
 #include <array>
 #include <charconv>
 #include <csignal>
-#include <cstring>
 #include <future>
 #include <limits>
 #include <memory>
@@ -91,13 +90,14 @@ class Capture {
       const auto pumped = runStream(stream);
       if (pumped.end == StreamEnd::failed) {
         progress_.say(
-            fmt::format("cannot read {} to its end: {}", stream.name, std::strerror(pumped.error)));
+            fmt::format("cannot read {} to its end: {}", stream.name, systemError(pumped.error)));
         hasFailed = !options_.isLive();  // a live stream ends as it likes
       }
       if (pumped.end == StreamEnd::interrupted) break;
       if (options_.reconnects) reconnectUntilInterrupted();
     }
-    progress_.summarise();
+    const bool isCapped = !options_.maxBytes.empty();
+    progress_.summarise(isCapped ? std::optional(store_.count()) : std::nullopt);
     return hasFailed || session_.progress().rowsLost > 0 ? 2 : 0;
   }
 
@@ -113,7 +113,7 @@ class Capture {
 
   Pumped runStream(Stream& stream) {
     std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) fail("cannot make a pipe: {}", std::strerror(errno));
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) fail("cannot make a pipe: {}", systemError(errno));
     FileDescriptor sink(ends[1]);
     ::fcntl(sink.get(), F_SETPIPE_SZ, kPipeSize);
     auto finished = std::make_shared<std::promise<void>>();
@@ -134,7 +134,7 @@ class Capture {
   void reconnectUntilInterrupted() {
     int delay = kFirstRetrySeconds;
     for (;;) {
-      progress_.say(fmt::format("the stream has ended; trying again in {} s", delay));
+      progress_.say(fmt::format("not connected; trying again in {} s", delay));
       for (int waited = 0; waited < delay * 10; ++waited) {
         if (interrupt_.waitFor(100)) return;
         progress_.tick();

@@ -8,7 +8,6 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <span>
 #include <string_view>
 
@@ -31,10 +30,6 @@ constexpr int kTickMilliseconds = 200;
 constexpr std::uint16_t kDltPort = 3490;
 constexpr double kDltConnectSeconds = 5;
 
-std::string errorText(int error) {
-  return std::strerror(error);
-}  // NOLINT(concurrency-mt-unsafe)
-
 // Absent while more bytes are needed to tell.
 std::optional<std::string> recognise(std::span<const std::uint8_t> head) {
   constexpr std::array<std::uint8_t, 4> kStorageHeader = {'D', 'L', 'T', 0x01};
@@ -48,7 +43,7 @@ void recogniseStream(Stream& stream) {
   std::array<std::uint8_t, kSampleSize> piece{};
   while (stream.head.size() < kSampleSize) {
     const auto size = ::read(stream.fd.get(), piece.data(), kSampleSize - stream.head.size());
-    if (size < 0) fail("cannot read {}: {}", stream.name, errorText(errno));
+    if (size < 0) fail("cannot read {}: {}", stream.name, systemError(errno));
     if (size == 0) break;
     stream.head.insert(stream.head.end(), piece.begin(), piece.begin() + size);
     if (const auto kind = recognise(stream.head)) {
@@ -127,7 +122,7 @@ Stream openFile(const std::string& path, const std::string& format) {
                                            : runeflow::FileTransport::openForReading(path)),
       .name = isStandardInput ? "standard input" : path,
       .kind = format};
-  if (!stream.fd) fail("cannot open {}: {}", stream.name, errorText(errno));
+  if (!stream.fd) fail("cannot open {}: {}", stream.name, systemError(errno));
   struct stat status{};
   if (::fstat(stream.fd.get(), &status) == 0) {
     if (S_ISDIR(status.st_mode)) fail("{} is a directory; name the files in it", stream.name);

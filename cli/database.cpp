@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string_view>
@@ -28,8 +27,7 @@ void requireDatabaseFile(const std::string& path) {
   }
   if (std::filesystem::is_directory(status)) fail("{} is a directory, not a database", path);
   std::ifstream file(path, std::ios::binary);
-  if (!file)
-    fail("cannot read {}: {}", path, std::strerror(errno));  // NOLINT(concurrency-mt-unsafe)
+  if (!file) fail("cannot read {}: {}", path, systemError(errno));
   constexpr std::string_view kMagic("SQLite format 3\0", 16);
   std::array<char, kMagic.size()> head{};
   file.read(head.data(), head.size());
@@ -72,7 +70,13 @@ EventStore openDatabase(const std::string& path, const std::string& source) {
   auto store =
       openStore(path, false, source.empty() ? SourceDescriptor::logcat() : descriptorNamed(source));
   const auto info = store.info();
-  if (!info.hasEvents) fail("{} holds no log records; it was not made by runeflow", path);
+  if (!info.hasEvents && info.error.starts_with("no such")) {
+    fail("{} holds no log records; it was not made by runeflow", path);
+  }
+  if (!info.hasEvents) {
+    fail("cannot read {}: {}; it needs write permission for the file and its folder, too", path,
+         info.error);
+  }
   if (!source.empty()) return store;
   const auto kind = kindOf(info);
   if (!kind)
@@ -84,8 +88,11 @@ EventStore openForCapture(const std::string& path, const SourceDescriptor& descr
   std::error_code ignored;
   if (std::filesystem::exists(path, ignored)) requireDatabaseFile(path);
   auto before = EventStore::open(path, false, descriptor);
-  if (const auto kind = before ? kindOf(before->info()) : std::nullopt;
-      kind && *kind != descriptor.id()) {
+  const auto info = before ? before->info() : runeflow::StoreInfo();
+  if (before && !info.isEmpty && !info.hasEvents) {
+    fail("{} is somebody else's database; capture into a file of its own", path);
+  }
+  if (const auto kind = kindOf(info); kind && *kind != descriptor.id()) {
     fail("{} already holds {} records; capture {} into a database of its own", path, *kind,
          descriptor.id());
   }

@@ -6,6 +6,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <utility>
 
 namespace cli {
@@ -13,6 +14,11 @@ namespace cli {
 struct Failure : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
+
+// What the system says of an errno; safe on any thread, unlike strerror.
+inline std::string systemError(int error) {
+  return std::generic_category().message(error);
+}
 
 template <class... Args>
 [[noreturn]] void fail(fmt::format_string<Args...> format, Args&&... args) {

@@ -83,12 +83,12 @@ void printText(const std::string& path, const runeflow::SourceDescriptor& descri
   fmt::print("  full text   {}\n", summary.info.hasFullText ? "yes" : "no");
 }
 
-void requireConsent(const std::string& path, std::int64_t records) {
+bool hasConsent(const std::string& path, std::int64_t records) {
   if (::isatty(STDIN_FILENO) != 1) fail("clearing {} needs --yes when nobody can be asked", path);
   fmt::print(stderr, "Delete all {} records of {}? [y/N] ", records, path);
   std::string answer;
-  std::getline(std::cin, answer);
-  if (answer != "y" && answer != "Y" && answer != "yes") fail("{} was left as it is", path);
+  if (!std::getline(std::cin, answer)) fmt::print(stderr, "\n");
+  return answer == "y" || answer == "Y" || answer == "yes";
 }
 
 }  // namespace
@@ -129,13 +129,17 @@ void addClearCommand(CLI::App& app, int& exitCode) {
   command->add_flag("--yes", options->isSure, "Do not ask");
   command->callback([=, &exitCode] {
     auto store = openDatabase(options->database, options->source);
-    const auto records = store.count();
-    if (!options->isSure) requireConsent(options->database, records);
-    store.clear();
-    if (store.count() > 0)
-      fail("could not clear {}; another program may be writing to it", options->database);
-    fmt::print(stderr, "runeflow: {} records deleted\n", records);
     exitCode = 0;
+    const auto records = store.count();
+    if (records > 0 && !options->isSure && !hasConsent(options->database, records)) return;
+    const auto oldest = store.minSeq();
+    const auto newest = store.maxSeq();
+    store.clear();
+    // A capture may have stored new records since, but with numbers from 1 on.
+    if (records > 0 && store.minSeq() == oldest && store.maxSeq() >= newest) {
+      fail("could not clear {}; another program may be holding it", options->database);
+    }
+    fmt::print(stderr, "runeflow: {} records deleted\n", records);
   });
 }
 

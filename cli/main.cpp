@@ -43,7 +43,9 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
-    return run(argc, argv);
+    const int exitCode = run(argc, argv);
+    if (std::fflush(stdout) != 0) return complain("cannot write the output; is its disk full?");
+    return exitCode;
   } catch (const cli::Failure& failure) {
     return complain(failure.what());
   } catch (const std::exception& unexpected) {

@@ -30,7 +30,7 @@ double rate(std::int64_t amount, double seconds) {
 }  // namespace
 
 Progress::Progress(const runeflow::CaptureSession& session, std::optional<std::int64_t> totalBytes)
-    : session_(session), totalBytes_(totalBytes), draws_(isTerminal(stderr)) {
+    : session_(session), totalBytes_(totalBytes), draws_(showsColour(stderr)) {
   runeflow::AppLog::attachSink(
       [this](const runeflow::AppLog::Line& line) { logLine(std::string(line.message)); });
 }
@@ -48,8 +48,9 @@ void Progress::tick() {
   const auto now = std::chrono::steady_clock::now();
   if (now - lastDrawn_ < kRedrawInterval) return;
   lastDrawn_ = now;
-  const auto width = static_cast<std::size_t>(terminalWidth(stderr) - 1);
-  fmt::print(stderr, "\r{}", fitted(text(session_.progress()), width));
+  const auto width = static_cast<std::size_t>(terminalWidth(stderr) - 3);
+  const auto line = text(session_.progress());
+  fmt::print(stderr, "\r{}\x1b[K", columnsOf(line) > width ? fitted(line, width) : line);
   isDrawn_ = true;
 }
 
@@ -101,15 +102,17 @@ void Progress::flushRepeats() {
   repeats_ = 0;
 }
 
-void Progress::summarise() {
+void Progress::summarise(std::optional<std::int64_t> recordsKept) {
   const auto done = session_.progress();
   const double elapsed = seconds();
+  auto summary = fmt::format("{} records, {} bytes in {:.2f} s, {:.0f} rows/s", done.rowsStored,
+                             done.bytesRead, elapsed, rate(done.rowsStored, elapsed));
+  if (done.rowsLost > 0) summary += fmt::format(", {} rows not stored", done.rowsLost);
+  if (recordsKept) summary += fmt::format(", {} records kept", *recordsKept);
   const std::lock_guard lock(mutex_);
   erase();
   flushRepeats();
-  fmt::print(stderr, "runeflow: {} records, {} bytes in {:.2f} s, {:.0f} rows/s{}\n",
-             done.rowsStored, done.bytesRead, elapsed, rate(done.rowsStored, elapsed),
-             done.rowsLost > 0 ? fmt::format(", {} rows not stored", done.rowsLost) : "");
+  fmt::print(stderr, "runeflow: {}\n", summary);
 }
 
 }  // namespace cli

@@ -11,7 +11,8 @@
 
 namespace cli {
 
-// Draws on standard error when that is a terminal, a few times a second; otherwise draws nothing.
+// Draws on standard error when that is a terminal (and NO_COLOR is not set), a few times a second;
+// otherwise draws nothing.
 // The library's log lines are printed above it while it lives; repeats of a line are only counted.
 class Progress {
  public:
@@ -26,8 +27,9 @@ class Progress {
   // Prints a line of its own above the progress.
   void say(const std::string& line);
 
-  // Takes the drawing away and prints what the capture came to.
-  void summarise();
+  // Takes the drawing away and prints what the capture came to; of a capped database, what it
+  // holds.
+  void summarise(std::optional<std::int64_t> recordsKept);
 
  private:
   std::string text(const runeflow::CaptureProgress& done) const;

@@ -1,6 +1,13 @@
+#include <poll.h>
+#include <sys/wait.h>
+
 #include <algorithm>
+#include <charconv>
+#include <csignal>
 #include <cstdlib>
 #include <memory>
+#include <system_error>
+#include <utility>
 
 #include "commands.h"
 #include "database.h"
@@ -22,11 +29,11 @@ constexpr int kFollowMilliseconds = 200;
 
 struct QueryOptions {
   std::string database;
-  std::string text;
+  std::vector<std::string> words;
   std::string source;
   std::int64_t after = 0;
-  std::size_t first = 0;
-  std::size_t last = 0;
+  std::int64_t first = 0;
+  std::int64_t last = 0;
   bool hasAfter = false;
   bool counts = false;
   bool follows = false;
@@ -37,19 +44,40 @@ struct QueryOptions {
   bool usesPager = false;
 };
 
-struct ClosePipe {
-  void operator()(std::FILE* pipe) const { ::pclose(pipe); }
-};
+// The user's pager, as the stream to print on. While it runs Ctrl-C is the pager's, and its leaving
+// early ends the printing, not the process.
+class Pager {
+ public:
+  Pager() {
+    const char* wanted = std::getenv("PAGER");  // NOLINT(concurrency-mt-unsafe)
+    command_ = wanted && *wanted ? wanted : "less";
+    ::setenv("LESS", "FRX",
+             0);  // NOLINT(concurrency-mt-unsafe): shows colours, needs no key for one page
+    pipe_ = ::popen(command_.c_str(), "w");
+    if (!pipe_) fail("cannot start the pager '{}'; set PAGER to one that is installed", command_);
+    std::signal(SIGINT, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);
+  }
+  ~Pager() {
+    if (pipe_) ::pclose(pipe_);
+  }
+  Pager(const Pager&) = delete;
+  Pager& operator=(const Pager&) = delete;
 
-// The user's pager on a terminal, when asked for.
-std::unique_ptr<std::FILE, ClosePipe> openPager(const QueryOptions& options) {
-  if (!options.usesPager || !isTerminal(stdout)) return nullptr;
-  const char* pager = std::getenv("PAGER");  // NOLINT(concurrency-mt-unsafe)
-  const char* command = pager && *pager ? pager : "less -R";
-  std::unique_ptr<std::FILE, ClosePipe> pipe(::popen(command, "w"));
-  if (!pipe) fail("cannot start the pager '{}'; set PAGER to one that is installed", command);
-  return pipe;
-}
+  std::FILE* stream() { return pipe_; }
+
+  void wait() {
+    constexpr int kNotFound = 127;  // the shell's answer for a command that it cannot find
+    const int status = ::pclose(std::exchange(pipe_, nullptr));
+    if (WIFEXITED(status) && WEXITSTATUS(status) == kNotFound) {
+      fail("cannot start the pager '{}'; set PAGER to one that is installed", command_);
+    }
+  }
+
+ private:
+  std::string command_;
+  std::FILE* pipe_ = nullptr;
+};
 
 RecordFormat formatOf(const QueryOptions& options) {
   if (options.isJson) return RecordFormat::json;
@@ -67,59 +95,97 @@ void printRecords(EventStore& store, RecordPrinter& printer, std::span<const std
 
 std::span<const std::int64_t> chosen(std::span<const std::int64_t> seqs,
                                      const QueryOptions& options) {
-  if (options.first > 0 && seqs.size() > options.first) seqs = seqs.first(options.first);
-  if (options.last > 0 && seqs.size() > options.last) seqs = seqs.last(options.last);
-  return seqs;
+  const auto atMost = [&](std::int64_t limit) {
+    return limit > 0 ? std::min(seqs.size(), static_cast<std::size_t>(limit)) : seqs.size();
+  };
+  return options.last > 0 ? seqs.last(atMost(options.last)) : seqs.first(atMost(options.first));
 }
 
-void follow(EventStore& store, RecordPrinter& printer, std::FILE* out, const LogQuery& query,
-            std::int64_t after, const Interrupt& interrupt) {
+bool hasReader(std::FILE* out) {
+  pollfd output{.fd = ::fileno(out), .events = 0, .revents = 0};
+  return ::poll(&output, 1, 0) >= 0 && (output.revents & POLLERR) == 0;
+}
+
+void follow(EventStore& store, RecordPrinter& printer, const LogQuery& query, std::int64_t after) {
+  const Interrupt interrupt;
+  std::int64_t newest = store.maxSeq();
   do {
-    if (store.maxSeq() < after) after = 0;  // cleared in the meantime: numbers start again
+    const auto last = store.maxSeq();
+    if (last < newest) after = 0;  // cleared in the meantime: numbers start again
+    newest = last;
     const auto seqs = store.matchingSeqs(query, after);
     printRecords(store, printer, seqs);
-    std::fflush(out);
+    std::fflush(stdout);
     if (!seqs.empty()) after = seqs.back();
-  } while (!interrupt.waitFor(kFollowMilliseconds));
+  } while (!interrupt.waitFor(kFollowMilliseconds) && hasReader(stdout));
+}
+
+// To the library a query that SQLite refuses matches nothing; its user should know the difference.
+void requireThatSqliteTakes(EventStore& store, const LogQuery& query) {
+  if (!store.matchingSeqsQueryPlan(query, 0).empty()) return;
+  fail("the query has more conditions or deeper groups than SQLite takes; shorten it");
+}
+
+int count(EventStore& store, const LogQuery& query, const QueryOptions& options) {
+  const auto count =
+      options.after > 0 ? static_cast<std::int64_t>(store.matchingSeqs(query, options.after).size())
+                        : store.countMatching(query);
+  fmt::print("{}\n", count);
+  return count > 0 ? 0 : 1;
+}
+
+void printTo(std::FILE* out, EventStore& store, const LogQuery& query, const QueryOptions& options,
+             std::span<const std::int64_t> seqs) {
+  RecordPrinter printer(
+      store.descriptor(), formatOf(options),
+      {runeflow::QueryParser::highlightTerms(query.root), options.matchCase, showsColour(stdout)},
+      out);
+  printRecords(store, printer, seqs);
+  if (!options.follows) return;
+  const auto last = seqs.empty() ? store.maxSeq() : seqs.back();
+  follow(store, printer, query, std::max(last, options.after));
 }
 
 int query(const QueryOptions& options) {
   auto store = openDatabase(options.database, options.source);
-  const auto parsed =
-      runeflow::QueryParser::parse(options.text, store.descriptor(), options.matchCase);
+  const auto text = fmt::format("{}", fmt::join(options.words, " "));
+  const auto parsed = runeflow::QueryParser::parse(text, store.descriptor(), options.matchCase);
+  requireThatSqliteTakes(store, parsed);
   if (options.showsPlan) {
-    for (const auto& line : store.matchingSeqsQueryPlan(parsed, options.after))
-      fmt::print("{}\n", line);
+    const auto plan = store.matchingSeqsQueryPlan(parsed, options.after);
+    fmt::print("{}\n", fmt::join(plan, "\n"));
     return 0;
   }
-  if (options.counts) {
-    const auto count =
-        options.hasAfter
-            ? static_cast<std::int64_t>(store.matchingSeqs(parsed, options.after).size())
-            : store.countMatching(parsed);
-    fmt::print("{}\n", count);
-    return count > 0 ? 0 : 1;
-  }
+  if (options.counts) return count(store, parsed, options);
 
-  const auto pager = openPager(options);
-  std::FILE* out = pager ? pager.get() : stdout;
-  RecordPrinter printer(
-      store.descriptor(), formatOf(options),
-      {runeflow::QueryParser::highlightTerms(parsed.root), options.matchCase, showsColour(stdout)},
-      out);
   // Following begins now, unless older records are asked for.
   const bool wantsOld =
       !options.follows || options.hasAfter || options.first > 0 || options.last > 0;
-  const auto newest = store.maxSeq();
   const auto seqs =
       wantsOld ? store.matchingSeqs(parsed, options.after) : std::vector<std::int64_t>();
-  printRecords(store, printer, chosen(seqs, options));
-  if (options.follows) {
-    const Interrupt interrupt;
-    follow(store, printer, out, parsed, seqs.empty() ? newest : seqs.back(), interrupt);
-    return 0;
+  if (options.usesPager && isTerminal(stdout)) {
+    Pager pager;
+    try {
+      printTo(pager.stream(), store, parsed, options, chosen(seqs, options));
+    } catch (const std::system_error&) {  // the user has left the pager
+    }
+    pager.wait();
+  } else {
+    printTo(stdout, store, parsed, options, chosen(seqs, options));
   }
-  return seqs.empty() ? 1 : 0;
+  return seqs.empty() && !options.follows ? 1 : 0;
+}
+
+CLI::Validator atLeast(std::int64_t smallest) {
+  return {[smallest](const std::string& text) {
+            std::int64_t number = 0;
+            const char* end = text.data() + text.size();
+            const auto parsed = std::from_chars(text.data(), end, number);
+            const bool isFine = parsed.ec == std::errc() && parsed.ptr == end && number >= smallest;
+            return isFine ? std::string()
+                          : fmt::format("'{}' is no whole number from {} on", text, smallest);
+          },
+          ""};
 }
 
 }  // namespace
@@ -128,19 +194,34 @@ void addQueryCommand(CLI::App& app, int& exitCode) {
   auto* command = app.add_subcommand("query", "Print the records that match a query");
   auto options = std::make_shared<QueryOptions>();
   command->add_option("DB", options->database, "The database")->required();
-  command->add_option("QUERY", options->text, "Such as: level:warn \"disk full\" NOT tag:chatty");
+  command->add_option("QUERY", options->words,
+                      "Such as: 'level:warn \"disk full\" NOT tag:chatty'");
   command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say");
-  auto* after = command->add_option("--after", options->after, "Only records with a greater seq");
+  auto* after = command->add_option("--after", options->after, "Only records with a greater seq")
+                    ->type_name("SEQ")
+                    ->check(atLeast(0));
   auto* first = command->add_option("--first", options->first, "Only the first N matches");
-  command->add_option("--last", options->last, "Only the last N matches")->excludes(first);
-  command->add_flag("--count", options->counts, "Print how many records match");
-  command->add_flag("--follow", options->follows,
-                    "Print new matches as they are stored, until Ctrl-C");
+  first->type_name("N")->check(atLeast(1));
+  auto* last = command->add_option("--last", options->last, "Only the last N matches");
+  last->type_name("N")->check(atLeast(1))->excludes(first);
+  auto* counts = command->add_flag("--count", options->counts, "Print how many records match");
+  auto* follows = command->add_flag("--follow", options->follows,
+                                    "Print new matches as they are stored, until Ctrl-C");
   command->add_flag("--match-case", options->matchCase, "Words match with their exact case");
   auto* json = command->add_flag("--json", options->isJson, "One JSON object a line");
-  command->add_flag("--csv", options->isCsv, "RFC 4180")->excludes(json);
-  command->add_flag("--plan", options->showsPlan, "Print SQLite's plan for the query");
-  command->add_flag("--pager", options->usesPager, "Show the records in $PAGER");
+  auto* csv = command->add_flag("--csv", options->isCsv, "RFC 4180")->excludes(json);
+  auto* pager = command->add_flag("--pager", options->usesPager, "Show the records in $PAGER");
+  pager->excludes(follows);
+  auto* plan = command->add_flag("--plan", options->showsPlan, "Print SQLite's plan for the query");
+  for (auto* other : {first, last, follows, json, csv, pager}) {
+    counts->excludes(other);
+    plan->excludes(other);
+  }
+  plan->excludes(counts);
+  command->footer(
+      "Off a terminal every record is one line: seq, time in UTC, level, the source's fields and "
+      "the "
+      "message, divided by tabs.");
   command->callback([=, &exitCode] {
     options->hasAfter = after->count() > 0;
     exitCode = query(*options);

@@ -18,7 +18,9 @@ using runeflow::RuneflowLogLevel;
 namespace {
 
 constexpr std::size_t kWidestColumn = 28;
+// Marking costs words times text; more and longer ones help nobody's eye.
 constexpr std::size_t kMostHighlightedWords = 64;
+constexpr std::size_t kLongestHighlightedWord = 128;
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 
 // Whole seconds, rounded down, and the microseconds after them.
@@ -66,9 +68,11 @@ void cover(std::vector<bool>& covered, std::string_view text, std::string_view w
   const auto same = [matchCase](char a, char b) {
     return a == b || (!matchCase && lowerAscii(a) == lowerAscii(b));
   };
-  for (auto at = std::search(text.begin(), text.end(), word.begin(), word.end(), same);
-       at != text.end(); at = std::search(at + 1, text.end(), word.begin(), word.end(), same)) {
-    std::fill_n(covered.begin() + (at - text.begin()), word.size(), true);
+  for (std::size_t at = 0; at < text.size(); at += word.size()) {
+    const auto found = std::ranges::search(text.substr(at), word, same);
+    if (found.empty()) return;
+    at = static_cast<std::size_t>(found.data() - text.data());
+    std::fill_n(covered.begin() + static_cast<std::ptrdiff_t>(at), word.size(), true);
   }
 }
 
@@ -103,16 +107,16 @@ RecordPrinter::RecordPrinter(const runeflow::SourceDescriptor& descriptor, Recor
     }
   }
   auto& words = highlighting_.words;
+  std::erase_if(words,
+                [](const std::string& word) { return word.size() > kLongestHighlightedWord; });
   std::ranges::sort(words);
   words.erase(std::ranges::unique(words).begin(), words.end());
   if (words.size() > kMostHighlightedWords) words.resize(kMostHighlightedWords);
+  if (format_ == RecordFormat::csv) fmt::print(out_, "{}\r\n", csvHeader());
 }
 
 void RecordPrinter::print(std::span<const FetchedRow> records) {
   if (format_ == RecordFormat::people) fitColumnsTo(records);
-  if (!std::exchange(hasStarted_, true) && format_ == RecordFormat::csv) {
-    fmt::print(out_, "{}\r\n", csvHeader());
-  }
   for (const auto& record : records) {
     switch (format_) {
       case RecordFormat::people:

@@ -57,7 +57,6 @@ class RecordPrinter {
   RecordFormat format_;
   Highlighting highlighting_;
   std::FILE* out_;
-  bool hasStarted_ = false;
 };
 
 }  // namespace cli

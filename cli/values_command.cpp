@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cctype>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -49,13 +50,18 @@ std::vector<ValueCount> slotValues(EventStore& store, const runeflow::StoreColum
   return counted;
 }
 
+bool isSameLetter(char a, char b) {
+  return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+}
+
 std::vector<ValueCount> levelValues(EventStore& store, const LogQuery& matching,
                                     const ValuesOptions& options) {
   std::vector<ValueCount> counted;
   for (const auto& [level, count] : countLevels(store, matching)) {
     const auto name = levelName(level);
-    if (count > 0 && name.starts_with(options.prefix))
-      counted.push_back({std::string(name), count});
+    const bool hasPrefix =
+        std::ranges::equal(name.substr(0, options.prefix.size()), options.prefix, isSameLetter);
+    if (count > 0 && hasPrefix) counted.push_back({std::string(name), count});
   }
   std::ranges::stable_sort(counted, std::ranges::greater{}, &ValueCount::count);
   if (options.limit >= 0 && counted.size() > static_cast<std::size_t>(options.limit)) {

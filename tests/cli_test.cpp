@@ -61,8 +61,10 @@ class Command : public testing::Test {
 TEST_F(Command, capturesAppendsAndSummarises) {
   captureThree();
   const auto again = run("capture - --db a.db --max-bytes 1G <a.log");
-  EXPECT_THAT(again.output,
-              MatchesRegex("runeflow: 3 records, 1[0-9]+ bytes in [0-9.]+ s, [0-9]+ rows/s\n"));
+  EXPECT_THAT(
+      again.output,
+      MatchesRegex(
+          "runeflow: 3 records, 1[0-9]+ bytes in [0-9.]+ s, [0-9]+ rows/s, 6 records kept\n"));
   EXPECT_EQ(run("query a.db --count", "").output, "6\n");
   EXPECT_THAT(run("info a.db").output,
               AllOf(StartsWith("a.db: Android records\n  records     6\n  seq         1 to 6\n"),
@@ -136,6 +138,7 @@ TEST_F(Command, whatCannotBeDoneIsOneSentenceAndExitCodeTwo) {
       {"query empty x", "empty holds no log records"},
       {"values a.db tagg", "there is no field 'tagg'; Android records have tag, pid, tid, level"},
       {"query a.db x --json --csv", "--json excludes --csv"},
+      {"query a.db x --first -1", "'-1' is no whole number from 1 on"},
       {"nonsense", "see --help"},
   };
   for (const auto& [arguments, names] : table) {

@@ -21,7 +21,7 @@
 namespace runeflow {
 
 // How GoogleTest shows a row.
-void PrintTo(const LogRow& row, std::ostream* out);
+std::ostream& operator<<(std::ostream& out, const LogRow& row);
 
 }  // namespace runeflow
 

@@ -143,24 +143,30 @@ std::optional<DateAndTime> readDateAndTime(std::string_view dateField, std::stri
   return result;
 }
 
+// The number of two digits at `at`, or one too large for any field of a time.
+std::int64_t twoDigits(std::string_view text, std::size_t at) {
+  constexpr std::int64_t kNone = 100;
+  return isDigit(text[at]) && isDigit(text[at + 1]) ? (text[at] - '0') * 10 + (text[at + 1] - '0')
+                                                    : kNone;
+}
+
 // Reads the first two fields as logcat itself prints them, "MM-DD hh:mm:ss.mmm ", and takes them
 // off `text`. Absent, with `text` as it was, when they have any other form, good or bad.
 std::optional<DateAndTime> takeUsualDateAndTime(std::string_view& text) {
-  constexpr std::string_view kForm = "00-00 00:00:00.000 ";
-  if (text.size() <= kForm.size()) return std::nullopt;
-  bool hasForm = unicode::standsAlone(text, kForm.size() - 1);
-  for (std::size_t i = 0; i < kForm.size(); ++i) {
-    hasForm &= kForm[i] == '0' ? isDigit(text[i]) : text[i] == kForm[i];
-  }
+  constexpr std::size_t kSize = 19;
+  if (text.size() <= kSize) return std::nullopt;
+  const bool hasForm = text[2] == '-' && text[5] == ' ' && text[8] == ':' && text[11] == ':' &&
+                       text[14] == '.' && isDigit(text[17]) && isCharacter(text, kSize - 1, ' ');
   if (!hasForm) return std::nullopt;
-  const auto two = [&](std::size_t at) { return (text[at] - '0') * 10 + (text[at + 1] - '0'); };
-  const DateAndTime result{two(0), two(3),  two(6),
-                           two(9), two(12), two(15) * 10 + (text[17] - '0')};
+  const auto centiseconds = twoDigits(text, 15);
+  const DateAndTime result{twoDigits(text, 0),  twoDigits(text, 3),
+                           twoDigits(text, 6),  twoDigits(text, 9),
+                           twoDigits(text, 12), centiseconds * 10 + (text[17] - '0')};
   const bool isInRange = result.month >= 1 && result.month <= 12 && result.day >= 1 &&
                          result.day <= 31 && result.hour <= 23 && result.minute <= 59 &&
-                         result.second <= 61;
+                         result.second <= 61 && centiseconds <= 99;
   if (!isInRange) return std::nullopt;
-  text.remove_prefix(kForm.size());
+  text.remove_prefix(kSize);
   return result;
 }
 

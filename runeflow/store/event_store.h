@@ -39,6 +39,8 @@ struct ValueCount {
 
 // What the file itself says of its schema.
 struct StoreInfo {
+  bool isEmpty = false;              // there is no table at all
+  std::string error;                 // why `events` cannot be read, in SQLite's words; else empty
   bool hasEvents = false;            // the `events` table is there with its columns
   bool hasFullText = false;          // so is its full-text index
   std::vector<std::string> indexes;  // names of the indexes of `events`, in order of creation

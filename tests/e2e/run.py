@@ -164,12 +164,11 @@ class AdbServer:
                 wait_until("the adb server listens", lambda: is_listening(self.port))
                 yield self
 
-    def tell(self, *arguments):
-        command = ["adb", "-P", str(self.port), *arguments]
-        done = subprocess.run(
-            command, env=self.environment, capture_output=True, text=True, timeout=PATIENCE
-        )
-        return done.stdout
+    def ask(self, service):
+        """The server's whole answer. The adb command would start a server where there is none."""
+        with socket.create_connection(("127.0.0.1", self.port), PATIENCE) as server:
+            server.sendall(f"{len(service):04x}{service}".encode())
+            return b"".join(iter(lambda: server.recv(4096), b"")).decode()
 
     @contextlib.contextmanager
     def device(self, *options, state="device"):
@@ -177,14 +176,14 @@ class AdbServer:
         arguments = [sys.executable, program, self.log, *map(str, options)]
         with running(arguments, stdout=subprocess.PIPE) as process:
             serial = f"127.0.0.1:{process.stdout.readline().strip()}"
-            self.tell("connect", serial)
-            wait_until(
-                f"the device is '{state}'", lambda: f"{serial}\t{state}" in self.tell("devices")
-            )
+            self.ask(f"host:connect:{serial}")
+            known = f"{serial}\t{state}"
+            wait_until(f"the device is '{state}'", lambda: known in self.ask("host:devices"))
             try:
                 yield serial
             finally:
-                self.tell("disconnect", serial)
+                with contextlib.suppress(OSError):
+                    self.ask(f"host:disconnect:{serial}")
 
 
 def check_adb_streams(checks, runeflow, folder, adb):
@@ -311,9 +310,15 @@ class Witness(threading.Thread):
         self.join(PATIENCE)
         self.client.close()
 
+    def receive(self):
+        try:
+            return self.client.recv(65536)
+        except ConnectionError:  # the daemon was ended
+            return b""
+
     def run(self):
         pending = b""
-        while piece := self.client.recv(65536):
+        while piece := self.receive():
             self.last_arrival = time.monotonic()
             pending += piece
             while len(pending) >= 4 and len(pending) >= (length := self.length(pending)):
