@@ -48,12 +48,12 @@ std::string describe(const QueryNode& node) {
     const auto& name =
         std::ranges::find(fields, predicate.column, &FieldDescriptor::column)->name();
     const auto* text = std::get_if<std::string>(&predicate.value->value());
-    return text ? fmt::format("{} = \"{}\"", name, *text)
+    return text ? fmt::format(R"({} = "{}")", name, *text)
                 : fmt::format("{} >= {}", name, std::get<std::int64_t>(predicate.value->value()));
   };
   return std::visit(overloaded{compare,
                                [](const ContextPredicate& c) {
-                                 return fmt::format("ctx \"{}\" = \"{}\"", c.key, c.value);
+                                 return fmt::format(R"(ctx "{}" = "{}")", c.key, c.value);
                                },
                                [](const FullTextTerm& term) { return "text \"" + term.raw + '"'; },
                                [&](const QueryNode::And&) { return list("and("); },

@@ -81,8 +81,8 @@ std::string requestsOf(const Answers& answers, Port& port, const std::function<v
   std::jthread server([&, caller = ::pthread_self()] {
     const FileDescriptor client = port.accept();
     for (const auto& answer : answers) {
-      const std::string header = readUntilEnd(client.get(), 4);
-      requests += header + readUntilEnd(client.get(), std::stoul("0" + header, nullptr, 16));
+      const std::string head = readUntilEnd(client.get(), 4);
+      requests.append(head).append(readUntilEnd(client.get(), std::stoul("0" + head, nullptr, 16)));
       for (const char byte : answer) {
         caught = false;
         ::pthread_kill(caller, SIGUSR1);
