@@ -89,18 +89,6 @@ TEST(DeviceCatalog, physicalDevicesAreListedWithWhatIsKnown) {
                                 true, "iphone"}));
 }
 
-TEST(DeviceCatalog, onlyWiredPairedConnectedPhonesAndTabletsStream) {
-  using DeviceCatalog::isStreamableDeviceState;
-  EXPECT_TRUE(isStreamableDeviceState("iPadOS", "wired", "connected", "paired"));
-  EXPECT_FALSE(isStreamableDeviceState("iOS", "wired", "connected", std::nullopt));
-  for (const auto* wrong : {"", "Wired", "xrOS", "localNetwork"}) {
-    EXPECT_FALSE(isStreamableDeviceState(wrong, "wired", "connected", "paired")) << wrong;
-    EXPECT_FALSE(isStreamableDeviceState("iOS", wrong, "connected", "paired")) << wrong;
-    EXPECT_FALSE(isStreamableDeviceState("iOS", "wired", wrong, "paired")) << wrong;
-    EXPECT_FALSE(isStreamableDeviceState("iOS", "wired", "connected", wrong)) << wrong;
-  }
-}
-
 TEST(DeviceCatalog, oneFaultAnywhereEmptiesTheResult) {
   const auto fail = [](const std::string& start, const std::vector<std::string_view>& ends) {
     for (const auto end : ends) {
@@ -177,19 +165,6 @@ struct Task {
 // Sends on what it awaits. All a coroutine uses has to be its parameters, which its frame keeps.
 Task forward(Async<int> source, std::promise<int> sink) {
   sink.set_value(co_await source);
-}
-
-TEST_F(DevicesTest, workRunsOnQuietThreadsSeveralAtOnce) {
-  std::barrier everyone(3);  // passed only if all three run at the same time
-  const auto isQuiet = [&everyone] {
-    everyone.arrive_and_wait();
-    sigset_t blocked;
-    ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-    return ::sigismember(&blocked, SIGINT) == 1 && ::sigismember(&blocked, SIGCHLD) == 1 &&
-           ::sigismember(&blocked, SIGSEGV) == 0 && ::getpriority(PRIO_PROCESS, 0) >= 10;
-  };
-  Async<bool> running[] = {Async<bool>(isQuiet), Async<bool>(isQuiet), Async<bool>(isQuiet)};
-  for (auto& quiet : running) EXPECT_TRUE(quiet.get());
 }
 
 TEST_F(DevicesTest, workResumesACoroutineOnceUnlessItIsGone) {

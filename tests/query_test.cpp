@@ -137,20 +137,6 @@ TEST(LogQuery, rewritesTouchTheirOwnLeavesAndCommute) {
   EXPECT_NE(QueryNode::and_({}), QueryNode::and_({QueryNode::all()}));
 }
 
-TEST(LogQuery, contextsAreFoundWithJsonAndByScans) {
-  const test::TemporaryFolder folder;
-  auto store = EventStore::open(folder.file("a.db"), true, SourceDescriptor::logcat());
-  const std::string odd = "a/b\t\"c\"\n\\%_";
-  for (const auto& ctx : {LogRow::Context{{"k", odd}, {"x", "v"}}, {{"k", "v"}, {"x", odd}}}) {
-    store->insert(std::vector{test::row("m", "", RuneflowLogLevel::Info, ctx)});
-  }
-  for (const auto& query :
-       {LogQuery{context("k", odd)}, LogQuery{QueryNode::not_(context("k", "v"))}}) {
-    EXPECT_THAT(store->matchingSeqs(query, 0), ElementsAre(1));
-    EXPECT_THAT(store->matchingSeqs(query.withContextAsSubstringScan(), 0), ElementsAre(1));
-  }
-}
-
 TEST(QueryParser, lexesByUserPerceivedCharacters) {
   using QueryParser::Tok;
   const auto w = Tok::word;

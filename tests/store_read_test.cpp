@@ -266,23 +266,5 @@ TEST_F(StoreRead, aQueryThatSqliteRefusesMatchesNothing) {
   EXPECT_EQ(store.countMatching({deep}), 0);
 }
 
-TEST_F(StoreRead, readersSeeWholeBatchesInOrderWhileAnotherConnectionWrites) {
-  auto store = open();
-  std::jthread writer([this] {
-    auto own = EventStore::open(path_, false, SourceDescriptor::logcat());
-    for (int batch = 0; batch < 60; ++batch) own->insert(test::rows("w", 100));
-  });
-  std::int64_t seen = 0;
-  while (seen < 6'000) {
-    const auto last = store.maxSeq();
-    ASSERT_EQ(last % 100, 0);
-    ASSERT_GE(last, seen);
-    const auto seqs = store.matchingSeqs(parse("w"), seen);
-    for (std::size_t i = 0; i < seqs.size(); ++i)
-      ASSERT_EQ(seqs[i], seen + static_cast<std::int64_t>(i) + 1);
-    if (!seqs.empty()) seen = seqs.back();
-  }
-}
-
 }  // namespace
 }  // namespace runeflow

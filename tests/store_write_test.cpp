@@ -272,15 +272,5 @@ TEST_F(StoreWrite, aFileMadeWithoutFullTextTakesRowsButIsNotTrimmed) {
   EXPECT_FALSE(store->info().hasFullText);
 }
 
-TEST_F(StoreWrite, aFileThatIsNoDatabaseFailsEveryWriteByLog) {
-  std::ofstream(path_) << std::string(4096, 'x');
-  auto store = EventStore::open(path_, true, SourceDescriptor::logcat());
-  ASSERT_TRUE(store.has_value());
-  store->insert(rows("x", 1));
-  EXPECT_FALSE(store->info().hasEvents);
-  EXPECT_THAT(log_.lines(),
-              ElementsAre(AllOf(HasSubstr("dropped 1 rows"), HasSubstr("not a database"))));
-}
-
 }  // namespace
 }  // namespace runeflow

@@ -11,22 +11,6 @@
 #include "runeflow/platform/gate.h"
 #include "runeflow/platform/thread.h"
 
-namespace runeflow {
-
-std::ostream& operator<<(std::ostream& out, const LogRow& row) {
-  out << fmt::format("{:.6f} level {} {}", row.timestamp().time_since_epoch().count(),
-                     rawValue(row.level()), testing::PrintToString(row.message()));
-  for (std::size_t i = 0; i < LogRow::slotCount; ++i) {
-    if (const auto* text = row.slot(static_cast<std::int64_t>(i))) {
-      out << fmt::format(" s{}={}", i, testing::PrintToString(*text));
-    }
-  }
-  if (row.ctx()) out << " ctx=" << testing::PrintToString(*row.ctx());
-  return out;
-}
-
-}  // namespace runeflow
-
 namespace runeflow::test {
 
 static std::ptrdiff_t entriesOf(const char* folder) {

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <mutex>
 #include <optional>
-#include <ostream>
 #include <span>
 #include <string>
 #include <string_view>
@@ -17,13 +16,6 @@
 
 #include "runeflow/capture/app_log.h"
 #include "runeflow/model/log_row.h"
-
-namespace runeflow {
-
-// How GoogleTest shows a row.
-std::ostream& operator<<(std::ostream& out, const LogRow& row);
-
-}  // namespace runeflow
 
 namespace runeflow::test {
 

@@ -99,12 +99,5 @@ TEST(Unicode, wordsAndTrimAgreeOnWhiteSpace) {
   EXPECT_THAT(unicode::words(""), ElementsAre());
 }
 
-TEST(Unicode, caseIsFoldedBeyondAscii) {
-  EXPECT_TRUE(unicode::equalsIgnoringCase("Straße", "STRASSE"));
-  EXPECT_TRUE(unicode::equalsIgnoringCase("ÉCU", "écu"));
-  EXPECT_FALSE(unicode::equalsIgnoringCase("[", "{"));
-  EXPECT_EQ(unicode::toLower("ÀB"), "àb");
-}
-
 }  // namespace
 }  // namespace runeflow
