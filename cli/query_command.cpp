@@ -51,8 +51,8 @@ class Pager {
   Pager() {
     const char* wanted = std::getenv("PAGER");  // NOLINT(concurrency-mt-unsafe)
     command_ = wanted && *wanted ? wanted : "less";
-    ::setenv("LESS", "FRX",
-             0);  // NOLINT(concurrency-mt-unsafe): shows colours, needs no key for one page
+    // Shows colours, and needs no key for a single page. NOLINTNEXTLINE(concurrency-mt-unsafe)
+    ::setenv("LESS", "FRX", 0);
     pipe_ = ::popen(command_.c_str(), "w");
     if (!pipe_) fail("cannot start the pager '{}'; set PAGER to one that is installed", command_);
     std::signal(SIGINT, SIG_IGN);
@@ -167,7 +167,8 @@ int query(const QueryOptions& options) {
     Pager pager;
     try {
       printTo(pager.stream(), store, parsed, options, chosen(seqs, options));
-    } catch (const std::system_error&) {  // the user has left the pager
+    } catch (
+        const std::system_error&) {  // NOLINT(bugprone-empty-catch): the user has left the pager
     }
     pager.wait();
   } else {

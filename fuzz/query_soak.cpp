@@ -1,5 +1,7 @@
 // Asks a store of 1,000 records random queries: the number of matches and the list of matches must
 // be of one mind. The argument is how many queries; a failure prints the query and its seed.
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -66,7 +68,7 @@ int main(int argc, char** argv) {
   std::mt19937_64 random(20'261'122);
   const auto path =
       std::filesystem::temp_directory_path() /
-      ("runeflow-soak-" + std::to_string(random() ^ static_cast<unsigned>(std::rand())));
+      ("runeflow-soak-" + std::to_string(random() ^ static_cast<unsigned>(::getpid())));
   auto store = *EventStore::open(path.string(), true, SourceDescriptor::logcat());
   store.insert(randomRows(random));
   long matching = 0;

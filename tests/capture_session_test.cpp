@@ -5,10 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
 #include <string_view>
 
 #include "runeflow/decoders/logcat_decoder.h"

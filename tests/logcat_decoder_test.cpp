@@ -3,9 +3,9 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <time.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <random>
 
 #include "support.h"

@@ -1,10 +1,10 @@
 #include "support.h"
 
 #include <fmt/format.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <thread>
 

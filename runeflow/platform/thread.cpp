@@ -58,7 +58,7 @@ bool startThread(const ThreadAttributes& attributes, Body& body) {
     body = std::move(start->body);
     return false;
   }
-  static_cast<void>(start.release());  // the thread owns it now
+  [[maybe_unused]] const auto* const ownedByTheThread = start.release();
   return true;
 }
 

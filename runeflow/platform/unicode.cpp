@@ -30,6 +30,7 @@ icu::UnicodeString utf16(std::string_view text) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wconversion"
 #pragma GCC diagnostic ignored "-Wsign-conversion"
+// NOLINTBEGIN(bugprone-inc-dec-in-conditions)
 
 // The code point at `index`, which moves past it; negative for a maximal ill-formed subpart.
 UChar32 decodeNext(std::string_view bytes, std::size_t& index) {
@@ -49,6 +50,7 @@ UChar32 lastCodePoint(std::string_view text) {
   return codePoint;
 }
 
+// NOLINTEND(bugprone-inc-dec-in-conditions)
 #pragma GCC diagnostic pop
 
 UChar32 firstCodePoint(std::string_view text) {
