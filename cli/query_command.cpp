@@ -167,8 +167,8 @@ int query(const QueryOptions& options) {
     Pager pager;
     try {
       printTo(pager.stream(), store, parsed, options, chosen(seqs, options));
-    } catch (
-        const std::system_error&) {  // NOLINT(bugprone-empty-catch): the user has left the pager
+    } catch (const std::system_error&) {
+      // The user has left the pager.
     }
     pager.wait();
   } else {

@@ -59,8 +59,8 @@ class SwitchingSink final : public spdlog::sinks::base_sink<std::mutex> {
              {message.logger_name.data(), message.logger_name.size()},
              levelOf(message.level),
              {message.payload.data(), message.payload.size()}});
-    } catch (
-        ...) {  // NOLINT(bugprone-empty-catch): a host that cannot log must not stop us storing
+    } catch (...) {
+      // A host that cannot log must not stop the library from storing.
     }
   }
   void flush_() override { stderr_.flush(); }
