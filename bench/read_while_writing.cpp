@@ -38,7 +38,8 @@ void readOnce(EventStore& store, const LogQuery& query, std::int64_t& seen, Find
   const auto matching = store.countMatching(query);
   ++findings.reads;
   if (last == 0) return;
-  if (records.empty() || matching == 0 || last < seen) ++findings.failed;
+  const bool mustMatch = last > 1'000;  // of every 40 records one has the tag
+  if (records.empty() || (mustMatch && matching == 0) || last < seen) ++findings.failed;
   for (std::size_t i = 1; i < records.size(); ++i) {
     if (records[i].seq <= records[i - 1].seq) ++findings.disordered;
   }

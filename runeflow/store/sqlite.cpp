@@ -80,7 +80,9 @@ bool Statement::isNull(int column) const {
 }
 
 std::string Statement::text(int column) const {
-  return optionalText(column).value_or("");
+  const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(handle_.get(), column));
+  if (!bytes) return {};
+  return {bytes, static_cast<std::size_t>(sqlite3_column_bytes(handle_.get(), column))};
 }
 
 std::optional<std::string> Statement::optionalText(int column) const {
