@@ -10,6 +10,7 @@
 // waits up to 5 s for the previous one. Readers do not keep the session alive, nor does its
 // destruction stop them. run() is for one thread at a time; everything else may be called from any
 // thread.
+//
 // A reader that cannot start says so in the log (AppLog, category "lifecycle"), a batch that cannot
 // be written is logged by the store and lost, and a stream that can no longer be read has simply
 // ended. The records stored before stay in every case.
