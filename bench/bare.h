@@ -100,11 +100,11 @@ inline void insertBare(const std::string& path, const std::vector<runeflow::LogR
     sqlite3_bind_int64(row, 1, *runeflow::microsecondsSinceEpoch(rows[i].timestamp()));
     sqlite3_bind_int64(row, 2, runeflow::rawValue(rows[i].level()));
     for (int slot = 0; slot < 8; ++slot) {
-      const auto* text = rows[i].slot(slot);
+      const auto text = rows[i].slot(slot);
       sqlite3_bind_text(row, 3 + slot, text ? text->data() : nullptr,
                         text ? static_cast<int>(text->size()) : 0, SQLITE_STATIC);
     }
-    const auto& message = rows[i].message();
+    const auto message = rows[i].message();
     sqlite3_bind_text(row, 11, message.data(), static_cast<int>(message.size()), SQLITE_STATIC);
     sqlite3_step(row);
     sqlite3_reset(words);

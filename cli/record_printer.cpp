@@ -76,9 +76,8 @@ void cover(std::vector<bool>& covered, std::string_view text, std::string_view w
   }
 }
 
-std::string slotText(const FetchedRow& record, std::int64_t slot) {
-  const auto* text = record.row.slot(slot);
-  return text ? *text : std::string();
+std::string_view slotText(const FetchedRow& record, std::int64_t slot) {
+  return record.row.slot(slot).value_or(std::string_view());
 }
 
 }  // namespace
@@ -162,7 +161,7 @@ std::string RecordPrinter::peopleLine(const FetchedRow& record) const {
   return line + "  " + highlighted(record.row.message());
 }
 
-std::string RecordPrinter::highlighted(const std::string& message) const {
+std::string RecordPrinter::highlighted(std::string_view message) const {
   if (!highlighting_.usesColour || highlighting_.words.empty()) return onOneLine(message);
   std::vector<bool> covered(message.size(), false);
   for (const auto& word : highlighting_.words)
@@ -171,7 +170,7 @@ std::string RecordPrinter::highlighted(const std::string& message) const {
   for (std::size_t start = 0; start < message.size();) {
     std::size_t end = start + 1;
     while (end < message.size() && covered[end] == covered[start]) ++end;
-    const auto piece = onOneLine(std::string_view(message).substr(start, end - start));
+    const auto piece = onOneLine(message.substr(start, end - start));
     line +=
         covered[start] ? fmt::format("{}{}{}", colour::kHighlight, piece, colour::kReset) : piece;
     start = end;
@@ -192,7 +191,7 @@ std::string RecordPrinter::jsonLine(const FetchedRow& record) const {
   object["time"] = utcTime(record.row.timestamp());
   object["level"] = levelName(record.row.level());
   for (const auto& column : columns_) {
-    const auto* text = record.row.slot(column.slot);
+    const auto text = record.row.slot(column.slot);
     object[column.name] = text ? nlohmann::ordered_json(*text) : nlohmann::ordered_json(nullptr);
   }
   object["message"] = record.row.message();

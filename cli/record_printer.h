@@ -44,7 +44,7 @@ class RecordPrinter {
   std::string jsonLine(const runeflow::FetchedRow& record) const;
   std::string csvLine(const runeflow::FetchedRow& record) const;
   std::string csvHeader() const;
-  std::string highlighted(const std::string& message) const;
+  std::string highlighted(std::string_view message) const;
 
   struct Column {
     std::string name;

@@ -27,6 +27,6 @@ int main(int argc, char** argv) {
 
   const auto query = QueryParser::parse(argv[3], descriptor, false);
   for (const auto& [seq, row] : store->fetch(store->matchingSeqs(query, 0))) {
-    std::printf("%lld %s\n", static_cast<long long>(seq), row.message().c_str());
+    std::printf("%lld %s\n", static_cast<long long>(seq), row.message().data());
   }
 }

@@ -52,11 +52,11 @@ std::vector<LogRow> randomRows(std::mt19937_64& random) {
       message += std::string(oneOf(kWords, random)) + ' ';
     std::optional<LogRow::Context> ctx;
     if (random() % 3 == 0) ctx = LogRow::Context{{"k", "v" + std::to_string(random() % 3)}};
+    const auto pid = std::to_string(random() % 10);
+    LogRow::Slots slots{std::nullopt, pid};
+    if (random() % 4) slots[0] = oneOf(kTags, random);
     rows.emplace_back(Timestamp{}, *levelFromRawValue(static_cast<std::int64_t>(random() % 6)),
-                      std::move(message), std::move(ctx), [&](LogRow::Slots& slots) {
-                        if (random() % 4) slots[0] = oneOf(kTags, random);
-                        slots[1] = std::to_string(random() % 10);
-                      });
+                      message, std::move(ctx), slots);
   }
   return rows;
 }

@@ -93,7 +93,7 @@ LogRow decodeOne(const Buffer& message) {
 }
 
 std::string verbose(std::uint8_t argumentCount, const Buffer& payload) {
-  return decodeOne(Dlt().extended(0x41, argumentCount).payload(payload)).message();
+  return std::string(decodeOne(Dlt().extended(0x41, argumentCount).payload(payload)).message());
 }
 
 TEST(DLTDecoder, headersFillTheSlots) {
@@ -128,7 +128,7 @@ TEST(DLTDecoder, messageInfoAndTimeBecomeTexts) {
   EXPECT_EQ(texts, "Log2 Log5 Log4 Log3 Log1 Log0 Log2 AppTrace2 NwTrace2 Control2 -2 ");
   texts.clear();
   for (const std::uint32_t ticks : {0U, 9'999U, 10'050U, 4'294'967'295U}) {
-    texts += decodeOne(Dlt().timestamp(ticks)).s6().value_or("absent") + " ";
+    texts += fmt::format("{} ", decodeOne(Dlt().timestamp(ticks)).s6().value_or("absent"));
   }
   EXPECT_EQ(texts, "0.0000 0.9999 1.0050 429496.7295 ");
 }

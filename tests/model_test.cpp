@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -65,10 +66,26 @@ TEST(LogRow, equalRowsHashAlikeHoweverTheirContextWasFilled) {
   EXPECT_EQ(rowWith(forwards), rowWith(backwards));
   EXPECT_EQ(hash(rowWith(forwards)), hash(rowWith(backwards)));
   EXPECT_NE(rowWith(std::nullopt), rowWith(LogRow::Context{}));
+}
 
-  const auto row = rowWith(std::nullopt);
-  EXPECT_EQ(*row.slot(3), "d");
-  for (const std::int64_t absent : {-1L, 1L, 8L, 100L}) EXPECT_EQ(row.slot(absent), nullptr);
+TEST(LogRow, textsKeepTheirPlaces) {
+  const auto rowWith = [](LogRow::Slot s1, LogRow::Slot s2, LogRow::Slot s7) {
+    return LogRow(at(1), RuneflowLogLevel::Info, "m", std::nullopt, {}, s1, s2, {}, {}, {}, {}, s7);
+  };
+  const LogRow rows[] = {
+      rowWith("ab", "c", {}), rowWith("a", "bc", {}), rowWith("abc", "", {}),
+      rowWith("abc", {}, {}), rowWith({}, "abc", {}), rowWith("ab", {}, "c"),
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(row.message(), "m");
+    EXPECT_EQ(row.message().data()[1], '\0');
+    EXPECT_EQ(row, LogRow(at(1), RuneflowLogLevel::Info, "m", std::nullopt, row.slots()));
+    EXPECT_EQ(std::ranges::count(rows, row), 1);
+  }
+  EXPECT_EQ(rows[2].slots(), (LogRow::Slots{std::nullopt, "abc", ""}));
+  for (const std::int64_t absent : {-1L, 0L, 2L, 8L, 100L}) {
+    EXPECT_EQ(rows[3].slot(absent), std::nullopt) << absent;
+  }
 }
 
 TEST(SourceDescriptor, builtInFieldsAreFoundByNameInAnyCase) {

@@ -26,13 +26,14 @@ using testing::Pair;
 using testing::SizeIs;
 using Predicate = std::function<bool(const LogRow&)>;
 
-std::string lower(std::string text) {
-  for (char& c : text) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
-  return text;
+std::string lower(std::string_view text) {
+  std::string lowered(text);
+  for (char& c : lowered) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
+  return lowered;
 }
 
 // The words of a message as the full-text index sees ASCII: letters and digits, case folded.
-std::vector<std::string> tokens(const std::string& text) {
+std::vector<std::string> tokens(std::string_view text) {
   std::vector<std::string> words(1);
   for (const char c : lower(text)) {
     if (std::isalnum(static_cast<unsigned char>(c)) || c < 0) {

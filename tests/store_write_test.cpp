@@ -144,8 +144,7 @@ TEST_F(StoreWrite, timestampsWithoutAMicrosecondCountAreClampedAndSaidOnce) {
   auto store = open();
   std::vector<LogRow> odd;
   for (const double seconds : {std::nan(""), kInfinity, -1e300}) {
-    odd.emplace_back(at(seconds), RuneflowLogLevel::Info, "m", std::nullopt,
-                     [](const LogRow::Slots&) {});
+    odd.emplace_back(at(seconds), RuneflowLogLevel::Info, "m", std::nullopt, LogRow::Slots());
   }
   store.insert(odd);
   EXPECT_THAT(ask("SELECT ts FROM events"),

@@ -121,29 +121,70 @@ bool isAscii(std::uint32_t fourBytes) {
   return (fourBytes & 0x8080'8080U) == 0;
 }
 
-// Leaves the slot absent when nothing but padding is there.
-void setIdentifier(LogRow::Slot& slot, Bytes field) {
-  std::size_t size = field.size();
-  while (size > 0 && (field[size - 1] == '\0' || field[size - 1] == ' ')) --size;
-  if (size == 0) return;
-  const std::string_view id = dlt::asText(field.first(size));
-  if (isAscii(load<std::uint32_t>(field, std::endian::native))) {
-    slot.emplace(id);
-  } else {
-    slot = unicode::decodeLossily(id);
+// The slots of one message, as views of its bytes and of what is made of them here. A text here is
+// at most 12 bytes long, all of them fit into what the buffer holds in place, so it never moves.
+class SlotTexts {
+ public:
+  SlotTexts() = default;
+  SlotTexts(const SlotTexts&) = delete;
+  SlotTexts& operator=(const SlotTexts&) = delete;
+
+  const LogRow::Slots& of(const Message& message, Bytes storageHeader) {
+    texts_.clear();
+    slots_[0] = message.ecuId ? identifier(*message.ecuId) : std::nullopt;
+    if (!slots_[0] && !storageHeader.empty()) slots_[0] = identifier(storageHeader.subspan(12, 4));
+    const auto& extended = message.extended;
+    slots_[1] = extended ? identifier(extended->applicationId) : std::nullopt;
+    slots_[2] = extended ? identifier(extended->contextId) : std::nullopt;
+    slots_[3] = extended ? typeName(extended->messageInfo) : std::nullopt;
+    slots_[4] = number(message.counter);
+    slots_[5] = message.sessionId ? LogRow::Slot(number(*message.sessionId)) : std::nullopt;
+    slots_[6] = message.timestamp ? LogRow::Slot(seconds(*message.timestamp)) : std::nullopt;
+    return slots_;
   }
-}
 
-void setNumber(LogRow::Slot& slot, std::uint32_t number) {
-  const fmt::format_int digits(number);
-  slot.emplace(digits.data(), digits.size());
-}
+ private:
+  // Absent when nothing but padding is there.
+  LogRow::Slot identifier(Bytes field) {
+    std::size_t size = field.size();
+    while (size > 0 && (field[size - 1] == '\0' || field[size - 1] == ' ')) --size;
+    if (size == 0) return std::nullopt;
+    const std::string_view id = dlt::asText(field.first(size));
+    if (isAscii(load<std::uint32_t>(field, std::endian::native))) return id;
+    return keep(unicode::decodeLossily(id));
+  }
 
-void setTypeName(LogRow::Slot& slot, std::uint8_t messageInfo) {
-  constexpr std::array<std::string_view, 4> names{"Log", "AppTrace", "NwTrace", "Control"};
-  const std::size_t type = messageInfo >> 1 & 0x7;
-  if (type < names.size()) slot.emplace(names[type]);
-}
+  static LogRow::Slot typeName(std::uint8_t messageInfo) {
+    constexpr std::array<std::string_view, 4> names{"Log", "AppTrace", "NwTrace", "Control"};
+    const std::size_t type = messageInfo >> 1 & 0x7;
+    return type < names.size() ? LogRow::Slot(names[type]) : std::nullopt;
+  }
+
+  std::string_view number(std::uint32_t number) {
+    const fmt::format_int digits(number);
+    return keep({digits.data(), digits.size()});
+  }
+
+  // Units of 0.1 ms as seconds with four decimals, without the detour over binary fractions.
+  std::string_view seconds(std::uint32_t timestamp) {
+    constexpr std::uint32_t perSecond = 10'000;
+    const fmt::format_int seconds(timestamp / perSecond);
+    const fmt::format_int fraction(perSecond + timestamp % perSecond);  // "1" and the decimals
+    const std::size_t size = seconds.size() + fraction.size();
+    keep({seconds.data(), seconds.size()});
+    keep(".");
+    keep({fraction.data() + 1, fraction.size() - 1});
+    return {texts_.end() - size, size};
+  }
+
+  std::string_view keep(std::string_view text) {
+    texts_.append(text);
+    return {texts_.end() - text.size(), text.size()};
+  }
+
+  LogRow::Slots slots_;
+  dlt::TextBuffer texts_;
+};
 
 RuneflowLogLevel levelOf(std::uint8_t messageInfo) {
   using enum RuneflowLogLevel;
@@ -153,17 +194,7 @@ RuneflowLogLevel levelOf(std::uint8_t messageInfo) {
   return isLog && typeInfo < levels.size() ? levels[typeInfo] : Info;
 }
 
-// Units of 0.1 ms as seconds with four decimals, without the detour over binary fractions.
-void setSeconds(LogRow::Slot& slot, std::uint32_t timestamp) {
-  constexpr std::uint32_t perSecond = 10'000;
-  const fmt::format_int seconds(timestamp / perSecond);
-  const fmt::format_int fraction(perSecond + timestamp % perSecond);  // "1" and the four decimals
-  std::string& text = slot.emplace(seconds.data(), seconds.size());
-  text += '.';
-  text.append(fraction.data() + 1, fraction.size() - 1);
-}
-
-std::string messageText(const Message& message) {
+dlt::TextBuffer messageText(const Message& message) {
   dlt::TextBuffer text;
   if (!message.extended) {
     dlt::appendHexPreview(text, message.payload);
@@ -173,7 +204,7 @@ std::string messageText(const Message& message) {
   } else {
     dlt::appendNonVerbose(text, message.payload, message.payloadOrder);
   }
-  return {text.data(), text.size()};
+  return text;
 }
 
 Timestamp storageTime(Bytes storageHeader) {
@@ -182,37 +213,26 @@ Timestamp storageTime(Bytes storageHeader) {
   return Timestamp(std::chrono::duration<double>(seconds + microseconds / 1e6));
 }
 
-void fillSlots(LogRow::Slots& slots, const Message& message, Bytes storageHeader) {
-  if (message.ecuId) setIdentifier(slots[0], *message.ecuId);
-  if (!slots[0] && !storageHeader.empty()) setIdentifier(slots[0], storageHeader.subspan(12, 4));
-  if (message.extended) {
-    setIdentifier(slots[1], message.extended->applicationId);
-    setIdentifier(slots[2], message.extended->contextId);
-    setTypeName(slots[3], message.extended->messageInfo);
-  }
-  setNumber(slots[4], message.counter);
-  if (message.sessionId) setNumber(slots[5], *message.sessionId);
-  if (message.timestamp) setSeconds(slots[6], *message.timestamp);
-}
-
-void appendRow(std::vector<LogRow>& rows, Bytes storageHeader, Bytes bytes, const Clock& now) {
+void appendRow(std::vector<LogRow>& rows, Bytes storageHeader, Bytes bytes, const Clock& now,
+               SlotTexts& slots) {
   const auto message = readMessage(bytes);
   if (!message) return;
+  const auto text = messageText(*message);
   rows.emplace_back(
       storageHeader.empty() ? now() : storageTime(storageHeader),
       message->extended ? levelOf(message->extended->messageInfo) : RuneflowLogLevel::Info,
-      messageText(*message), std::nullopt,
-      [&](LogRow::Slots& slots) { fillSlots(slots, *message, storageHeader); });
+      std::string_view(text.data(), text.size()), std::nullopt, slots.of(*message, storageHeader));
 }
 
 // Takes the complete messages off the front of the stream.
 void decode(Bytes& stream, const Clock& now, std::vector<LogRow>& rows) {
   constexpr std::size_t kMostRowsReserved = 4096;  // a message may still turn out to be none
   rows.reserve(std::min(kMostRowsReserved, countMessages(stream)));
+  SlotTexts slots;
   for (Frame frame = cutFrame(stream); frame.size <= stream.size(); frame = cutFrame(stream)) {
     if (frame.holdsMessage()) {
       const Bytes bytes = stream.first(frame.size);
-      appendRow(rows, bytes.first(frame.storageSize), bytes.subspan(frame.storageSize), now);
+      appendRow(rows, bytes.first(frame.storageSize), bytes.subspan(frame.storageSize), now, slots);
     }
     stream = stream.subspan(frame.size);
   }

@@ -312,16 +312,11 @@ void LogcatDecoder::appendLine(std::string_view line, std::vector<LogRow>& rows)
 void LogcatDecoder::appendRow(std::string_view text, std::vector<LogRow>& rows) {
   const auto parsed = parse(text, year_, zone_);
   if (!parsed) {
-    rows.emplace_back(now_(), RuneflowLogLevel::Info, std::string(text), std::nullopt,
-                      [](const LogRow::Slots&) {});
+    rows.emplace_back(now_(), RuneflowLogLevel::Info, text, std::nullopt, LogRow::Slots());
     return;
   }
-  rows.emplace_back(parsed->timestamp, parsed->level, std::string(parsed->message), std::nullopt,
-                    [&](LogRow::Slots& slots) {
-                      slots[0].emplace(parsed->tag);
-                      slots[1].emplace(parsed->pid);
-                      slots[2].emplace(parsed->tid);
-                    });
+  rows.emplace_back(parsed->timestamp, parsed->level, parsed->message, std::nullopt,
+                    LogRow::Slots{parsed->tag, parsed->pid, parsed->tid});
 }
 
 bool LogcatDecoder::looksLikeThreadtime(std::span<const std::uint8_t> bytes) {

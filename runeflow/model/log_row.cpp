@@ -1,5 +1,6 @@
 #include "runeflow/model/log_row.h"
 
+#include <algorithm>
 #include <cmath>
 #include <string_view>
 #include <utility>
@@ -37,20 +38,42 @@ std::optional<RuneflowLogLevel> levelFromRawValue(std::int64_t rawValue) {
   return static_cast<RuneflowLogLevel>(rawValue);
 }
 
-LogRow::LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string message,
+LogRow::LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string_view message,
                std::optional<Context> ctx, Slot s0, Slot s1, Slot s2, Slot s3, Slot s4, Slot s5,
                Slot s6, Slot s7)
-    : timestamp_(timestamp),
-      level_(level),
-      message_(std::move(message)),
-      ctx_(std::move(ctx)),
-      slots_{std::move(s0), std::move(s1), std::move(s2), std::move(s3),
-             std::move(s4), std::move(s5), std::move(s6), std::move(s7)} {}
+    : LogRow(timestamp, level, message, std::move(ctx), Slots{s0, s1, s2, s3, s4, s5, s6, s7}) {}
 
-const std::string* LogRow::slot(std::int64_t index) const {
-  if (index < 0 || index >= static_cast<std::int64_t>(slotCount)) return nullptr;
-  const Slot& slot = slots_[static_cast<std::size_t>(index)];
-  return slot ? &*slot : nullptr;
+LogRow::LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string_view message,
+               std::optional<Context> ctx, const Slots& slots)
+    : timestamp_(timestamp), level_(level), ctx_(std::move(ctx)) {
+  std::size_t size = 0;
+  for (std::size_t i = 0; i < slotCount; ++i) {
+    if (slots[i]) {
+      size += slots[i]->size();
+      presentSlots_ |= static_cast<std::uint8_t>(1U << i);
+    }
+    slotEnds_[i] = size;
+  }
+  size += message.size();
+  texts_.resize_and_overwrite(size, [&](char* out, std::size_t) {
+    for (const auto& slot : slots) {
+      if (slot) out += slot->copy(out, slot->size());
+    }
+    message.copy(out, message.size());
+    return size;
+  });
+}
+
+LogRow::Slots LogRow::slots() const {
+  return {s0(), s1(), s2(), s3(), s4(), s5(), s6(), s7()};
+}
+
+LogRow::Slot LogRow::slot(std::int64_t index) const {
+  if (index < 0 || index >= static_cast<std::int64_t>(slotCount)) return std::nullopt;
+  const auto i = static_cast<std::size_t>(index);
+  if (!(presentSlots_ >> i & 1U)) return std::nullopt;
+  const std::size_t start = i == 0 ? 0 : slotEnds_[i - 1];
+  return std::string_view(texts_).substr(start, slotEnds_[i] - start);
 }
 
 }  // namespace runeflow
@@ -60,14 +83,13 @@ std::size_t std::hash<runeflow::LogRow>::operator()(const runeflow::LogRow& row)
   using runeflow::hashText;
   std::size_t seed = std::hash<double>{}(row.timestamp().time_since_epoch().count());
   seed = combine(seed, static_cast<std::size_t>(row.level()));
-  seed = hashText(seed, row.message());
-  seed = combine(seed, row.ctx().has_value());
-  if (row.ctx()) {
+  seed = hashText(seed, row.texts_);
+  for (const auto end : row.slotEnds_) seed = combine(seed, end);
+  seed = combine(seed, row.presentSlots_);
+  seed = combine(seed, row.ctx_.has_value());
+  if (row.ctx_) {
     // The map is ordered by key, so equal maps are walked alike however they were filled.
-    for (const auto& [key, value] : *row.ctx()) seed = hashText(hashText(seed, key), value);
-  }
-  for (const auto& slot : row.slots()) {
-    seed = slot ? hashText(seed, *slot) : combine(seed, 0);
+    for (const auto& [key, value] : *row.ctx_) seed = hashText(hashText(seed, key), value);
   }
   return seed;
 }

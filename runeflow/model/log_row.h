@@ -7,14 +7,13 @@
 
 #include <array>
 #include <chrono>
-#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
 #include <string>
-#include <utility>
+#include <string_view>
 
 namespace runeflow {
 
@@ -43,60 +42,55 @@ constexpr std::int64_t rawValue(RuneflowLogLevel level) {
 
 // Immutable. A moved-from row may only be assigned to or destroyed. An absent slot and an empty
 // slot are different values (SQL NULL and '').
+//
+// The texts stand in one buffer of the row, so that a row costs one allocation to make, and few
+// bytes to move: the getters give views that live as long as the row is neither moved nor
+// destroyed.
 class LogRow {
  public:
   static constexpr std::size_t slotCount = 8;
   using Context = std::map<std::string, std::string>;
-  using Slot = std::optional<std::string>;
+  using Slot = std::optional<std::string_view>;
   using Slots = std::array<Slot, slotCount>;
 
-  LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string message,
+  // Copies the texts.
+  LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string_view message,
          std::optional<Context> ctx, Slot s0, Slot s1, Slot s2, Slot s3, Slot s4, Slot s5, Slot s6,
          Slot s7);
 
-  // The same with the slots in one array.
-  LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string message,
-         std::optional<Context> ctx, Slots slots)
-      : timestamp_(timestamp),
-        level_(level),
-        message_(std::move(message)),
-        ctx_(std::move(ctx)),
-        slots_(std::move(slots)) {}
-
-  // The same with the slots written where they stay: `fill` is called once, with all slots absent.
-  template <std::invocable<Slots&> Fill>
-  LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string message,
-         std::optional<Context> ctx, Fill&& fill)
-      : timestamp_(timestamp), level_(level), message_(std::move(message)), ctx_(std::move(ctx)) {
-    std::forward<Fill>(fill)(slots_);
-  }
+  LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string_view message,
+         std::optional<Context> ctx, const Slots& slots);
 
   Timestamp timestamp() const { return timestamp_; }
   RuneflowLogLevel level() const { return level_; }
-  const std::string& message() const { return message_; }
+  // A NUL follows its last byte.
+  std::string_view message() const { return std::string_view(texts_).substr(slotEnds_.back()); }
   const std::optional<Context>& ctx() const { return ctx_; }
-  const Slot& s0() const { return slots_[0]; }
-  const Slot& s1() const { return slots_[1]; }
-  const Slot& s2() const { return slots_[2]; }
-  const Slot& s3() const { return slots_[3]; }
-  const Slot& s4() const { return slots_[4]; }
-  const Slot& s5() const { return slots_[5]; }
-  const Slot& s6() const { return slots_[6]; }
-  const Slot& s7() const { return slots_[7]; }
-  const Slots& slots() const { return slots_; }
+  Slot s0() const { return slot(0); }
+  Slot s1() const { return slot(1); }
+  Slot s2() const { return slot(2); }
+  Slot s3() const { return slot(3); }
+  Slot s4() const { return slot(4); }
+  Slot s5() const { return slot(5); }
+  Slot s6() const { return slot(6); }
+  Slot s7() const { return slot(7); }
 
-  // The text of slot `index`; null when the slot is absent or there is no such slot. The pointer
-  // lives as long as this row is neither moved nor destroyed.
-  const std::string* slot(std::int64_t index) const;
+  Slots slots() const;
+
+  // The text of slot `index`; absent when the slot is absent or there is no such slot.
+  Slot slot(std::int64_t index) const;
 
   bool operator==(const LogRow&) const = default;
 
  private:
+  friend struct std::hash<LogRow>;
+
   Timestamp timestamp_;
   RuneflowLogLevel level_;
-  std::string message_;
+  std::uint8_t presentSlots_ = 0;                  // bit i: slot i is there
+  std::array<std::size_t, slotCount> slotEnds_{};  // each slot begins where the one before it ends
+  std::string texts_;                              // s0 to s7, then the message
   std::optional<Context> ctx_;
-  Slots slots_;
 };
 
 }  // namespace runeflow

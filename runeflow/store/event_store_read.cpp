@@ -15,14 +15,12 @@ constexpr const char* kRecordColumns = "seq,ts,level,s0,s1,s2,s3,s4,s5,s6,s7,mes
 constexpr int kTimestampColumn = 1;
 constexpr int kLevelColumn = 2;
 constexpr int kFirstSlotColumn = 3;
-constexpr int kMessageColumn = 11;
-constexpr int kContextColumn = 12;
+constexpr int kMessageColumn = 11;  // then ctx
 
-// Rows are large; growing a list of them moves every one.
 constexpr std::int64_t kMostRowsReserved = 4096;
 
 // Absent unless the text is a JSON object with nothing but strings in it.
-std::optional<LogRow::Context> parseContext(const std::string& text) {
+std::optional<LogRow::Context> parseContext(std::string_view text) {
   const auto document = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (!document.is_object()) return std::nullopt;
   LogRow::Context ctx;
@@ -33,30 +31,37 @@ std::optional<LogRow::Context> parseContext(const std::string& text) {
   return ctx;
 }
 
-LogRow readRow(const Statement& statement) {
-  std::optional<LogRow::Context> ctx;
-  if (!statement.isNull(kContextColumn)) ctx = parseContext(statement.text(kContextColumn));
-  // The level is read in 32 bits; a number that is no level counts as Info.
-  const auto level = levelFromRawValue(static_cast<std::int32_t>(statement.integer(kLevelColumn)));
-  return {timestampFromMicroseconds(statement.integer(kTimestampColumn)),
-          level.value_or(RuneflowLogLevel::Info), statement.text(kMessageColumn), std::move(ctx),
-          [&](LogRow::Slots& slots) {
-            int column = kFirstSlotColumn;
-            for (auto& slot : slots) statement.readText(column++, slot);
-          }};
-}
+// Reads the rows that a statement steps to. The views are kept from row to row: making them takes
+// longer than setting them. Converting, it makes a row where the list keeps it: moving a row that
+// was written a moment ago takes longer than writing it.
+class RowReader {
+ public:
+  explicit RowReader(const Statement& statement) : statement_(statement) {}
 
-// Becomes the row only where the list keeps it: moving one costs a tenth of fetching it.
-struct RowMaker {
-  const Statement& statement;
-  operator LogRow() const { return readRow(statement); }
+  operator LogRow() {
+    statement_.readTexts(kFirstSlotColumn, slots_);
+    statement_.readTexts(kMessageColumn, messageAndContext_);
+    const auto& [message, ctx] = messageAndContext_;
+    // The level is read in 32 bits; a number that is no level counts as Info.
+    const auto level =
+        levelFromRawValue(static_cast<std::int32_t>(statement_.integer(kLevelColumn)));
+    return {timestampFromMicroseconds(statement_.integer(kTimestampColumn)),
+            level.value_or(RuneflowLogLevel::Info), message.value_or(std::string_view()),
+            ctx ? parseContext(*ctx) : std::nullopt, slots_};
+  }
+
+ private:
+  const Statement& statement_;
+  LogRow::Slots slots_;
+  std::array<std::optional<std::string_view>, 2> messageAndContext_;
 };
 
 std::vector<FetchedRow> readRows(Statement& statement, std::int64_t atMost) {
   std::vector<FetchedRow> rows;
   if (!statement) return rows;
   rows.reserve(static_cast<std::size_t>(std::clamp<std::int64_t>(atMost, 0, kMostRowsReserved)));
-  while (statement.stepsToRow()) rows.emplace_back(statement.integer(0), RowMaker{statement});
+  RowReader reader(statement);
+  while (statement.stepsToRow()) rows.emplace_back(statement.integer(0), reader);
   return rows;
 }
 

@@ -7,7 +7,9 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -29,8 +31,7 @@ class Statement {
 
   // Parameters count from 1. Text is copied, up to its first NUL character.
   void bind(int index, std::int64_t value);
-  void bind(int index, const std::string& text);
-  void bind(int index, const std::optional<std::string>& text);  // absent is NULL
+  void bind(int index, const std::optional<std::string_view>& text);  // absent is NULL
   void bind(int index, const Bind& value);
   void bindInt32(int index, std::int32_t value);
   void bindNull(int index);
@@ -42,10 +43,10 @@ class Statement {
 
   // Columns count from 0; NULL reads as 0.
   std::int64_t integer(int column) const;
-  bool isNull(int column) const;
   std::string text(int column) const;  // NULL reads as the empty text
   std::optional<std::string> optionalText(int column) const;
-  void readText(int column, std::optional<std::string>& text) const;  // sets an absent one in place
+  // The texts of consecutive columns, NULL as absent; valid until the next step.
+  void readTexts(int column, std::span<std::optional<std::string_view>> texts) const;
 
  private:
   friend class Connection;
