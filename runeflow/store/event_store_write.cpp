@@ -68,8 +68,9 @@ bool EventStore::writeRow(const LogRow& row) {
   insertStmt_.reset();
   insertStmt_.bind(1, storableMicroseconds(row.timestamp()));
   insertStmt_.bind(2, rawValue(row.level()));
-  int parameter = kFirstSlotParameter;
-  for (const auto& slot : row.slots()) insertStmt_.bind(parameter++, slot);
+  for (int slot = 0; slot < static_cast<int>(LogRow::slotCount); ++slot) {
+    insertStmt_.bind(kFirstSlotParameter + slot, row.slot(slot));
+  }
   insertStmt_.bind(kMessageParameter, row.message());
   bindContext(insertStmt_, row.ctx());
   if (!insertStmt_.stepsToEnd()) return false;
