@@ -107,6 +107,9 @@ std::vector<LogRow> rows(std::string_view stem, int count) {
 }
 
 void onStackOf(std::size_t stackSize, std::move_only_function<void()> body) {
+#ifdef __SANITIZE_ADDRESS__
+  stackSize *= 8;
+#endif
   Gate done;
   std::move_only_function<void()> start = [&] {
     body();

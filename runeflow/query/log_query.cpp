@@ -53,59 +53,33 @@ std::string_view textOf(const std::optional<Bind>& value) {
 // placeholders and binds stay in step.
 class Compiler {
  public:
-  LogQuery::Compiled compile(const QueryNode& root) {
-    open(root);
-    while (!lists_.empty()) {
-      auto& list = lists_.back();
-      if (list.rest.empty()) {
-        compiled_.clause += list.closing;
-        lists_.pop_back();
-        continue;
-      }
-      if (!std::exchange(list.first, false)) compiled_.clause += list.separator;
-      const QueryNode& child = list.rest.front();
-      list.rest = list.rest.subspan(1);
-      open(child);
+  void write(const QueryNode& node) {
+    const auto children = node.children();
+    if (children.empty()) return writeLeaf(node);
+    const bool isNot = std::holds_alternative<QueryNode::Not>(node.value());
+    if (children.size() == 1 && !isNot) return write(children.front());
+    const bool isOr = std::holds_alternative<QueryNode::Or>(node.value());
+    std::string_view before = isNot ? "NOT (" : "(";
+    for (const auto& child : children) {
+      compiled_.clause += std::exchange(before, isOr ? " OR " : " AND ");
+      write(child);
     }
-    return std::move(compiled_);
+    compiled_.clause += ')';
   }
 
- private:
-  // A node whose children are being written.
-  struct List {
-    std::span<const QueryNode> rest;
-    std::string_view separator;
-    std::string_view closing;
-    bool first = true;
-  };
+  LogQuery::Compiled take() && { return std::move(compiled_); }
 
-  // Writes a leaf; of any other node its beginning.
-  void open(const QueryNode& node) {
+ private:
+  // Not part of write(), whose frame every level of the tree takes once more. A list of no
+  // conditions holds for every record.
+  [[gnu::noinline]] void writeLeaf(const QueryNode& node) {
     std::visit(overloaded{
                    [&](const FieldPredicate& predicate) { field(predicate); },
                    [&](const ContextPredicate& predicate) { context(predicate); },
                    [&](const FullTextTerm& term) { fullText(term); },
-                   [&](const QueryNode::And&) { openList(node.children(), " AND "); },
-                   [&](const QueryNode::Or&) { openList(node.children(), " OR "); },
-                   [&](const QueryNode::Not&) { openNot(node.children()); },
-                   [&](const QueryNode::All&) { compiled_.clause += '1'; },
+                   [&](const auto&) { compiled_.clause += '1'; },
                },
                node.value());
-  }
-
-  void openList(std::span<const QueryNode> children, std::string_view separator) {
-    if (children.empty()) {
-      compiled_.clause += '1';
-      return;
-    }
-    const bool several = children.size() > 1;
-    if (several) compiled_.clause += '(';
-    lists_.push_back({children, separator, several ? ")" : ""});
-  }
-
-  void openNot(std::span<const QueryNode> child) {
-    compiled_.clause += "NOT (";
-    lists_.push_back({child, "", ")"});
   }
 
   void condition(std::string_view sql, Bind bind) {
@@ -184,7 +158,6 @@ class Compiler {
   }
 
   LogQuery::Compiled compiled_;
-  std::vector<List> lists_;
 };
 
 QueryNode withChildren(const QueryNode& node, std::vector<QueryNode> children) {
@@ -198,75 +171,21 @@ QueryNode withChildren(const QueryNode& node, std::vector<QueryNode> children) {
 }
 
 // The tree with every childless node replaced by what `rewriteLeaf` makes of it.
-template <class RewriteLeaf>
-QueryNode rewritten(const QueryNode& root, const RewriteLeaf& rewriteLeaf) {
-  struct Level {
-    const QueryNode* parent;  // null above the root
-    std::span<const QueryNode> nodes;
-    std::vector<QueryNode> done;
-  };
-  std::vector<Level> path;
-  path.push_back({nullptr, std::span(&root, 1), {}});
-  while (true) {
-    auto& [parent, nodes, done] = path.back();
-    if (done.size() < nodes.size()) {
-      const QueryNode& next = nodes[done.size()];
-      if (next.children().empty()) {
-        done.push_back(rewriteLeaf(next));
-      } else {
-        path.push_back({&next, next.children(), {}});
-      }
-      continue;
-    }
-    if (!parent) return std::move(done.front());
-    QueryNode whole = withChildren(*parent, std::move(done));
-    path.pop_back();
-    path.back().done.push_back(std::move(whole));
-  }
+QueryNode rewritten(const QueryNode& node, QueryNode (*rewriteLeaf)(const QueryNode&)) {
+  if (node.children().empty()) return rewriteLeaf(node);
+  std::vector<QueryNode> children;
+  children.reserve(node.children().size());
+  for (const auto& child : node.children()) children.push_back(rewritten(child, rewriteLeaf));
+  return withChildren(node, std::move(children));
 }
 
 }  // namespace
 
-// The nodes of one level are destroyed before those below them, which wait in `pending`: a chain of
-// a million NOTs must not end in a million nested destructors.
-void QueryNode::Children::Destroy::operator()(const std::vector<QueryNode>* nodes) const {
-  using Nodes = std::unique_ptr<const std::vector<QueryNode>>;
-  thread_local std::vector<Nodes>* pending = nullptr;
-  Nodes owned(nodes);
-  if (pending) {
-    pending->push_back(std::move(owned));
-    return;
-  }
-  std::vector<Nodes> waiting;
-  pending = &waiting;
-  for (owned.reset(); !waiting.empty(); owned.reset()) {
-    owned = std::move(waiting.back());
-    waiting.pop_back();
-  }
-  pending = nullptr;
-}
-
 QueryNode::Children::Children(std::vector<QueryNode> nodes)
-    : nodes_(std::make_unique<const std::vector<QueryNode>>(std::move(nodes)).release(),
-             Destroy{}) {}
+    : nodes_(std::make_shared<const std::vector<QueryNode>>(std::move(nodes))) {}
 
 bool QueryNode::Children::operator==(const Children& other) const {
-  using Nodes = std::span<const QueryNode>;
-  std::vector<std::pair<Nodes, Nodes>> pending{{*nodes_, *other.nodes_}};
-  while (!pending.empty()) {
-    const auto [left, right] = pending.back();
-    pending.pop_back();
-    if (left.size() != right.size()) return false;
-    if (left.data() == right.data()) continue;  // shared
-    for (std::size_t i = 0; i < left.size(); ++i) {
-      const auto& a = left[i].value();
-      const auto& b = right[i].value();
-      const bool leaf = left[i].children().empty() || right[i].children().empty();
-      if (leaf ? !(a == b) : a.index() != b.index()) return false;
-      if (!leaf) pending.emplace_back(left[i].children(), right[i].children());
-    }
-  }
-  return true;
+  return nodes_ == other.nodes_ || *nodes_ == *other.nodes_;
 }
 
 QueryNode QueryNode::field(FieldPredicate predicate) {
@@ -314,7 +233,9 @@ std::span<const QueryNode> QueryNode::children() const {
 }
 
 LogQuery::Compiled LogQuery::compile() const {
-  return Compiler().compile(root);
+  Compiler compiler;
+  compiler.write(root);
+  return std::move(compiler).take();
 }
 
 LogQuery LogQuery::withFullTextAsSubstringScan() const {

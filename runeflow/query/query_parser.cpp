@@ -10,52 +10,101 @@
 namespace runeflow::QueryParser {
 namespace {
 
+// Cuts a valid UTF-8 text into tokens, one at a time.
 class Lexer {
  public:
-  std::vector<Tok> lex(std::string_view text) {
-    unicode::CharacterReader characters(text);
-    for (auto c = characters.next(); !c.empty(); c = characters.next()) take(c);
-    emitWord();
-    return std::move(toks_);
+  explicit Lexer(std::string_view text) : characters_(text) {}
+
+  // Absent at the end of the text.
+  std::optional<Tok> next() {
+    while (true) {
+      const auto character = nextCharacter();
+      if (character == "\"") {
+        wasQuoted_ = true;
+        inQuotes_ = !inQuotes_;
+      } else if (!endsWord(character)) {
+        word_ += character;
+      } else if (!word_.empty()) {
+        held_ = character;
+        return takeWord();
+      } else {
+        wasQuoted_ = false;
+        if (character.empty()) return std::nullopt;
+        if (character == "(") return Tok::lparen();
+        if (character == ")") return Tok::rparen();
+      }
+    }
   }
 
  private:
-  void take(std::string_view character) {
-    if (character == "\"") {
-      wasQuoted_ = true;
-      inQuotes_ = !inQuotes_;
-    } else if (!inQuotes_ && unicode::isWhiteSpace(character)) {
-      emitWord();
-    } else if (!inQuotes_ && character == "(") {
-      emitWord();
-      toks_.push_back(Tok::lparen());
-    } else if (!inQuotes_ && character == ")") {
-      emitWord();
-      toks_.push_back(Tok::rparen());
-    } else {
-      word_ += character;
-    }
+  std::string_view nextCharacter() {
+    return held_.empty() ? characters_.next() : std::exchange(held_, {});
   }
 
-  void emitWord() {
+  // The end of the text, an empty character here, ends a word within quotes too.
+  bool endsWord(std::string_view character) const {
+    return character.empty() || (!inQuotes_ && (character == "(" || character == ")" ||
+                                                unicode::isWhiteSpace(character)));
+  }
+
+  Tok takeWord() {
     const bool quoted = std::exchange(wasQuoted_, false);
-    if (word_.empty()) return;
-    if (!quoted && word_ == "AND") {
-      toks_.push_back(Tok::and_());
-    } else if (!quoted && word_ == "OR") {
-      toks_.push_back(Tok::or_());
-    } else if (!quoted && word_ == "NOT") {
-      toks_.push_back(Tok::not_());
-    } else {
-      toks_.push_back(Tok::word(std::move(word_)));
-    }
-    word_.clear();
+    std::string word = std::exchange(word_, {});
+    if (!quoted && word == "AND") return Tok::and_();
+    if (!quoted && word == "OR") return Tok::or_();
+    if (!quoted && word == "NOT") return Tok::not_();
+    return Tok::word(std::move(word));
   }
 
+  unicode::CharacterReader characters_;
+  std::string_view held_;  // the character that ended a word
   std::string word_;
   bool inQuotes_ = false;
   bool wasQuoted_ = false;
-  std::vector<Tok> toks_;
+};
+
+bool isFts(const QueryNode& node) {
+  const auto* term = std::get_if<FullTextTerm>(&node.value());
+  return term && term->mode == FullTextMode::fts();
+}
+
+// Conditions that must all hold. Neighbouring `fts` terms are merged as they come: a node for every
+// word of a long line would take fifty times the line's memory.
+class Run {
+ public:
+  explicit Run(bool matchCase) : matchCase_(matchCase) {}
+
+  void add(QueryNode node) {
+    if (!isFts(node)) {
+      endTerm();
+      nodes_.push_back(std::move(node));
+      return;
+    }
+    auto raw = std::get<FullTextTerm>(std::move(node).value()).raw;
+    if (term_) {
+      *term_ += ' ';
+      *term_ += raw;
+    } else {
+      term_ = std::move(raw);
+    }
+  }
+
+  // Leaves an empty run.
+  std::vector<QueryNode> take() {
+    endTerm();
+    return std::exchange(nodes_, {});
+  }
+
+ private:
+  void endTerm() {
+    if (!term_) return;
+    nodes_.push_back(QueryNode::fullText({*std::move(term_), FullTextMode::fts(), matchCase_}));
+    term_.reset();
+  }
+
+  bool matchCase_;
+  std::vector<QueryNode> nodes_;
+  std::optional<std::string> term_;  // the texts of the terms that came last
 };
 
 QueryNode negated(QueryNode node, std::size_t times) {
@@ -64,35 +113,34 @@ QueryNode negated(QueryNode node, std::size_t times) {
 }
 
 // Reads the tokens from left to right and keeps the open groups in a list, so that their number
-// costs no stack. A run is a list of conditions that must all hold; a group is runs joined by OR.
+// costs no stack. A group is runs joined by OR.
 class BoolParser {
  public:
-  BoolParser(std::vector<Tok> toks, const SourceDescriptor& descriptor, bool matchCase)
-      : toks_(std::move(toks)), descriptor_(descriptor), matchCase_(matchCase) {}
+  BoolParser(std::string_view text, const SourceDescriptor& descriptor, bool matchCase)
+      : lexer_(text), tok_(lexer_.next()), descriptor_(descriptor), matchCase_(matchCase) {}
 
   LogQuery parse() {
-    std::vector<QueryNode> conditions;
-    while (i_ < toks_.size()) {
-      const std::size_t before = i_;
-      if (auto node = parseOr()) conditions.push_back(*std::move(node));
-      if (i_ == before) ++i_;  // a stray ")"
+    Run conditions(matchCase_);
+    while (tok_) {
+      if (auto node = parseOr()) conditions.add(*std::move(node));
+      take<Tok::Rparen>();  // a stray one
     }
-    auto root = reduce(coalesceFullText(std::move(conditions), matchCase_), Combinator::and_);
+    auto root = reduce(conditions.take(), Combinator::and_);
     return {root ? *std::move(root) : QueryNode::all()};
   }
 
  private:
   struct Group {
-    std::size_t nots = 0;     // in front of its parenthesis
-    std::size_t nesting = 0;  // parentheses and NOTs around its conditions
-    std::vector<QueryNode> run;
-    std::vector<QueryNode> branches;
+    std::size_t nots;     // in front of its parenthesis
+    std::size_t nesting;  // parentheses and NOTs around its conditions
+    Run run;
+    std::vector<QueryNode> branches = {};
   };
 
   // Runs joined by OR, with all groups in them. A group that turns out empty ends the run that it
   // stands in.
   std::optional<QueryNode> parseOr() {
-    groups_.emplace_back();
+    openGroup(0, 0);
     bool runGoesOn = true;
     while (true) {
       while (runGoesOn) runGoesOn = readCondition();
@@ -103,29 +151,38 @@ class BoolParser {
       if (groups_.empty()) return node;
       take<Tok::Rparen>();
       runGoesOn = node.has_value();
-      if (node) groups_.back().run.push_back(*std::move(node));
+      if (node) groups_.back().run.add(*std::move(node));
     }
   }
 
   // Adds a condition to the run or opens a group; false where neither begins.
   bool readCondition() {
-    if (take<Tok::And>() || skipTooDeep()) return true;
+    if (take<Tok::And>()) return true;
     std::size_t nots = 0;
     while (take<Tok::Not>()) ++nots;
-    if (at<Tok::Word>(i_)) {
-      const auto& word = std::get<Tok::Word>(toks_[i_++].value()).text;
-      groups_.back().run.push_back(negated(leaf(word, descriptor_, matchCase_), nots));
-      return true;
+    const std::size_t nesting = groups_.back().nesting + nots + (at<Tok::Lparen>() ? 1 : 0);
+    if (nesting > maxNesting) {
+      skipOperand();
+    } else if (at<Tok::Word>()) {
+      const auto& word = std::get<Tok::Word>(tok_->value()).text;
+      groups_.back().run.add(negated(leaf(word, descriptor_, matchCase_), nots));
+      advance();
+    } else if (take<Tok::Lparen>()) {
+      openGroup(nots, nesting);
+    } else {
+      return false;
     }
-    if (!take<Tok::Lparen>()) return false;
-    groups_.push_back({nots, groups_.back().nesting + nots + 1, {}, {}});
     return true;
   }
 
+  void openGroup(std::size_t nots, std::size_t nesting) {
+    groups_.push_back({nots, nesting, Run(matchCase_)});
+  }
+
   void endRun() {
-    auto& [nots, nesting, run, branches] = groups_.back();
-    auto branch = reduce(coalesceFullText(std::exchange(run, {}), matchCase_), Combinator::and_);
-    if (branch) branches.push_back(*std::move(branch));
+    auto& group = groups_.back();
+    auto branch = reduce(group.run.take(), Combinator::and_);
+    if (branch) group.branches.push_back(*std::move(branch));
   }
 
   // What the innermost group stands for; absent when it is empty.
@@ -137,44 +194,35 @@ class BoolParser {
     return node;
   }
 
-  // Skips the NOTs and the group ahead when they nest too deep.
-  bool skipTooDeep() {
-    std::size_t operand = i_;
-    while (at<Tok::Not>(operand)) ++operand;
-    const std::size_t levels = operand - i_ + (at<Tok::Lparen>(operand) ? 1 : 0);
-    if (groups_.back().nesting + levels <= maxNesting) return false;
-    i_ = operand;
-    skipOperand();
-    return true;
-  }
-
   // A word, or a group to its closing parenthesis.
   void skipOperand() {
-    if (take<Tok::Word>() || !at<Tok::Lparen>(i_)) return;
+    if (take<Tok::Word>() || !at<Tok::Lparen>()) return;
     std::size_t open = 0;
     do {
-      if (at<Tok::Lparen>(i_)) ++open;
-      if (at<Tok::Rparen>(i_)) --open;
-      ++i_;
-    } while (open > 0 && i_ < toks_.size());
+      if (at<Tok::Lparen>()) ++open;
+      if (at<Tok::Rparen>()) --open;
+      advance();
+    } while (open > 0 && tok_);
   }
 
   template <class Case>
-  bool at(std::size_t index) const {
-    return index < toks_.size() && std::holds_alternative<Case>(toks_[index].value());
+  bool at() const {
+    return tok_ && std::holds_alternative<Case>(tok_->value());
   }
 
   template <class Case>
   bool take() {
-    if (!at<Case>(i_)) return false;
-    ++i_;
+    if (!at<Case>()) return false;
+    advance();
     return true;
   }
 
-  std::vector<Tok> toks_;
+  void advance() { tok_ = lexer_.next(); }
+
+  Lexer lexer_;
+  std::optional<Tok> tok_;  // the next one; absent at the end
   const SourceDescriptor& descriptor_;
   bool matchCase_;
-  std::size_t i_ = 0;
   std::vector<Group> groups_;  // open ones, the innermost last
 };
 
@@ -193,32 +241,31 @@ std::optional<NameAndValue> splitAtColon(std::string_view word) {
   return NameAndValue{word.substr(0, colon), word.substr(colon + 1)};
 }
 
-bool isFts(const QueryNode& node) {
-  const auto* term = std::get_if<FullTextTerm>(&node.value());
-  return term && term->mode == FullTextMode::fts();
+void appendHighlightTerms(const QueryNode& node, std::vector<std::string>& terms) {
+  if (const auto* term = std::get_if<FullTextTerm>(&node.value())) {
+    for (const auto word : unicode::words(term->raw)) terms.emplace_back(word);
+  }
+  for (const auto& child : node.children()) appendHighlightTerms(child, terms);
 }
 
 }  // namespace
 
 LogQuery parse(std::string_view text, const SourceDescriptor& descriptor, bool matchCase) {
-  return BoolParser(lex(text), descriptor, matchCase).parse();
+  const std::string valid = unicode::decodeLossily(text);
+  return BoolParser(valid, descriptor, matchCase).parse();
 }
 
 std::vector<Tok> lex(std::string_view text) {
-  return Lexer().lex(unicode::decodeLossily(text));
+  const std::string valid = unicode::decodeLossily(text);
+  Lexer lexer(valid);
+  std::vector<Tok> toks;
+  for (auto tok = lexer.next(); tok; tok = lexer.next()) toks.push_back(*std::move(tok));
+  return toks;
 }
 
 std::vector<std::string> highlightTerms(const QueryNode& node) {
   std::vector<std::string> terms;
-  std::vector<const QueryNode*> pending{&node};
-  while (!pending.empty()) {
-    const QueryNode& next = *pending.back();
-    pending.pop_back();
-    if (const auto* term = std::get_if<FullTextTerm>(&next.value())) {
-      for (const auto word : unicode::words(term->raw)) terms.emplace_back(word);
-    }
-    for (const auto& child : std::views::reverse(next.children())) pending.push_back(&child);
-  }
+  appendHighlightTerms(node, terms);
   return terms;
 }
 
@@ -230,26 +277,9 @@ std::optional<QueryNode> reduce(std::vector<QueryNode> nodes, Combinator combina
 }
 
 std::vector<QueryNode> coalesceFullText(std::vector<QueryNode> nodes, bool matchCase) {
-  std::vector<QueryNode> merged;
-  std::optional<std::string> pending;
-  const auto flush = [&] {
-    auto raw = std::exchange(pending, std::nullopt);
-    if (!raw) return;
-    merged.push_back(QueryNode::fullText({*std::move(raw), FullTextMode::fts(), matchCase}));
-  };
-  for (auto& node : nodes) {
-    if (!isFts(node)) {
-      flush();
-      merged.push_back(std::move(node));
-    } else if (!pending) {
-      pending = std::get<FullTextTerm>(std::move(node).value()).raw;
-    } else {
-      *pending += ' ';
-      *pending += std::get<FullTextTerm>(node.value()).raw;
-    }
-  }
-  flush();
-  return merged;
+  Run run(matchCase);
+  for (auto& node : nodes) run.add(std::move(node));
+  return run.take();
 }
 
 QueryNode leaf(std::string_view word, const SourceDescriptor& descriptor, bool matchCase) {

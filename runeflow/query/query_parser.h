@@ -6,8 +6,8 @@
 // together. Parsing never fails: what fits no rule is searched as text, a token that fits nowhere
 // is skipped. Text is read by user-perceived characters, bytes that are not UTF-8 as U+FFFD.
 //
-// All functions are pure and may run on any thread. Time and memory follow the length of the text;
-// its nesting costs no stack.
+// All functions are pure and may run on any thread, with 2 MiB of stack for the deepest query that
+// can be typed. Time and memory follow the length of the text.
 #pragma once
 
 #include <cstddef>
