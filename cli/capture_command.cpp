@@ -205,20 +205,30 @@ int capture(const CaptureOptions& options) {
 void addCaptureCommand(CLI::App& app, int& exitCode) {
   auto* command = app.add_subcommand("capture", "Store the records of a log stream in a database");
   auto options = std::make_shared<CaptureOptions>();
-  command->add_option("FILE", options->files, "Logcat text or DLT recordings; - is standard input");
-  command->add_option("--db", options->database, "The database, made if missing")->required();
+  command->add_option("FILE", options->files, "Logcat text or DLT recordings; - is standard input")
+      ->type_name("");
+  command->add_option("--db", options->database, "The database, made if missing")
+      ->required()
+      ->type_name("PATH");
   command
       ->add_option("--format", options->format,
                    "What the files hold, when their first bytes do not say")
+      ->type_name("KIND")
       ->check(CLI::IsMember({"logcat", "dlt"}));
-  command->add_option("--max-bytes", options->maxBytes,
-                      "Keep the database below N[K|M|G] bytes by deleting its oldest records");
-  command->add_option("--dlt", options->dltTarget, "HOST[:PORT] of a DLT daemon (port 3490)");
-  auto* adb = command->add_option("--adb", options->adbTarget,
-                                  "[HOST:PORT] of the adb server (127.0.0.1:5037)");
-  adb->expected(0, 1);
-  command->add_option("--serial", options->serial, "The Android device, when several are attached");
+  command
+      ->add_option("--max-bytes", options->maxBytes,
+                   "Keep the database below that many bytes by deleting its oldest records")
+      ->type_name("N[K|M|G]");
+  command->add_option("--dlt", options->dltTarget, "A DLT daemon (port 3490)")
+      ->type_name("HOST[:PORT]");
+  auto* adb = command->add_option("--adb", options->adbTarget, "An adb server (127.0.0.1:5037)");
+  adb->type_name("[HOST[:PORT]]")->expected(0, 1);
+  command->add_option("--serial", options->serial, "The Android device, when several are attached")
+      ->type_name("NAME")
+      ->needs(adb);
   command->add_option("--command", options->command, "What runs on the Android device")
+      ->type_name("TEXT")
+      ->needs(adb)
       ->capture_default_str();
   command->add_flag("--reconnect", options->reconnects, "Keep trying when a live stream has ended");
   command->callback([=, &exitCode] {

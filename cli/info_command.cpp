@@ -85,7 +85,7 @@ void printText(const std::string& path, const runeflow::SourceDescriptor& descri
 
 bool hasConsent(const std::string& path, std::int64_t records) {
   if (::isatty(STDIN_FILENO) != 1) fail("clearing {} needs --yes when nobody can be asked", path);
-  fmt::print(stderr, "Delete all {} records of {}? [y/N] ", records, path);
+  fmt::print(stderr, "Delete {} of {}? [y/N] ", counted(records, "record"), path);
   std::string answer;
   if (!std::getline(std::cin, answer)) fmt::print(stderr, "\n");
   return answer == "y" || answer == "Y" || answer == "yes";
@@ -101,8 +101,9 @@ void addInfoCommand(CLI::App& app, int& exitCode) {
     bool isJson = false;
   };
   auto options = std::make_shared<Options>();
-  command->add_option("DB", options->database, "The database")->required();
-  command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say");
+  command->add_option("DB", options->database, "The database")->required()->type_name("");
+  command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say")
+      ->type_name("KIND");
   command->add_flag("--json", options->isJson, "One JSON object");
   command->callback([=, &exitCode] {
     auto store = openDatabase(options->database, options->source);
@@ -124,8 +125,9 @@ void addClearCommand(CLI::App& app, int& exitCode) {
     bool isSure = false;
   };
   auto options = std::make_shared<Options>();
-  command->add_option("DB", options->database, "The database")->required();
-  command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say");
+  command->add_option("DB", options->database, "The database")->required()->type_name("");
+  command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say")
+      ->type_name("KIND");
   command->add_flag("--yes", options->isSure, "Do not ask");
   command->callback([=, &exitCode] {
     auto store = openDatabase(options->database, options->source);
@@ -139,7 +141,7 @@ void addClearCommand(CLI::App& app, int& exitCode) {
     if (records > 0 && store.minSeq() == oldest && store.maxSeq() >= newest) {
       fail("could not clear {}; another program may be holding it", options->database);
     }
-    fmt::print(stderr, "runeflow: {} records deleted\n", records);
+    fmt::print(stderr, "runeflow: {} deleted\n", counted(records, "record"));
   });
 }
 

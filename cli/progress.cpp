@@ -11,6 +11,7 @@ namespace cli {
 namespace {
 
 constexpr std::chrono::milliseconds kRedrawInterval{100};
+constexpr std::size_t kRateSamples = 20;  // a live stream's rate is that of its last 2 s
 constexpr int kBarColumns = 24;
 
 std::string clock(double seconds) {
@@ -49,15 +50,20 @@ void Progress::tick() {
   if (now - lastDrawn_ < kRedrawInterval) return;
   lastDrawn_ = now;
   const auto width = static_cast<std::size_t>(terminalWidth(stderr) - 3);
-  const auto line = text(session_.progress());
+  const auto done = session_.progress();
+  samples_.emplace_back(now, done.rowsStored);
+  if (samples_.size() > kRateSamples) samples_.pop_front();
+  const auto line = text(done);
   fmt::print(stderr, "\r{}\x1b[K", columnsOf(line) > width ? fitted(line, width) : line);
   isDrawn_ = true;
 }
 
 std::string Progress::text(const runeflow::CaptureProgress& done) const {
   const double elapsed = seconds();
-  const auto rows =
-      fmt::format("{} records  {:.0f} rows/s", done.rowsStored, rate(done.rowsStored, elapsed));
+  const auto& [since, rowsBefore] = samples_.front();
+  const double lately = std::chrono::duration<double>(lastDrawn_ - since).count();
+  const auto rows = fmt::format("{}  {:.0f} rows/s", counted(done.rowsStored, "record"),
+                                rate(done.rowsStored - rowsBefore, lately));
   if (!totalBytes_ || *totalBytes_ <= 0) {
     return fmt::format("{}  {}  {}", rows, megabytes(done.bytesRead), clock(elapsed));
   }
@@ -98,17 +104,18 @@ void Progress::logLine(std::string line) {
 }
 
 void Progress::flushRepeats() {
-  if (repeats_ > 0) fmt::print(stderr, "runeflow: (the same {} more times)\n", repeats_);
+  if (repeats_ > 0) fmt::print(stderr, "runeflow: (the same {} more)\n", counted(repeats_, "time"));
   repeats_ = 0;
 }
 
 void Progress::summarise(std::optional<std::int64_t> recordsKept) {
   const auto done = session_.progress();
   const double elapsed = seconds();
-  auto summary = fmt::format("{} records, {} bytes in {:.2f} s, {:.0f} rows/s", done.rowsStored,
-                             done.bytesRead, elapsed, rate(done.rowsStored, elapsed));
-  if (done.rowsLost > 0) summary += fmt::format(", {} rows not stored", done.rowsLost);
-  if (recordsKept) summary += fmt::format(", {} records kept", *recordsKept);
+  auto summary =
+      fmt::format("{}, {} in {:.2f} s, {:.0f} rows/s", counted(done.rowsStored, "record"),
+                  counted(done.bytesRead, "byte"), elapsed, rate(done.rowsStored, elapsed));
+  if (done.rowsLost > 0) summary += fmt::format(", {} not stored", counted(done.rowsLost, "row"));
+  if (recordsKept) summary += fmt::format(", {} kept", counted(*recordsKept, "record"));
   const std::lock_guard lock(mutex_);
   erase();
   flushRepeats();

@@ -3,9 +3,11 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "runeflow/capture/capture_session.h"
 
@@ -45,6 +47,7 @@ class Progress {
 
   std::mutex mutex_;  // the log comes from the reader's thread; guards what follows
   std::chrono::steady_clock::time_point lastDrawn_;
+  std::deque<std::pair<std::chrono::steady_clock::time_point, std::int64_t>> samples_;  // of rows
   bool isDrawn_ = false;
   std::string lastLogged_;
   std::int64_t repeats_ = 0;

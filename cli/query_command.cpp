@@ -194,10 +194,11 @@ CLI::Validator atLeast(std::int64_t smallest) {
 void addQueryCommand(CLI::App& app, int& exitCode) {
   auto* command = app.add_subcommand("query", "Print the records that match a query");
   auto options = std::make_shared<QueryOptions>();
-  command->add_option("DB", options->database, "The database")->required();
-  command->add_option("QUERY", options->words,
-                      "Such as: 'level:warn \"disk full\" NOT tag:chatty'");
-  command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say");
+  command->add_option("DB", options->database, "The database")->required()->type_name("");
+  command->add_option("QUERY", options->words, "Such as: 'level:warn \"disk full\" NOT tag:chatty'")
+      ->type_name("");
+  command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say")
+      ->type_name("KIND");
   auto* after = command->add_option("--after", options->after, "Only records with a greater seq")
                     ->type_name("SEQ")
                     ->check(atLeast(0));
@@ -221,8 +222,7 @@ void addQueryCommand(CLI::App& app, int& exitCode) {
   plan->excludes(counts);
   command->footer(
       "Off a terminal every record is one line: seq, time in UTC, level, the source's fields and "
-      "the "
-      "message, divided by tabs.");
+      "the message, divided by tabs.");
   command->callback([=, &exitCode] {
     options->hasAfter = after->count() > 0;
     exitCode = query(*options);

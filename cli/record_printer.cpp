@@ -62,17 +62,37 @@ char lowerAscii(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
 }
 
-// Sets the bytes of `covered` where `word` stands in `text`.
+bool isLetterOrDigit(char c) {
+  return (lowerAscii(c) >= 'a' && lowerAscii(c) <= 'z') || (c >= '0' && c <= '9');
+}
+
+// Whether the index finds a word that stands in `text` from `start` to `end`: at the beginning of
+// one of its words only, and one of less than three characters only as the whole of it.
+bool isFoundByIndex(std::string_view text, std::size_t start, std::size_t end) {
+  const auto isWithinWord = [text](std::size_t at) {
+    return at > 0 && at < text.size() && isLetterOrDigit(text[at - 1]) && isLetterOrDigit(text[at]);
+  };
+  return !isWithinWord(start) && (end - start >= 3 || !isWithinWord(end));
+}
+
+// Sets the bytes of `covered` where `word` stands in `text`. With `matchCase` the text is searched
+// too, and so are its words from within.
 void cover(std::vector<bool>& covered, std::string_view text, std::string_view word,
            bool matchCase) {
   const auto same = [matchCase](char a, char b) {
     return a == b || (!matchCase && lowerAscii(a) == lowerAscii(b));
   };
-  for (std::size_t at = 0; at < text.size(); at += word.size()) {
+  std::size_t at = 0;
+  while (at < text.size()) {
     const auto found = std::ranges::search(text.substr(at), word, same);
     if (found.empty()) return;
     at = static_cast<std::size_t>(found.data() - text.data());
-    std::fill_n(covered.begin() + static_cast<std::ptrdiff_t>(at), word.size(), true);
+    if (matchCase || isFoundByIndex(text, at, at + word.size())) {
+      std::fill_n(covered.begin() + static_cast<std::ptrdiff_t>(at), word.size(), true);
+      at += word.size();
+    } else {
+      ++at;
+    }
   }
 }
 
@@ -99,7 +119,10 @@ std::string localTime(runeflow::Timestamp timestamp) {
 
 RecordPrinter::RecordPrinter(const runeflow::SourceDescriptor& descriptor, RecordFormat format,
                              Highlighting highlighting, std::FILE* out)
-    : format_(format), highlighting_(std::move(highlighting)), out_(out) {
+    : format_(format),
+      highlighting_(std::move(highlighting)),
+      out_(out),
+      isGuarded_(isTerminal(out)) {
   for (const auto& field : descriptor.fields()) {
     if (const auto* slot = std::get_if<runeflow::StoreColumn::Slot>(&field.column().value())) {
       columns_.push_back({field.name(), slot->index, field.inTable()});
@@ -208,8 +231,12 @@ std::string RecordPrinter::csvHeader() const {
 std::string RecordPrinter::csvLine(const FetchedRow& record) const {
   std::string line = fmt::format("{},{},{}", record.seq, utcTime(record.row.timestamp()),
                                  levelName(record.row.level()));
-  for (const auto& column : columns_) line += ',' + csvField(slotText(record, column.slot));
-  return line + ',' + csvField(record.row.message());
+  const auto append = [&](std::string_view text) {
+    line += ',' + (isGuarded_ ? csvField(onOneLine(text)) : csvField(text));
+  };
+  for (const auto& column : columns_) append(slotText(record, column.slot));
+  append(record.row.message());
+  return line;
 }
 
 }  // namespace cli

@@ -57,6 +57,7 @@ class RecordPrinter {
   RecordFormat format_;
   Highlighting highlighting_;
   std::FILE* out_;
+  bool isGuarded_;  // a terminal, which gets no control characters, not even in CSV
 };
 
 }  // namespace cli

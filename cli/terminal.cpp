@@ -65,6 +65,10 @@ std::string onOneLine(std::string_view text) {
   return line;
 }
 
+std::string counted(std::int64_t count, std::string_view noun) {
+  return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+}
+
 std::size_t columnsOf(std::string_view text) {
   return text.size() - static_cast<std::size_t>(std::ranges::count_if(text, continuesCodePoint));
 }

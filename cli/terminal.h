@@ -31,6 +31,9 @@ inline constexpr std::string_view kHighlight = "\x1b[1;30;43m";
 // to steer the terminal, as escapes ("\n", "\x1b").
 std::string onOneLine(std::string_view text);
 
+// "1 record", "2 records".
+std::string counted(std::int64_t count, std::string_view noun);
+
 // Columns that a text takes, a code point each; wide characters are counted as one.
 std::size_t columnsOf(std::string_view text);
 

@@ -103,13 +103,18 @@ int values(const ValuesOptions& options) {
 void addValuesCommand(CLI::App& app, int& exitCode) {
   auto* command = app.add_subcommand("values", "Print the most frequent values of a field");
   auto options = std::make_shared<ValuesOptions>();
-  command->add_option("DB", options->database, "The database")->required();
-  command->add_option("FIELD", options->field, "Such as tag, pid, app or level")->required();
-  command->add_option("--matching", options->matching, "Only records that match this query");
+  command->add_option("DB", options->database, "The database")->required()->type_name("");
+  command->add_option("FIELD", options->field, "Such as tag, pid, app or level")
+      ->required()
+      ->type_name("");
+  command->add_option("--matching", options->matching, "Only records that match this query")
+      ->type_name("QUERY");
   command->add_option("--prefix", options->prefix, "Only values that begin so");
   command->add_option("--limit", options->limit, "At most N values; negative for all")
+      ->type_name("N")
       ->capture_default_str();
-  command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say");
+  command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say")
+      ->type_name("KIND");
   command->add_flag("--json", options->isJson, "One JSON object a line");
   command->callback([=, &exitCode] { exitCode = values(*options); });
 }
