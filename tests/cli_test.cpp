@@ -33,8 +33,16 @@ class Command : public testing::Test {
  protected:
   // Runs in a folder of its own; `redirections` joins or drops standard error.
   Outcome run(const std::string& arguments, const std::string& redirections = "2>&1") const {
-    const auto line = fmt::format("cd {} && TZ=UTC0 {} {} {}", folder_.file(""), RUNEFLOW_COMMAND,
-                                  arguments, redirections);
+    return runLine(fmt::format("{} {} {}", RUNEFLOW_COMMAND, arguments, redirections));
+  }
+  // With a terminal for its output.
+  std::string shown(const std::string& arguments) const {
+    return runLine(
+               fmt::format("script -qec '{} {}' /dev/null </dev/null", RUNEFLOW_COMMAND, arguments))
+        .output;
+  }
+  Outcome runLine(const std::string& command) const {
+    const auto line = fmt::format("cd {} && TZ=UTC0 {}", folder_.file(""), command);
     std::string output;
     FILE* const pipe = ::popen(line.c_str(), "r");
     std::array<char, 4096> piece{};
@@ -98,6 +106,22 @@ TEST_F(Command, printsRecordsForProgramsInStableForms) {
   EXPECT_EQ(run("values a.db tag --matching disk --prefix W --json", "").output,
             "{\"value\":\"Wifi\",\"count\":1}\n");
   EXPECT_EQ(run("values a.db level --limit 1", "").output, "Info\t1\n");
+}
+
+TEST_F(Command, showsPeopleAlignedRecordsWithTheirWordsMarked) {
+  captureThree();
+  const auto withoutYear = [](std::string text) { return text.substr(text.find("01-02")); };
+  const std::string marked = "\x1b[1;30;43mdisk\x1b[0m";
+  EXPECT_EQ(withoutYear(shown("query a.db DISK --last 1")),
+            "01-02 03:04:07.000\x1b[0m \x1b[31mE\x1b[0m Wifi 11  " + marked + " gone\r\n");
+  EXPECT_THAT(shown("query a.db disk --first 1"), HasSubstr(" Net 10  " + marked + " full, \""));
+  EXPECT_THAT(shown("query a.db is OR disk --last 1"), HasSubstr(marked + " gone"));
+  EXPECT_THAT(shown("query a.db \"dis gon\" --last 1"),
+              HasSubstr("\x1b[1;30;43mdis\x1b[0mk \x1b[1;30;43mgon"));
+  for (const auto* form : {"", "--csv", "--json"}) {
+    EXPECT_THAT(shown(fmt::format("query a.db tag:Net --last 1 {}", form)),
+                AllOf(HasSubstr("[31m"), testing::Not(HasSubstr("\x1b[31m"))));
+  }
 }
 
 TEST_F(Command, clearsOnlyWhenSure) {
