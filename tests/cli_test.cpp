@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <fstream>
 #include <memory>
+#include <regex>
 
 #include "support.h"
 
@@ -84,21 +85,21 @@ TEST_F(Command, capturesAppendsAndSummarises) {
 
 TEST_F(Command, printsRecordsForProgramsInStableForms) {
   captureThree();
-  const auto year = run("query a.db --first 1 --json", "").output.substr(17, 4);
+  // Logcat tells no year.
+  const auto printed = [this](const std::string& arguments) {
+    return std::regex_replace(run("query a.db " + arguments, "").output, std::regex("20..-01-02T"),
+                              "Y-01-02T");
+  };
   EXPECT_EQ(run("query a.db Net", "").exitCode, 1);
-  EXPECT_EQ(run("query a.db 'tag:Net' --last 1", "").output,
-            fmt::format("2\t{}-01-02T03:04:06.000000Z\tInfo\tNet\t10\t21\ta\\tb\\x1b[31m\n", year));
-  EXPECT_EQ(run("query a.db 'level:warn disk' --first 1 --json", "").output,
-            fmt::format("{{\"seq\":1,\"time\":\"{}-01-02T03:04:05.678000Z\",\"level\":\"Warning\","
-                        "\"tag\":\"Net\",\"pid\":\"10\","
-                        "\"tid\":\"20\",\"message\":\"disk full, \\\"really\\\"\"}}\n",
-                        year));
+  EXPECT_EQ(printed("tag:Net --last 1"),
+            "2\tY-01-02T03:04:06.000000Z\tInfo\tNet\t10\t21\ta\\tb\\x1b[31m\n");
   EXPECT_EQ(
-      run("query a.db full --csv", "").output,
-      fmt::format(
-          "seq,time,level,tag,pid,tid,message\r\n1,{}-01-02T03:04:05.678000Z,Warning,Net,10,20,"
-          "\"disk full, \"\"really\"\"\"\r\n",
-          year));
+      printed("level:warn disk --first 1 --json"),
+      "{\"seq\":1,\"time\":\"Y-01-02T03:04:05.678000Z\",\"level\":\"Warning\",\"tag\":\"Net\","
+      "\"pid\":\"10\",\"tid\":\"20\",\"message\":\"disk full, \\\"really\\\"\"}\n");
+  EXPECT_EQ(printed("full --csv"),
+            "seq,time,level,tag,pid,tid,message\r\n"
+            "1,Y-01-02T03:04:05.678000Z,Warning,Net,10,20,\"disk full, \"\"really\"\"\"\r\n");
   EXPECT_EQ(run("query a.db disk --after 1 --count", "").output, "1\n");
   EXPECT_EQ(run("query a.db DISK --match-case --count", "").output, "0\n");
   EXPECT_THAT(run("query a.db tag:Net --plan").output, HasSubstr("i_s0"));
@@ -137,10 +138,7 @@ TEST_F(Command, whatCannotBeDoneIsOneSentenceAndExitCodeTwo) {
   write("text", "no log at all\n");
   write("empty", "");
   write("rec.dlt", std::string("DLT\x01") + std::string(12, '\0'));
-  const struct {
-    const char* arguments;
-    const char* names;
-  } table[] = {
+  const std::pair<const char*, const char*> table[] = {
       {"capture missing.log --db b.db", "cannot open missing.log: No such file or directory"},
       {"capture . --db b.db", ". is a directory"},
       {"capture text --db b.db",

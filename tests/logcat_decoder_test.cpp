@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <random>
+#include <sstream>
 
 #include "support.h"
 
@@ -44,24 +45,12 @@ class LogcatDecoding : public testing::Test {
     EXPECT_EQ(rows.size(), 1U) << line;
     return rows.at(0);
   }
-  static LogRow parsed(double seconds, RuneflowLogLevel level, std::string tag, std::string pid,
-                       std::string tid, std::string message) {
-    return {at(seconds),
-            level,
-            std::move(message),
-            {},
-            std::move(tag),
-            std::move(pid),
-            std::move(tid),
-            {},
-            {},
-            {},
-            {},
-            {}};
+  static LogRow parsed(double seconds, RuneflowLogLevel level, std::string_view tag,
+                       std::string_view pid, std::string_view tid, std::string_view message) {
+    return {at(seconds), level, message, {}, LogRow::Slots{tag, pid, tid}};
   }
-  static LogRow raw(std::string text) {
-    return {
-        at(kJuly2023), RuneflowLogLevel::Info, std::move(text), {}, {}, {}, {}, {}, {}, {}, {}, {}};
+  static LogRow raw(std::string_view text) {
+    return {at(kJuly2023), RuneflowLogLevel::Info, text, {}, LogRow::Slots()};
   }
 };
 
@@ -69,10 +58,7 @@ TEST_F(LogcatDecoding, linesBecomeRows) {
   using enum RuneflowLogLevel;
   constexpr double kNewYear = 1'672'531'200;  // 2023-01-01T00:00:00Z
   constexpr double kTen = kNewYear + 10 * 3600;
-  const struct {
-    std::string line;
-    LogRow row;
-  } table[] = {
+  const std::pair<std::string, LogRow> table[] = {
       {"12-31 23:59:59.999  1234  5678 I ActivityManager: Start proc",
        parsed(kNewYear + 365 * 86'400 - 0.001, Info, "ActivityManager", "1234", "5678",
               "Start proc")},
@@ -112,32 +98,22 @@ TEST_F(LogcatDecoding, linesBecomeRows) {
 }
 
 TEST_F(LogcatDecoding, whatIsNotThreadtimeBecomesARawRow) {
-  for (const std::string line : {"hello world",
-                                 "01-01 10:00:00.000",
-                                 "01-01\t10:00:00 1 2 I t: m",
-                                 "01-01 10:00:00 1 2 II t: m",
-                                 "01-01 10:00:00 1 2 i t: m",
-                                 "01-01 10:00:00 12a 2 I t: m",
-                                 "01-01 10:00:00 1 -2 I t: m",
-                                 "13-01 10:00:00 1 2 I t: m",
-                                 "00-01 10:00:00 1 2 I t: m",
-                                 "01-00 10:00:00 1 2 I t: m",
-                                 "01-32 10:00:00 1 2 I t: m",
-                                 "01-01-01 10:00:00 1 2 I t: m",
-                                 "01- 10:00:00 1 2 I t: m",
-                                 "01-01 24:00:00 1 2 I t: m",
-                                 "01-01 10:60:00 1 2 I t: m",
-                                 "01-01 10:00:62 1 2 I t: m",
-                                 "01-01 10:00 1 2 I t: m",
-                                 "01-01 10:00:00:00 1 2 I t: m",
-                                 "01-01 -1:00:00 1 2 I t: m",
-                                 "01-01 10:00:.5 1 2 I t: m",
-                                 "٠١-01 10:00:00 1 2 I t: m",
-                                 "01-01 10:00:00.9223372036855 1 2 I t: m",
-                                 "01-01 10:00:00.99999999999999999999999 1 2 I t: m",
-                                 "99999999999999999999-01 10:00:00 1 2 I t: m"}) {
-    EXPECT_EQ(decodeLine(line), raw(line));
-  }
+  std::istringstream text(
+      "hello world\n01-01 10:00:00.000\n01-01\t10:00:00 1 2 I t: m\n"
+      "01-01 10:00:00 1 2 II t: m\n01-01 10:00:00 1 2 i t: m\n"
+      "01-01 10:00:00 12a 2 I t: m\n01-01 10:00:00 1 -2 I t: m\n"
+      "00-01 10:00:00 1 2 I t: m\n01-00 10:00:00 1 2 I t: m\n"
+      "01-01-01 10:00:00 1 2 I t: m\n01- 10:00:00 1 2 I t: m\n"
+      "01-01 24:00:00 1 2 I t: m\n01-01 10:60:00 1 2 I t: m\n"
+      "01-01 10:00:62 1 2 I t: m\n01-01 10:00 1 2 I t: m\n"
+      "01-01 10:00:00:00 1 2 I t: m\n01-01 -1:00:00 1 2 I t: m\n"
+      "01-01 10:00:.5 1 2 I t: m\n٠١-01 10:00:00 1 2 I t: m\n"
+      "01-01 10:00:00.9223372036855 1 2 I t: m\n"
+      "01-01 10:00:00.99999999999999999999999 1 2 I t: m\n"
+      "99999999999999999999-01 10:00:00 1 2 I t: m\n");
+  int lines = 0;
+  for (std::string line; std::getline(text, line); ++lines) EXPECT_EQ(decodeLine(line), raw(line));
+  EXPECT_EQ(lines, 22);
 }
 
 TEST_F(LogcatDecoding, bannersEmptyLinesAndTheUnfinishedLineGiveNoRow) {
@@ -151,18 +127,14 @@ TEST_F(LogcatDecoding, itDoesNotMatterHowTheStreamIsCut) {
       "\xE2\x82 raw \xFF\n06-30 10:00:00.124  1  2 E t: last\ntail";
   const auto whole = decode(text);
   ASSERT_EQ(whole.size(), 3U);
-  for (std::size_t cut = 0; cut <= text.size(); ++cut) {
+  for (std::size_t size = 1; size <= text.size(); ++size) {
     auto split = decoder();
-    auto rows = split.consume(bytes(text.substr(0, cut)));
-    for (auto& row : split.consume(bytes(text.substr(cut)))) rows.push_back(std::move(row));
-    ASSERT_EQ(rows, whole) << cut;
+    std::vector<LogRow> rows;
+    for (std::size_t cut = 0; cut < text.size(); cut += size) {
+      for (auto& row : split.consume(bytes(text.substr(cut, size)))) rows.push_back(std::move(row));
+    }
+    ASSERT_EQ(rows, whole) << size;
   }
-  auto byteWise = decoder();
-  std::vector<LogRow> rows;
-  for (const char byte : text) {
-    for (auto& row : byteWise.consume(bytes({&byte, 1}))) rows.push_back(std::move(row));
-  }
-  EXPECT_EQ(rows, whole);
 }
 
 TEST_F(LogcatDecoding, aLineWithoutEndCostsLinearTime) {
@@ -177,10 +149,7 @@ TEST_F(LogcatDecoding, aLineWithoutEndCostsLinearTime) {
 
 TEST_F(LogcatDecoding, timesAreThoseOfTheSystemsZone) {
   useZone("CET-1CEST,M3.5.0,M10.5.0/3");
-  const struct {
-    std::string_view time;
-    double utc;
-  } table[] = {
+  const std::pair<std::string_view, double> table[] = {
       {"01-01 00:30:00", 1'672'529'400},         // winter: UTC+1, still 2022 in UTC
       {"07-01 12:00:00.25", 1'688'205'600.025},  // summer: UTC+2
       {"03-26 01:59:59", 1'679'792'399},
@@ -190,12 +159,10 @@ TEST_F(LogcatDecoding, timesAreThoseOfTheSystemsZone) {
       {"10-29 03:00:00", 1'698'544'800},
       {"12-31 23:59:59", 1'704'063'599},
   };
-  std::string text;
-  for (const auto& row : table) text += fmt::format("{} 1 2 I t: m\n", row.time);
-  const auto rows = decode(text);
-  ASSERT_EQ(rows.size(), std::size(table));
-  for (std::size_t i = 0; i < rows.size(); ++i) {
-    EXPECT_EQ(rows[i].timestamp(), at(table[i].utc)) << table[i].time;
+  auto kept = decoder();
+  for (const auto& [time, utc] : table) {
+    const auto line = fmt::format("{} 1 2 I t: m\n", time);
+    EXPECT_EQ(kept.consume(bytes(line)).at(0).timestamp(), at(utc)) << time;
   }
 }
 
@@ -235,10 +202,7 @@ TEST_F(LogcatDecoding, theYearIsThatOfTheDecodersBirth) {
 
 TEST_F(LogcatDecoding, samplesAreRecognised) {
   const std::string line = "02-29 10:00:00 1 2 I t: m";
-  const struct {
-    std::string sample;
-    bool isThreadtime;
-  } table[] = {
+  const std::pair<std::string, bool> table[] = {
       {"--------- beginning of main\r\n\r\n" + line + "\r\n", true},
       {"noise\n\xFF\n" + line + "\n", true},
       {line, false},  // its end may be missing
@@ -248,9 +212,8 @@ TEST_F(LogcatDecoding, samplesAreRecognised) {
       {std::string(8'192 - line.size() - 1, 'x') + "\n" + line + "\n", false},
       {"DLT\x01\n", false},
   };
-  for (const auto& row : table) {
-    EXPECT_EQ(LogcatDecoder::looksLikeThreadtime(bytes(row.sample)), row.isThreadtime)
-        << row.sample.substr(0, 60);
+  for (const auto& [sample, isThreadtime] : table) {
+    EXPECT_EQ(LogcatDecoder::looksLikeThreadtime(bytes(sample)), isThreadtime) << sample;
   }
 }
 

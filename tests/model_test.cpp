@@ -30,10 +30,7 @@ SourceDescriptor sourceWith(std::vector<FieldDescriptor> fields,
 
 TEST(LogRow, microsecondsRoundHalvesAwayFromZero) {
   constexpr double kInfinity = std::numeric_limits<double>::infinity();
-  const struct {
-    double seconds;
-    std::optional<std::int64_t> microseconds;
-  } rows[] = {
+  const std::pair<double, std::optional<std::int64_t>> rows[] = {
       {0.0000025, 3},
       {-0.0000025, -3},
       {0.0000024, 2},
@@ -46,8 +43,8 @@ TEST(LogRow, microsecondsRoundHalvesAwayFromZero) {
       {-kInfinity, std::nullopt},
       {std::nan(""), std::nullopt},
   };
-  for (const auto& row : rows) {
-    EXPECT_EQ(microsecondsSinceEpoch(at(row.seconds)), row.microseconds) << row.seconds;
+  for (const auto& [seconds, microseconds] : rows) {
+    EXPECT_EQ(microsecondsSinceEpoch(at(seconds)), microseconds) << seconds;
   }
 }
 

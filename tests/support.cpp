@@ -84,20 +84,9 @@ std::vector<std::string> CapturedLog::lines() const {
   return lines_;
 }
 
-LogRow row(std::string message, std::optional<std::string> tag, RuneflowLogLevel level,
+LogRow row(std::string_view message, LogRow::Slot tag, RuneflowLogLevel level,
            std::optional<LogRow::Context> ctx) {
-  return {at(1'700'000'000),
-          level,
-          std::move(message),
-          std::move(ctx),
-          std::move(tag),
-          {},
-          {},
-          {},
-          {},
-          {},
-          {},
-          {}};
+  return {at(1'700'000'000), level, message, std::move(ctx), LogRow::Slots{tag}};
 }
 
 std::vector<LogRow> rows(std::string_view stem, int count) {

@@ -65,7 +65,7 @@ inline Timestamp at(double seconds) {
 }
 
 // A row with its message, and a tag in slot 0 where one is given.
-LogRow row(std::string message, std::optional<std::string> tag = std::nullopt,
+LogRow row(std::string_view message, LogRow::Slot tag = std::nullopt,
            RuneflowLogLevel level = RuneflowLogLevel::Info,
            std::optional<LogRow::Context> ctx = std::nullopt);
 
