@@ -96,7 +96,7 @@ std::vector<LogRow> rows(std::string_view stem, int count) {
 }
 
 void onStackOf(std::size_t stackSize, std::move_only_function<void()> body) {
-#ifdef __SANITIZE_ADDRESS__
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   stackSize *= 8;
 #endif
   Gate done;

@@ -76,7 +76,7 @@ inline std::span<const std::uint8_t> bytes(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
-// Runs `body` on a thread with a stack of that many bytes, and waits for it. Under the address
+// Runs `body` on a thread with a stack of that many bytes, and waits for it. Under a
 // sanitizer, whose frames are several times as large, the stack is larger too.
 void onStackOf(std::size_t stackSize, std::move_only_function<void()> body);
 

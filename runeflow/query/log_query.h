@@ -5,10 +5,10 @@
 // it into SQL. User text reaches SQLite only in binds, never in the clause. All types are plain
 // values, all operations are pure and may run on any thread.
 //
-// A level of a tree costs every operation, destruction too, some 300 bytes of stack at most: 10,000
-// levels hold in the 8 MiB of a main thread. SQLite is stricter: it refuses about 1,000 conditions
-// in one list, and releases whose SQL parser has a fixed stack (3.40 is one) some 30 nested levels.
-// Such a query compiles all the same; preparing its clause fails.
+// A level of a tree costs every operation, destruction too, some 300 bytes of stack when built with
+// optimisation: 10,000 levels hold in the 8 MiB of a main thread. SQLite is stricter: it refuses
+// about 1,000 conditions in one list, and releases whose SQL parser has a fixed stack (3.40 is one)
+// some 30 nested levels. Such a query compiles all the same; preparing its clause fails.
 #pragma once
 
 #include <cstdint>

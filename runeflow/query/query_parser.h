@@ -6,8 +6,9 @@
 // together. Parsing never fails: what fits no rule is searched as text, a token that fits nowhere
 // is skipped. Text is read by user-perceived characters, bytes that are not UTF-8 as U+FFFD.
 //
-// All functions are pure and may run on any thread, with 2 MiB of stack for the deepest query that
-// can be typed. Time and memory follow the length of the text.
+// All functions are pure and may run on any thread; the deepest query that can be typed takes at
+// most 2 MiB of its stack when built with optimisation. Time and memory follow the length of the
+// text.
 #pragma once
 
 #include <cstddef>
