@@ -46,6 +46,7 @@ class Command : public testing::Test {
     const auto line = fmt::format("cd {} && TZ=UTC0 {}", folder_.file(""), command);
     std::string output;
     FILE* const pipe = ::popen(line.c_str(), "r");
+    if (!pipe) return {-1, "no shell"};
     std::array<char, 4096> piece{};
     for (std::size_t size = 0; (size = std::fread(piece.data(), 1, piece.size(), pipe)) > 0;) {
       output.append(piece.data(), size);
