@@ -26,6 +26,7 @@ void requireDatabaseFile(const std::string& path) {
     fail("{} does not exist; capture something into it first", path);
   }
   if (std::filesystem::is_directory(status)) fail("{} is a directory, not a database", path);
+  if (!std::filesystem::is_regular_file(status)) fail("{} is not a database", path);
   std::ifstream file(path, std::ios::binary);
   if (!file) fail("cannot read {}: {}", path, systemError(errno));
   constexpr std::string_view kMagic("SQLite format 3\0", 16);
@@ -35,6 +36,16 @@ void requireDatabaseFile(const std::string& path) {
   // An empty file is an empty database.
   if (size != 0 && std::string_view(head.data(), size) != kMagic)
     fail("{} is not a database", path);
+}
+
+runeflow::StoreInfo inspected(const std::string& path) {
+  requireDatabaseFile(path);
+  auto info = EventStore::inspect(path);
+  if (info.error.empty() || info.error.starts_with("no such")) return info;
+  const bool mayNotWrite =
+      info.error.find("readonly") != std::string::npos || info.error.starts_with("unable to open");
+  fail("cannot read {}: {}{}", path, info.error,
+       mayNotWrite ? "; it needs write permission for the file and its folder, too" : "");
 }
 
 bool hasIndex(const runeflow::StoreInfo& info, const runeflow::StoreColumn& column) {
@@ -66,30 +77,28 @@ std::optional<std::string> kindOf(const runeflow::StoreInfo& info) {
 }
 
 EventStore openDatabase(const std::string& path, const std::string& source) {
-  requireDatabaseFile(path);
-  auto store =
-      openStore(path, false, source.empty() ? SourceDescriptor::logcat() : descriptorNamed(source));
-  const auto info = store.info();
-  if (!info.hasEvents && info.error.starts_with("no such")) {
-    fail("{} holds no log records; it was not made by runeflow", path);
-  }
-  if (!info.hasEvents) {
-    fail("cannot read {}: {}; it needs write permission for the file and its folder, too", path,
-         info.error);
-  }
-  if (!source.empty()) return store;
-  const auto kind = kindOf(info);
+  const auto info = inspected(path);
+  if (!info.hasEvents) fail("{} holds no log records; it was not made by runeflow", path);
+  const auto kind = source.empty() ? kindOf(info) : source;
   if (!kind)
     fail("cannot tell what {} holds from its indexes; name it with --source logcat or dlt", path);
-  return *kind == "logcat" ? std::move(store) : openStore(path, false, descriptorNamed(*kind));
+  return openStore(path, false, descriptorNamed(*kind));
+}
+
+void requireThatSqliteTakes(EventStore& store, const runeflow::LogQuery& query,
+                            const std::string& path) {
+  if (!store.matchingSeqsQueryPlan(query, 0).empty()) return;
+  if (!EventStore::inspect(path).hasFullText) {
+    fail("{} has no full-text index; ask it without words, or capture it anew", path);
+  }
+  fail("the query has more conditions or deeper groups than SQLite takes; shorten it");
 }
 
 EventStore openForCapture(const std::string& path, const SourceDescriptor& descriptor) {
   std::error_code ignored;
-  if (std::filesystem::exists(path, ignored)) requireDatabaseFile(path);
-  auto before = EventStore::open(path, false, descriptor);
-  const auto info = before ? before->info() : runeflow::StoreInfo();
-  if (before && !info.isEmpty && !info.hasEvents) {
+  const bool exists = std::filesystem::exists(path, ignored);
+  const auto info = exists ? inspected(path) : runeflow::StoreInfo();
+  if (exists && !info.isEmpty && !info.hasEvents) {
     fail("{} is somebody else's database; capture into a file of its own", path);
   }
   if (const auto kind = kindOf(info); kind && *kind != descriptor.id()) {
@@ -97,7 +106,7 @@ EventStore openForCapture(const std::string& path, const SourceDescriptor& descr
          descriptor.id());
   }
   auto store = openStore(path, true, descriptor);
-  if (!store.info().hasEvents) {
+  if (!EventStore::inspect(path).hasEvents) {
     fail(
         "cannot make the tables of {}; check for free space, permission and other programs using "
         "it",

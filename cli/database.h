@@ -17,6 +17,11 @@ std::optional<std::string> kindOf(const runeflow::StoreInfo& info);
 // Opens a database that must exist. `source` names its kind; empty means by its indexes.
 runeflow::EventStore openDatabase(const std::string& path, const std::string& source);
 
+// Fails for a query that SQLite refuses. To the library it matches nothing; its user should know
+// the difference.
+void requireThatSqliteTakes(runeflow::EventStore& store, const runeflow::LogQuery& query,
+                            const std::string& path);
+
 // Opens a database for a capture, made if missing. What is there already must be a database with
 // the records of the same kind of source.
 runeflow::EventStore openForCapture(const std::string& path,

@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -23,6 +24,11 @@ inline std::string systemError(int error) {
 template <class... Args>
 [[noreturn]] void fail(fmt::format_string<Args...> format, Args&&... args) {
   throw Failure(fmt::format(format, std::forward<Args>(args)...));
+}
+
+// What was printed so far must have arrived.
+inline void flushOutput() {
+  if (std::fflush(stdout) != 0) fail("cannot write the output; is its disk full?");
 }
 
 }  // namespace cli

@@ -10,6 +10,7 @@
 #include "commands.h"
 #include "database.h"
 #include "failure.h"
+#include "json_line.h"
 #include "level_counts.h"
 #include "record_printer.h"
 #include "terminal.h"
@@ -20,11 +21,12 @@ using runeflow::EventStore;
 
 namespace {
 
-constexpr int kBarColumns = 40;
+constexpr int kLabelColumns = 24;  // in front of a bar
 
 struct Summary {
   runeflow::StoreInfo info;
   std::string kind;
+  std::int64_t usedBytes;
   std::int64_t records;
   std::int64_t firstSeq;
   std::int64_t lastSeq;
@@ -39,11 +41,18 @@ std::optional<runeflow::Timestamp> timeOf(EventStore& store, std::int64_t seq) {
   return records.front().row.timestamp();
 }
 
-Summary summarise(EventStore& store) {
+Summary summarise(EventStore& store, const std::string& path) {
   const auto first = store.minSeq();
   const auto last = store.maxSeq();
-  return {store.info(), store.descriptor().id(), store.count(),       first,
-          last,         timeOf(store, first),    timeOf(store, last), countLevels(store, {})};
+  return {EventStore::inspect(path),
+          store.descriptor().id(),
+          store.usedBytes(),
+          store.count(),
+          first,
+          last,
+          timeOf(store, first),
+          timeOf(store, last),
+          countLevels(store, {})};
 }
 
 void printJson(const std::string& path, const Summary& summary) {
@@ -60,10 +69,10 @@ void printJson(const std::string& path, const Summary& summary) {
   object["lastTime"] = time(summary.lastTime);
   for (const auto& [level, count] : summary.levels)
     object["levels"][std::string(levelName(level))] = count;
-  object["usedBytes"] = summary.info.usedBytes;
+  object["usedBytes"] = summary.usedBytes;
   object["indexes"] = summary.info.indexes;
   object["fullText"] = summary.info.hasFullText;
-  fmt::print("{}\n", object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+  fmt::print("{}\n", jsonLine(object));
 }
 
 void printText(const std::string& path, const runeflow::SourceDescriptor& descriptor,
@@ -76,9 +85,10 @@ void printText(const std::string& path, const runeflow::SourceDescriptor& descri
   std::int64_t most = 0;
   for (const auto& [level, count] : summary.levels) most = std::max(most, count);
   for (const auto& [level, count] : summary.levels) {
-    fmt::print("  {:<10} {:>9}  {}\n", levelName(level), count, bar(count, most, kBarColumns));
+    fmt::print("  {:<10} {:>9}  {}\n", levelName(level), count,
+               bar(count, most, barColumns(kLabelColumns)));
   }
-  fmt::print("  used bytes  {}\n", summary.info.usedBytes);
+  fmt::print("  used bytes  {}\n", summary.usedBytes);
   fmt::print("  indexes     {}\n", fmt::join(summary.info.indexes, ", "));
   fmt::print("  full text   {}\n", summary.info.hasFullText ? "yes" : "no");
 }
@@ -88,7 +98,9 @@ bool hasConsent(const std::string& path, std::int64_t records) {
   fmt::print(stderr, "Delete {} of {}? [y/N] ", counted(records, "record"), path);
   std::string answer;
   if (!std::getline(std::cin, answer)) fmt::print(stderr, "\n");
-  return answer == "y" || answer == "Y" || answer == "yes";
+  const bool agrees = answer == "y" || answer == "Y" || answer == "yes";
+  if (!agrees) fmt::print(stderr, "runeflow: nothing deleted\n");
+  return agrees;
 }
 
 }  // namespace
@@ -107,7 +119,7 @@ void addInfoCommand(CLI::App& app, int& exitCode) {
   command->add_flag("--json", options->isJson, "One JSON object");
   command->callback([=, &exitCode] {
     auto store = openDatabase(options->database, options->source);
-    const auto summary = summarise(store);
+    const auto summary = summarise(store, options->database);
     if (options->isJson) {
       printJson(options->database, summary);
     } else {
@@ -139,7 +151,7 @@ void addClearCommand(CLI::App& app, int& exitCode) {
     store.clear();
     // A capture may have stored new records since, but with numbers from 1 on.
     if (records > 0 && store.minSeq() == oldest && store.maxSeq() >= newest) {
-      fail("could not clear {}; another program may be holding it", options->database);
+      fail("could not clear {}; is it read-only, or held by another program?", options->database);
     }
     fmt::print(stderr, "runeflow: {} deleted\n", counted(records, "record"));
   });

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <system_error>
 
 #include "commands.h"
 #include "failure.h"
@@ -13,13 +14,15 @@ namespace {
 constexpr int kUsageOrInputError = 2;
 
 int complain(const char* sentence) {
-  fmt::print(stderr, "runeflow: {}\n", sentence);
+  // Not by fmt::print, which throws where nothing can be written.
+  std::fputs(fmt::format("runeflow: {}\n", sentence).c_str(), stderr);
   return kUsageOrInputError;
 }
 
 int run(int argc, char** argv) {
   CLI::App app("Captures log streams into an SQLite database and answers questions about them.");
   app.require_subcommand(1);
+  app.footer("Exit codes: 0 done, 1 nothing matched, 2 a usage or input error.");
   app.failure_message(CLI::FailureMessage::simple);
   app.set_version_flag("--version", RUNEFLOW_VERSION);
   int exitCode = 0;
@@ -44,10 +47,12 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
   try {
     const int exitCode = run(argc, argv);
-    if (std::fflush(stdout) != 0) return complain("cannot write the output; is its disk full?");
+    cli::flushOutput();
     return exitCode;
   } catch (const cli::Failure& failure) {
     return complain(failure.what());
+  } catch (const std::system_error&) {  // of fmt::print
+    return complain("cannot write the output; is its disk full?");
   } catch (const std::exception& unexpected) {
     return complain(unexpected.what());
   }

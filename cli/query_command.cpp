@@ -29,7 +29,7 @@ constexpr int kFollowMilliseconds = 200;
 
 struct QueryOptions {
   std::string database;
-  std::vector<std::string> words;
+  std::string text;
   std::string source;
   std::int64_t after = 0;
   std::int64_t first = 0;
@@ -106,24 +106,34 @@ bool hasReader(std::FILE* out) {
   return ::poll(&output, 1, 0) >= 0 && (output.revents & POLLERR) == 0;
 }
 
-void follow(EventStore& store, RecordPrinter& printer, const LogQuery& query, std::int64_t after) {
-  const Interrupt interrupt;
-  std::int64_t newest = store.maxSeq();
-  do {
-    const auto last = store.maxSeq();
-    if (last < newest) after = 0;  // cleared in the meantime: numbers start again
-    newest = last;
-    const auto seqs = store.matchingSeqs(query, after);
-    printRecords(store, printer, seqs);
-    std::fflush(stdout);
-    if (!seqs.empty()) after = seqs.back();
-  } while (!interrupt.waitFor(kFollowMilliseconds) && hasReader(stdout));
+using Records = std::vector<runeflow::FetchedRow>;
+
+Records recordAt(EventStore& store, std::int64_t seq) {
+  return store.fetchRange(seq, seq);
 }
 
-// To the library a query that SQLite refuses matches nothing; its user should know the difference.
-void requireThatSqliteTakes(EventStore& store, const LogQuery& query) {
-  if (!store.matchingSeqsQueryPlan(query, 0).empty()) return;
-  fail("the query has more conditions or deeper groups than SQLite takes; shorten it");
+// Whether the store was cleared, which numbers its records anew, since the newest one was `newest`.
+bool isRenumbered(EventStore& store, const Records& newest, const Records& latest) {
+  if (newest.empty()) return false;
+  const auto seq = newest.front().seq;
+  if (latest.front().seq < seq) return true;
+  const auto now = recordAt(store, seq);
+  return !now.empty() && now != newest;
+}
+
+void follow(EventStore& store, RecordPrinter& printer, const LogQuery& query, std::int64_t after) {
+  const Interrupt interrupt;
+  Records newest;
+  do {
+    auto latest = recordAt(store, store.maxSeq());
+    if (latest.empty()) continue;
+    if (isRenumbered(store, newest, latest)) after = 0;
+    newest = std::move(latest);
+    const auto seqs = store.matchingSeqs(query, after);
+    printRecords(store, printer, seqs);
+    flushOutput();
+    if (!seqs.empty()) after = seqs.back();
+  } while (!interrupt.waitFor(kFollowMilliseconds) && hasReader(stdout));
 }
 
 int count(EventStore& store, const LogQuery& query, const QueryOptions& options) {
@@ -135,22 +145,21 @@ int count(EventStore& store, const LogQuery& query, const QueryOptions& options)
 }
 
 void printTo(std::FILE* out, EventStore& store, const LogQuery& query, const QueryOptions& options,
-             std::span<const std::int64_t> seqs) {
+             std::span<const std::int64_t> seqs, std::int64_t followsFrom) {
   RecordPrinter printer(
       store.descriptor(), formatOf(options),
       {runeflow::QueryParser::highlightTerms(query.root), options.matchCase, showsColour(stdout)},
       out);
   printRecords(store, printer, seqs);
   if (!options.follows) return;
-  const auto last = seqs.empty() ? store.maxSeq() : seqs.back();
-  follow(store, printer, query, std::max(last, options.after));
+  follow(store, printer, query, seqs.empty() ? followsFrom : seqs.back());
 }
 
 int query(const QueryOptions& options) {
   auto store = openDatabase(options.database, options.source);
-  const auto text = fmt::format("{}", fmt::join(options.words, " "));
-  const auto parsed = runeflow::QueryParser::parse(text, store.descriptor(), options.matchCase);
-  requireThatSqliteTakes(store, parsed);
+  const auto parsed =
+      runeflow::QueryParser::parse(options.text, store.descriptor(), options.matchCase);
+  requireThatSqliteTakes(store, parsed, options.database);
   if (options.showsPlan) {
     const auto plan = store.matchingSeqsQueryPlan(parsed, options.after);
     fmt::print("{}\n", fmt::join(plan, "\n"));
@@ -159,20 +168,21 @@ int query(const QueryOptions& options) {
   if (options.counts) return count(store, parsed, options);
 
   // Following begins now, unless older records are asked for.
-  const bool wantsOld =
-      !options.follows || options.hasAfter || options.first > 0 || options.last > 0;
+  const bool wantsOld = !options.follows || options.hasAfter || options.last > 0;
+  // Known before the matches are: none that is stored in between gets lost.
+  const auto followsFrom = std::max(store.maxSeq(), options.after);
   const auto seqs =
       wantsOld ? store.matchingSeqs(parsed, options.after) : std::vector<std::int64_t>();
   if (options.usesPager && isTerminal(stdout)) {
     Pager pager;
     try {
-      printTo(pager.stream(), store, parsed, options, chosen(seqs, options));
+      printTo(pager.stream(), store, parsed, options, chosen(seqs, options), followsFrom);
     } catch (const std::system_error&) {
       // The user has left the pager.
     }
     pager.wait();
   } else {
-    printTo(stdout, store, parsed, options, chosen(seqs, options));
+    printTo(stdout, store, parsed, options, chosen(seqs, options), followsFrom);
   }
   return seqs.empty() && !options.follows ? 1 : 0;
 }
@@ -195,8 +205,10 @@ void addQueryCommand(CLI::App& app, int& exitCode) {
   auto* command = app.add_subcommand("query", "Print the records that match a query");
   auto options = std::make_shared<QueryOptions>();
   command->add_option("DB", options->database, "The database")->required()->type_name("");
-  command->add_option("QUERY", options->words, "Such as: 'level:warn \"disk full\" NOT tag:chatty'")
+  command->add_option("QUERY", options->text, "Such as: 'level:warn \"disk full\" NOT tag:chatty'")
       ->type_name("");
+  // More words belong to the query. As a list of texts CLI11 would take "[a,b]" apart.
+  command->allow_extras();
   command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say")
       ->type_name("KIND");
   auto* after = command->add_option("--after", options->after, "Only records with a greater seq")
@@ -209,6 +221,7 @@ void addQueryCommand(CLI::App& app, int& exitCode) {
   auto* counts = command->add_flag("--count", options->counts, "Print how many records match");
   auto* follows = command->add_flag("--follow", options->follows,
                                     "Print new matches as they are stored, until Ctrl-C");
+  follows->excludes(first);
   command->add_flag("--match-case", options->matchCase, "Words match with their exact case");
   auto* json = command->add_flag("--json", options->isJson, "One JSON object a line");
   auto* csv = command->add_flag("--csv", options->isCsv, "RFC 4180")->excludes(json);
@@ -225,6 +238,10 @@ void addQueryCommand(CLI::App& app, int& exitCode) {
       "the message, divided by tabs.");
   command->callback([=, &exitCode] {
     options->hasAfter = after->count() > 0;
+    for (const auto& word : command->remaining()) {
+      if (word.starts_with('-')) fail("there is no option {}; see --help", word);
+      options->text += ' ' + word;
+    }
     exitCode = query(*options);
   });
 }

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "json_line.h"
 #include "terminal.h"
 
 namespace cli {
@@ -122,7 +123,7 @@ RecordPrinter::RecordPrinter(const runeflow::SourceDescriptor& descriptor, Recor
     : format_(format),
       highlighting_(std::move(highlighting)),
       out_(out),
-      isGuarded_(isTerminal(out)) {
+      isGuarded_(isTerminal(stdout)) {
   for (const auto& field : descriptor.fields()) {
     if (const auto* slot = std::get_if<runeflow::StoreColumn::Slot>(&field.column().value())) {
       columns_.push_back({field.name(), slot->index, field.inTable()});
@@ -219,7 +220,7 @@ std::string RecordPrinter::jsonLine(const FetchedRow& record) const {
   }
   object["message"] = record.row.message();
   if (record.row.ctx()) object["ctx"] = *record.row.ctx();
-  return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  return cli::jsonLine(object);
 }
 
 std::string RecordPrinter::csvHeader() const {

@@ -57,7 +57,7 @@ class RecordPrinter {
   RecordFormat format_;
   Highlighting highlighting_;
   std::FILE* out_;
-  bool isGuarded_;  // a terminal, which gets no control characters, not even in CSV
+  bool isGuarded_;  // for a terminal, also by a pager: no control characters, not even in CSV
 };
 
 }  // namespace cli

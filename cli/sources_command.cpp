@@ -7,6 +7,7 @@
 
 #include "commands.h"
 #include "failure.h"
+#include "json_line.h"
 #include "runeflow/devices/device_catalog.h"
 #include "runeflow/transports/adb_transport.h"
 #include "terminal.h"
@@ -87,7 +88,7 @@ void printJson(const Source& source) {
       {"kind", source.kind},         {"id", source.id},
       {"name", source.name},         {"os", text(source.os)},
       {"model", text(source.model)}, {"streamable", source.streamable}};
-  fmt::print("{}\n", object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+  fmt::print("{}\n", jsonLine(object));
 }
 
 void printTable(const std::vector<Source>& sources) {

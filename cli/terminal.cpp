@@ -39,15 +39,22 @@ int terminalWidth(std::FILE* stream) {
   return size.ws_col;
 }
 
+std::optional<unsigned> c1ControlAt(std::string_view text, std::size_t at) {
+  constexpr unsigned char kLead = 0xC2;  // of the two bytes, of which the second is the number
+  if (at + 1 >= text.size() || static_cast<unsigned char>(text[at]) != kLead) return std::nullopt;
+  const auto number = static_cast<unsigned char>(text[at + 1]);
+  if (number < 0x80 || number > 0x9F) return std::nullopt;
+  return number;
+}
+
 std::string onOneLine(std::string_view text) {
   std::string line;
   line.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
     const auto byte = static_cast<unsigned char>(text[i]);
-    const bool isC1 =
-        byte == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xA0;
-    if (isC1) {
-      line += fmt::format("\\u{:04x}", static_cast<unsigned char>(text[++i]));
+    if (const auto control = c1ControlAt(text, i)) {
+      line += fmt::format("\\u{:04x}", *control);
+      ++i;
     } else if (byte == '\n') {
       line += "\\n";
     } else if (byte == '\r') {
@@ -83,6 +90,11 @@ std::string fitted(std::string_view text, std::size_t columns) {
     } while (end < text.size() && continuesCodePoint(text[end]));
   }
   return std::string(text.substr(0, end)) + "…";
+}
+
+int barColumns(std::size_t taken) {
+  constexpr int kLongestBar = 40;
+  return std::clamp(terminalWidth(stdout) - static_cast<int>(taken), 1, kLongestBar);
 }
 
 std::string bar(std::int64_t value, std::int64_t most, int columns) {

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -31,6 +32,9 @@ inline constexpr std::string_view kHighlight = "\x1b[1;30;43m";
 // to steer the terminal, as escapes ("\n", "\x1b").
 std::string onOneLine(std::string_view text);
 
+// The number of the C1 control character (U+0080 to U+009F) that begins there; absent for another.
+std::optional<unsigned> c1ControlAt(std::string_view text, std::size_t at);
+
 // "1 record", "2 records".
 std::string counted(std::int64_t count, std::string_view noun);
 
@@ -39,6 +43,9 @@ std::size_t columnsOf(std::string_view text);
 
 // The text, filled up with blanks or cut with "…" to that many columns.
 std::string fitted(std::string_view text, std::size_t columns);
+
+// What a line on standard output leaves to a bar behind so many columns; from 1 to 40.
+int barColumns(std::size_t taken);
 
 // A horizontal bar of at most `columns`, as long as `value` is of `most`; at least a sliver for 1.
 std::string bar(std::int64_t value, std::int64_t most, int columns);

@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "database.h"
 #include "failure.h"
+#include "json_line.h"
 #include "level_counts.h"
 #include "record_printer.h"
 #include "runeflow/query/query_parser.h"
@@ -20,7 +21,7 @@ using runeflow::ValueCount;
 
 namespace {
 
-constexpr int kBarColumns = 40;
+constexpr std::size_t kWidestValue = 40;
 
 struct ValuesOptions {
   std::string database;
@@ -73,14 +74,15 @@ std::vector<ValueCount> levelValues(EventStore& store, const LogQuery& matching,
 void printValues(const std::vector<ValueCount>& values, bool isJson) {
   std::size_t width = 0;
   for (const auto& value : values) width = std::max(width, columnsOf(onOneLine(value.value)));
+  width = std::min(width, kWidestValue);
   for (const auto& [value, count] : values) {
     if (isJson) {
       const nlohmann::ordered_json object = {{"value", value}, {"count", count}};
-      fmt::print("{}\n",
-                 object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+      fmt::print("{}\n", jsonLine(object));
     } else if (isTerminal(stdout)) {
-      fmt::print("{}  {:>9}  {}\n", fitted(onOneLine(value), std::min<std::size_t>(width, 40)),
-                 count, bar(count, values.front().count, kBarColumns));
+      constexpr std::size_t kCountColumns = 13;  // the count and the blanks beside it
+      fmt::print("{}  {:>9}  {}\n", fitted(onOneLine(value), width), count,
+                 bar(count, values.front().count, barColumns(width + kCountColumns)));
     } else {
       fmt::print("{}\t{}\n", onOneLine(value), count);
     }
@@ -91,6 +93,7 @@ int values(const ValuesOptions& options) {
   auto store = openDatabase(options.database, options.source);
   const auto& field = fieldNamed(store.descriptor(), options.field);
   const auto matching = runeflow::QueryParser::parse(options.matching, store.descriptor(), false);
+  requireThatSqliteTakes(store, matching, options.database);
   const bool isLevel = field.column() == runeflow::StoreColumn::level();
   const auto counted = isLevel ? levelValues(store, matching, options)
                                : slotValues(store, field.column(), matching, options);

@@ -103,6 +103,8 @@ TEST_F(Command, printsRecordsForProgramsInStableForms) {
             "1,Y-01-02T03:04:05.678000Z,Warning,Net,10,20,\"disk full, \"\"really\"\"\"\r\n");
   EXPECT_EQ(run("query a.db disk --after 1 --count", "").output, "1\n");
   EXPECT_EQ(run("query a.db DISK --match-case --count", "").output, "0\n");
+  EXPECT_EQ(run("query a.db '[disk]' full --count", "").output, "1\n");
+  EXPECT_EQ(run("query a.db '[gone,disk]' --count", "").output, "0\n");
   EXPECT_THAT(run("query a.db tag:Net --plan").output, HasSubstr("i_s0"));
   EXPECT_EQ(run("values a.db tag", "").output, "Net\t2\nWifi\t1\n");
   EXPECT_EQ(run("values a.db tag --matching disk --prefix W --json", "").output,
@@ -124,6 +126,27 @@ TEST_F(Command, showsPeopleAlignedRecordsWithTheirWordsMarked) {
     EXPECT_THAT(shown(fmt::format("query a.db tag:Net --last 1 {}", form)),
                 AllOf(HasSubstr("[31m"), testing::Not(HasSubstr("\x1b[31m"))));
   }
+}
+
+TEST_F(Command, followsWhatOthersStoreAndStartsOverWhenTheyClear) {
+  captureThree();
+  const auto pid = runLine(
+      fmt::format("{} query a.db disk --follow --last 1 >seen & echo $!", RUNEFLOW_COMMAND));
+  const auto seen = [this](const std::string& seqs) {
+    for (int left = 1'000; left > 0; --left, ::usleep(10'000)) {
+      if (runLine("cut -f1 seen | tr '\\n' ' '").output == seqs) return true;
+    }
+    return false;
+  };
+  EXPECT_TRUE(seen("3 "));
+  run("capture a.log --db a.db");
+  EXPECT_TRUE(seen("3 4 6 "));
+  std::string other;
+  for (int i = 0; i < 7; ++i) other += "01-02 03:04:05.678  10  20 W Net: another disk\n";
+  write("b.log", other);
+  runLine(fmt::format("{0} clear a.db --yes && {0} capture b.log --db a.db", RUNEFLOW_COMMAND));
+  EXPECT_TRUE(seen("3 4 6 1 2 3 4 5 6 7 "));
+  EXPECT_EQ(::kill(std::stoi(pid.output), SIGINT), 0);
 }
 
 TEST_F(Command, clearsOnlyWhenSure) {
@@ -158,6 +181,9 @@ TEST_F(Command, whatCannotBeDoneIsOneSentenceAndExitCodeTwo) {
       {"query empty x", "empty holds no log records"},
       {"values a.db tagg", "there is no field 'tagg'; Android records have tag, pid, tid, level"},
       {"query a.db x --json --csv", "--json excludes --csv"},
+      {"query a.db x --frist 1", "there is no option --frist"},
+      {"values a.db tag --matching \"$(yes NOT | head -n 60)x\"",
+       "deeper groups than SQLite takes"},
       {"query a.db x --first -1", "'-1' is no whole number from 1 on"},
       {"nonsense", "see --help"},
   };
@@ -169,6 +195,9 @@ TEST_F(Command, whatCannotBeDoneIsOneSentenceAndExitCodeTwo) {
     EXPECT_EQ(std::ranges::count(output, '\n'), 1) << output;
   }
   EXPECT_FALSE(std::filesystem::exists(folder_.file("b.db")));
+  EXPECT_EQ(run("query a.db disk", "2>&1 >/dev/full").output,
+            "runeflow: cannot write the output; is its disk full?\n");
+  EXPECT_EQ(run("query a.db disk", ">/dev/full 2>&1").exitCode, 2);
 }
 
 TEST_F(Command, anInterruptedCaptureKeepsEverythingDecoded) {

@@ -219,7 +219,7 @@ TEST_F(StoreRead, withoutFullTextAndJsonItScansForTheSameContextAndForSubstrings
       row("unfailing 50%"),
       row("Fail", "t", RuneflowLogLevel::Info, LogRow::Context{{"k", "a/b\t\"c\\"}}),
       row("50_", "t", RuneflowLogLevel::Info, LogRow::Context{{"x", "v"}, {"y", "w"}})});
-  EXPECT_FALSE(store.info().hasFullText);
+  EXPECT_FALSE(EventStore::inspect(path_).hasFullText);
   EXPECT_THAT(store.matchingSeqs(parse("fail"), 0), ElementsAre(1, 2));
   EXPECT_THAT(store.matchingSeqs(parse("50%"), 0), ElementsAre(1));
   EXPECT_THAT(store.distinctValues(StoreColumn::slot(0), parse("fail"), std::nullopt, 9),

@@ -254,7 +254,7 @@ TEST_F(StoreWrite, aFileMadeWithoutFullTextTakesRowsButIsNotTrimmed) {
   EXPECT_EQ(store->trimOldest(1, 1), std::nullopt);
   EXPECT_THAT(log_.lines(),
               ElementsAre("store: trim: delete failed, rolling back: no such table: events_fts"));
-  EXPECT_FALSE(store->info().hasFullText);
+  EXPECT_FALSE(EventStore::inspect(path_).hasFullText);
 }
 
 }  // namespace

@@ -37,14 +37,13 @@ struct ValueCount {
   bool operator==(const ValueCount&) const = default;
 };
 
-// What the file itself says of its schema.
+// What a database file says of its schema.
 struct StoreInfo {
   bool isEmpty = false;              // there is no table at all
   std::string error;                 // why `events` cannot be read, in SQLite's words; else empty
   bool hasEvents = false;            // the `events` table is there with its columns
   bool hasFullText = false;          // so is its full-text index
   std::vector<std::string> indexes;  // names of the indexes of `events`, in order of creation
-  std::int64_t usedBytes = 0;        // pages in use, in bytes; the file may be larger
 };
 
 class EventStore {
@@ -55,6 +54,10 @@ class EventStore {
   // file that is no database opens, and then fails every write and read.
   static std::optional<EventStore> open(const std::string& path, bool create,
                                         SourceDescriptor descriptor);
+
+  // Looks into the file at `path`, which it neither makes nor changes, as opening it as a store
+  // may.
+  static StoreInfo inspect(const std::string& path);
 
   // A store without a connection.
   static EventStore inert(SourceDescriptor descriptor);
@@ -114,9 +117,7 @@ class EventStore {
                                           std::int64_t limit);
   std::vector<ValueCount> distinctValuesWithCounts(const StoreColumn& column, std::int64_t limit);
 
-  StoreInfo info();
-
-  // Pages in use, in bytes.
+  // Pages in use, in bytes; the file may be larger.
   std::int64_t usedBytes();
 
  private:

@@ -19,20 +19,43 @@ constexpr const char* kCreateFullText =
     "CREATE VIRTUAL TABLE IF NOT EXISTS events_fts USING fts5(message, content='events', "
     "content_rowid='seq', tokenize='unicode61');";
 
+// To SQLite the empty name is a temporary database, and a NUL ends the name.
+Connection openFile(const std::string& path, int flags) {
+  if (path.empty() || path.find('\0') != std::string::npos) return {};
+  return Connection::open(path, flags | SQLITE_OPEN_NOMUTEX);
+}
+
 }  // namespace
 
 std::optional<EventStore> EventStore::open(const std::string& path, bool create,
                                            SourceDescriptor descriptor) {
-  // To SQLite the empty name is a temporary database, and a NUL ends the name.
-  if (path.empty() || path.find('\0') != std::string::npos) return std::nullopt;
   EventStore store(std::move(descriptor));
-  constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
-  store.db_ = Connection::open(path, kFlags | (create ? SQLITE_OPEN_CREATE : 0));
+  store.db_ = openFile(path, SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0));
   if (!store.db_) return std::nullopt;
   store.probeCapabilities();
   store.applySettings();
   if (create) store.createSchema();
   return store;
+}
+
+StoreInfo EventStore::inspect(const std::string& path) {
+  StoreInfo info;
+  Connection db = openFile(path, SQLITE_OPEN_READONLY);
+  const auto failed = [&] {
+    info.error = db ? db.errorText() : "unable to open database file";
+    return info;
+  };
+  Statement tables = db.prepare("SELECT count(*) FROM sqlite_schema");
+  if (!tables || !tables.stepsToRow()) return failed();
+  info.isEmpty = tables.integer(0) == 0;
+  Statement events = db.prepare("SELECT seq,ts,level,message FROM events LIMIT 1");
+  if (!events || events.step() == Statement::Step::error) return failed();
+  info.hasEvents = true;
+  info.hasFullText = static_cast<bool>(db.prepare("SELECT rowid FROM events_fts LIMIT 1"));
+  Statement names = db.prepare(
+      "SELECT name FROM sqlite_schema WHERE type='index' AND tbl_name='events' ORDER BY rowid");
+  while (names && names.stepsToRow()) info.indexes.push_back(names.text(0));
+  return info;
 }
 
 EventStore EventStore::inert(SourceDescriptor descriptor) {

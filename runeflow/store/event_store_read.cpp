@@ -206,19 +206,4 @@ std::vector<ValueCount> EventStore::distinctValuesWithCounts(const StoreColumn& 
   return values;
 }
 
-StoreInfo EventStore::info() {
-  StoreInfo info;
-  info.isEmpty = db_.scalar("SELECT count(*) = 0 FROM sqlite_schema") == 1;
-  Statement events = db_.prepare("SELECT seq,ts,level,message FROM events LIMIT 1");
-  info.hasEvents = events && events.step() != Statement::Step::error;
-  if (!info.hasEvents) info.error = db_.errorText();
-  info.hasFullText = static_cast<bool>(db_.prepare("SELECT rowid FROM events_fts LIMIT 1"));
-  info.usedBytes = usedBytes();
-  if (Statement names = db_.prepare("SELECT name FROM sqlite_schema WHERE type='index' AND "
-                                    "tbl_name='events' ORDER BY rowid")) {
-    while (names.stepsToRow()) info.indexes.push_back(names.text(0));
-  }
-  return info;
-}
-
 }  // namespace runeflow
