@@ -7,6 +7,7 @@
 
 #include "runeflow/model/log_row.h"
 #include "runeflow/model/source_descriptor.h"
+#include "support.h"
 
 namespace runeflow {
 namespace {
@@ -75,13 +76,31 @@ TEST(LogRow, textsKeepTheirPlaces) {
   };
   for (const auto& row : rows) {
     EXPECT_EQ(row.message(), "m");
-    EXPECT_EQ(row.message().data()[1], '\0');
     EXPECT_EQ(row, LogRow(at(1), RuneflowLogLevel::Info, "m", std::nullopt, row.slots()));
     EXPECT_EQ(std::ranges::count(rows, row), 1);
   }
   EXPECT_EQ(rows[2].slots(), (LogRow::Slots{std::nullopt, "abc", ""}));
   for (const std::int64_t absent : {-1L, 0L, 2L, 8L, 100L}) {
     EXPECT_EQ(rows[3].slot(absent), std::nullopt) << absent;
+  }
+}
+
+TEST(LogRow, rowsOfAnyLengthAreCopiedAndMoved) {
+  const auto rowOf = [](std::size_t size) {
+    return test::row(std::string(size, 'm'), std::string(size / 2, 's'));
+  };
+  for (const std::size_t from : {0U, 60U, 85U, 86U, 5000U}) {
+    for (const std::size_t to : {0U, 60U, 85U, 86U, 5000U}) {
+      auto row = rowOf(to);
+      const auto other = rowOf(from);
+      EXPECT_EQ(row == other, from == to);
+      row = other;
+      EXPECT_EQ(row, other);
+      auto moved = std::move(row);
+      EXPECT_EQ(moved, rowOf(from));
+      row = std::move(moved);
+      EXPECT_EQ(row, rowOf(from));
+    }
   }
 }
 

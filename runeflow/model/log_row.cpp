@@ -16,8 +16,16 @@ std::size_t combine(std::size_t seed, std::size_t hash) {
   return seed ^ (hash + goldenRatio + (seed << 6) + (seed >> 2));
 }
 
-std::size_t hashText(std::size_t seed, const std::string& text) {
+std::size_t hashText(std::size_t seed, std::string_view text) {
   return combine(seed, std::hash<std::string_view>{}(text));
+}
+
+std::size_t totalSize(std::string_view message, const LogRow::Slots& slots) {
+  std::size_t size = message.size();
+  for (const auto& slot : slots) {
+    if (slot) size += slot->size();
+  }
+  return size;
 }
 
 }  // namespace
@@ -45,23 +53,20 @@ LogRow::LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string_view mes
 
 LogRow::LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string_view message,
                std::optional<Context> ctx, const Slots& slots)
-    : timestamp_(timestamp), level_(level), ctx_(std::move(ctx)) {
-  std::size_t size = 0;
+    : timestamp_(timestamp),
+      level_(level),
+      texts_(totalSize(message, slots)),
+      ctx_(std::move(ctx)) {
+  char* out = texts_.data();
+  std::size_t end = 0;
   for (std::size_t i = 0; i < slotCount; ++i) {
     if (slots[i]) {
-      size += slots[i]->size();
       presentSlots_ |= static_cast<std::uint8_t>(1U << i);
+      end += slots[i]->copy(out + end, slots[i]->size());
     }
-    slotEnds_[i] = size;
+    slotEnds_[i] = end;
   }
-  size += message.size();
-  texts_.resize_and_overwrite(size, [&](char* out, std::size_t) {
-    for (const auto& slot : slots) {
-      if (slot) out += slot->copy(out, slot->size());
-    }
-    message.copy(out, message.size());
-    return size;
-  });
+  message.copy(out + end, message.size());
 }
 
 LogRow::Slots LogRow::slots() const {
@@ -73,7 +78,7 @@ LogRow::Slot LogRow::slot(std::int64_t index) const {
   const auto i = static_cast<std::size_t>(index);
   if (!(presentSlots_ >> i & 1U)) return std::nullopt;
   const std::size_t start = i == 0 ? 0 : slotEnds_[i - 1];
-  return std::string_view(texts_).substr(start, slotEnds_[i] - start);
+  return texts_.view().substr(start, slotEnds_[i] - start);
 }
 
 }  // namespace runeflow
@@ -83,7 +88,7 @@ std::size_t std::hash<runeflow::LogRow>::operator()(const runeflow::LogRow& row)
   using runeflow::hashText;
   std::size_t seed = std::hash<double>{}(row.timestamp().time_since_epoch().count());
   seed = combine(seed, static_cast<std::size_t>(row.level()));
-  seed = hashText(seed, row.texts_);
+  seed = hashText(seed, row.texts_.view());
   for (const auto end : row.slotEnds_) seed = combine(seed, end);
   seed = combine(seed, row.presentSlots_);
   seed = combine(seed, row.ctx_.has_value());

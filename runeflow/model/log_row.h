@@ -15,6 +15,8 @@
 #include <string>
 #include <string_view>
 
+#include "runeflow/model/short_text.h"
+
 namespace runeflow {
 
 // A point in time as a double count of seconds since 1970-01-01T00:00:00Z. Near the present its
@@ -43,9 +45,8 @@ constexpr std::int64_t rawValue(RuneflowLogLevel level) {
 // Immutable. A moved-from row may only be assigned to or destroyed. An absent slot and an empty
 // slot are different values (SQL NULL and '').
 //
-// The texts stand in one buffer of the row, so that a row costs one allocation to make, and few
-// bytes to move: the getters give views that live as long as the row is neither moved nor
-// destroyed.
+// The texts stand in one buffer, mostly in the row itself, so that rows are cheap to make and to
+// move: the getters give views that live as long as the row is neither moved nor destroyed.
 class LogRow {
  public:
   static constexpr std::size_t slotCount = 8;
@@ -63,8 +64,7 @@ class LogRow {
 
   Timestamp timestamp() const { return timestamp_; }
   RuneflowLogLevel level() const { return level_; }
-  // A NUL follows its last byte.
-  std::string_view message() const { return std::string_view(texts_).substr(slotEnds_.back()); }
+  std::string_view message() const { return texts_.view().substr(slotEnds_.back()); }
   const std::optional<Context>& ctx() const { return ctx_; }
   Slot s0() const { return slot(0); }
   Slot s1() const { return slot(1); }
@@ -89,7 +89,7 @@ class LogRow {
   RuneflowLogLevel level_;
   std::uint8_t presentSlots_ = 0;                  // bit i: slot i is there
   std::array<std::size_t, slotCount> slotEnds_{};  // each slot begins where the one before it ends
-  std::string texts_;                              // s0 to s7, then the message
+  ShortText texts_;                                // s0 to s7, then the message
   std::optional<Context> ctx_;
 };
 
