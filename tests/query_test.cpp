@@ -239,36 +239,57 @@ void exercise(const LogQuery& query) {
   EXPECT_EQ(QueryParser::highlightTerms(query.root), QueryParser::highlightTerms(scans.root));
 }
 
+std::size_t depthOf(const QueryNode& node) {
+  std::size_t depth = 0;
+  for (const auto& child : node.children()) depth = std::max(depth, 1 + depthOf(child));
+  return depth;
+}
+
 TEST(QueryParser, takesLongAndDeepInputOnASmallStack) {
   constexpr std::size_t kMany = 100'000;
-  const auto deepest = QueryParser::maxNesting;
   const std::string rows[] = {
       repeated(kMany, "NOT(") + "a",
-      repeated(kMany, "("),
-      repeated(deepest, "a OR level:warn (") + "c" + repeated(deepest, ")d"),
-      repeated(deepest, "(x ") + std::string(kMany, 'x'),
+      repeated(kMany, "(") + "a" + repeated(kMany, ")tag:x OR tag:y"),
+      repeated(kMany, "a OR level:warn (") + "c" + repeated(kMany, ")d"),
+      repeated(kMany, "NOT(") + "tag:x" + repeated(kMany, ")OR tag:y tag:z"),
+      repeated(kMany, "(x ") + std::string(kMany, 'x'),
       repeated(kMany, "OR "),
       repeated(kMany, "a OR "),
       repeated(kMany, "ab "),
       repeated(kMany, ":\u0301"),
       "e" + repeated(kMany, "\u0301")};
   for (const auto& typed : rows) {
-    test::onStackOf(kSmallStack,
-                    [&] { exercise(QueryParser::parse(typed, SourceDescriptor::logcat(), true)); });
+    test::onStackOf(kSmallStack, [&] {
+      const auto query = QueryParser::parse(typed, SourceDescriptor::logcat(), true);
+      EXPECT_LE(depthOf(query.root), QueryParser::maxDepth);
+      exercise(query);
+    });
   }
 }
 
-TEST(QueryParser, skipsOnlyWhatNestsBeyondTheLimit) {
-  const auto deepest = QueryParser::maxNesting;
-  const auto wrapped = [](std::size_t depth, const std::string& inner) {
-    return repeated(depth, "(") + inner + repeated(depth, ")");
+TEST(QueryParser, skipsOnlyWhatLiesBeyondTheLimit) {
+  constexpr std::size_t kWithin = QueryParser::maxDepth * 9 / 10;
+  constexpr std::size_t kBeyond = QueryParser::maxDepth + 1;
+  const auto wrapped = [](std::size_t times, const std::string& inner) {
+    return repeated(times, "(") + inner + repeated(times, ")");
   };
-  EXPECT_EQ(parsed("a " + wrapped(deepest, "b") + " c"), "text \"a b c\"");
-  EXPECT_EQ(parsed("a " + wrapped(deepest, "b (x (y) OR z) c")), "text \"a b c\"");
-  EXPECT_EQ(parsed(wrapped(deepest, "b NOT x NOT NOT (y) c")), "text \"b c\"");
-  EXPECT_EQ(parsed(wrapped(deepest - 1, "NOT b NOT NOT x NOT (y)")), "not(text \"b\")");
-  EXPECT_EQ(parsed("a " + repeated(deepest + 1, "NOT ") + "x b"), "text \"a b\"");
-  EXPECT_EQ(parsed(repeated(deepest, "NOT ") + "(x) b"), "text \"b\"");
+  EXPECT_EQ(parsed("a " + wrapped(100'000, "b") + " c"), "text \"a b c\"");
+  EXPECT_EQ(parsed(wrapped(100'000, wrapped(9, "b) OR (c") + " d")), parsed("(b OR c) d"));
+  EXPECT_EQ(parsed("a " + repeated(kBeyond, "NOT ") + "x b"), "text \"a b\"");
+  EXPECT_EQ(parsed(repeated(kBeyond, "NOT ") + "(x) b"), "text \"b\"");
+  const auto outer = repeated(kWithin, "NOT ");
+  EXPECT_TRUE(parsed(outer + "(b " + outer + "(x (y) OR z) c)") == parsed(outer + "(b c)"));
+  for (const auto& [opening, closing] : {std::pair("NOT ", ""),
+                                         {"NOT(", ")"},
+                                         {"tag:x(", ")"},
+                                         {"(", " tag:x)"},
+                                         {"x OR tag:x(", ")"}}) {
+    const std::size_t times = kWithin / (opening[0] == 'x' ? 2 : 1);
+    const auto query =
+        QueryParser::parse(repeated(times, opening) + "level:warn" + repeated(times, closing),
+                           SourceDescriptor::logcat(), false);
+    EXPECT_EQ(depthOf(query.root), kWithin) << opening;
+  }
 }
 
 TEST(LogQuery, hostsMayNestTenThousandDeep) {

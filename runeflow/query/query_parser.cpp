@@ -68,19 +68,29 @@ bool isFts(const QueryNode& node) {
   return term && term->mode == FullTextMode::fts();
 }
 
-// Conditions that must all hold. Neighbouring `fts` terms are merged as they come: a node for every
-// word of a long line would take fifty times the line's memory.
-class Run {
- public:
-  explicit Run(bool matchCase) : matchCase_(matchCase) {}
+// A tree, and how many ANDs, ORs and NOTs lie above its deepest condition.
+struct Tree {
+  QueryNode root;
+  std::size_t depth = 0;
+};
 
-  void add(QueryNode node) {
-    if (!isFts(node)) {
+// What AND or OR joins. For AND neighbouring `fts` terms are merged as they come: a node for every
+// word of a long line would take fifty times the line's memory.
+class Operands {
+ public:
+  Operands(Combinator combinator, bool matchCase)
+      : combinator_(combinator), matchCase_(matchCase) {}
+
+  bool isEmpty() const { return nodes_.empty() && !term_; }
+
+  void add(Tree tree) {
+    depth_ = std::max(depth_, tree.depth);
+    if (combinator_ == Combinator::or_ || !isFts(tree.root)) {
       endTerm();
-      nodes_.push_back(std::move(node));
+      nodes_.push_back(std::move(tree.root));
       return;
     }
-    auto raw = std::get<FullTextTerm>(std::move(node).value()).raw;
+    auto raw = std::get<FullTextTerm>(std::move(tree.root).value()).raw;
     if (term_) {
       *term_ += ' ';
       *term_ += raw;
@@ -89,10 +99,17 @@ class Run {
     }
   }
 
-  // Leaves an empty run.
-  std::vector<QueryNode> take() {
+  // Leave no operand behind.
+  std::vector<QueryNode> takeNodes() {
     endTerm();
     return std::exchange(nodes_, {});
+  }
+  std::optional<Tree> take() {
+    auto nodes = takeNodes();
+    const std::size_t depth = std::exchange(depth_, 0) + (nodes.size() > 1 ? 1 : 0);
+    auto root = reduce(std::move(nodes), combinator_);
+    if (!root) return std::nullopt;
+    return Tree{*std::move(root), depth};
   }
 
  private:
@@ -102,44 +119,50 @@ class Run {
     term_.reset();
   }
 
+  Combinator combinator_;
   bool matchCase_;
+  std::size_t depth_ = 0;  // of the deepest operand
   std::vector<QueryNode> nodes_;
   std::optional<std::string> term_;  // the texts of the terms that came last
 };
 
-QueryNode negated(QueryNode node, std::size_t times) {
-  for (; times > 0; --times) node = QueryNode::not_(std::move(node));
-  return node;
+Tree negated(Tree tree, std::size_t times) {
+  for (std::size_t i = 0; i < times; ++i) tree.root = QueryNode::not_(std::move(tree.root));
+  return {std::move(tree.root), tree.depth + times};
 }
 
 // Reads the tokens from left to right and keeps the open groups in a list, so that their number
-// costs no stack. A group is runs joined by OR.
+// costs no stack. A group is runs of conditions joined by OR.
 class BoolParser {
  public:
   BoolParser(std::string_view text, const SourceDescriptor& descriptor, bool matchCase)
       : lexer_(text), tok_(lexer_.next()), descriptor_(descriptor), matchCase_(matchCase) {}
 
   LogQuery parse() {
-    Run conditions(matchCase_);
+    Operands conditions(Combinator::and_, matchCase_);
     while (tok_) {
-      if (auto node = parseOr()) conditions.add(*std::move(node));
+      if (auto tree = parseOr()) conditions.add(*std::move(tree));
       take<Tok::Rparen>();  // a stray one
     }
-    auto root = reduce(conditions.take(), Combinator::and_);
-    return {root ? *std::move(root) : QueryNode::all()};
+    auto tree = conditions.take();
+    return {tree ? std::move(tree->root) : QueryNode::all()};
   }
 
  private:
+  // A group that gets this deep may get an AND and an OR on top, and the text another AND.
+  static constexpr std::size_t kDeepestCondition = maxDepth - 3;
+
   struct Group {
-    std::size_t nots;     // in front of its parenthesis
-    std::size_t nesting;  // parentheses and NOTs around its conditions
-    Run run;
-    std::vector<QueryNode> branches = {};
+    std::size_t nots;   // in front of its parenthesis
+    std::size_t depth;  // ANDs, ORs and NOTs that lie above its conditions in any case
+    Operands run;
+    Operands branches;
+    std::size_t wraps = 0;  // groups that began where this one did, and have begun anew since
   };
 
   // Runs joined by OR, with all groups in them. A group that turns out empty ends the run that it
   // stands in.
-  std::optional<QueryNode> parseOr() {
+  std::optional<Tree> parseOr() {
     openGroup(0, 0);
     bool runGoesOn = true;
     while (true) {
@@ -147,51 +170,61 @@ class BoolParser {
       endRun();
       runGoesOn = take<Tok::Or>();
       if (runGoesOn) continue;
-      auto node = endGroup();
-      if (groups_.empty()) return node;
+      auto tree = endGroup();
+      if (groups_.empty()) return tree;
       take<Tok::Rparen>();
-      runGoesOn = node.has_value();
-      if (node) groups_.back().run.add(*std::move(node));
+      runGoesOn = tree.has_value();
+      auto& group = groups_.back();
+      if (tree && group.depth + tree->depth <= kDeepestCondition) group.run.add(*std::move(tree));
     }
   }
 
   // Adds a condition to the run or opens a group; false where neither begins.
   bool readCondition() {
     if (take<Tok::And>()) return true;
+    auto& group = groups_.back();
     std::size_t nots = 0;
     while (take<Tok::Not>()) ++nots;
-    const std::size_t nesting = groups_.back().nesting + nots + (at<Tok::Lparen>() ? 1 : 0);
-    if (nesting > maxNesting) {
+    const std::size_t depth =
+        group.depth + nots + (group.run.isEmpty() ? 0 : 1) + (group.branches.isEmpty() ? 0 : 1);
+    const bool isGroup = at<Tok::Lparen>();
+    if (depth == group.depth && take<Tok::Lparen>()) {
+      ++group.wraps;
+    } else if ((nots > 0 || isGroup) && depth > kDeepestCondition) {
       skipOperand();
     } else if (at<Tok::Word>()) {
       const auto& word = std::get<Tok::Word>(tok_->value()).text;
-      groups_.back().run.add(negated(leaf(word, descriptor_, matchCase_), nots));
+      group.run.add(negated({leaf(word, descriptor_, matchCase_)}, nots));
       advance();
     } else if (take<Tok::Lparen>()) {
-      openGroup(nots, nesting);
+      openGroup(nots, depth);
     } else {
       return false;
     }
     return true;
   }
 
-  void openGroup(std::size_t nots, std::size_t nesting) {
-    groups_.push_back({nots, nesting, Run(matchCase_)});
+  void openGroup(std::size_t nots, std::size_t depth) {
+    groups_.push_back({nots, depth, Operands(Combinator::and_, matchCase_),
+                       Operands(Combinator::or_, matchCase_)});
   }
 
   void endRun() {
     auto& group = groups_.back();
-    auto branch = reduce(group.run.take(), Combinator::and_);
-    if (branch) group.branches.push_back(*std::move(branch));
+    if (auto branch = group.run.take()) group.branches.add(*std::move(branch));
   }
 
   // What the innermost group stands for; absent when it is empty.
-  std::optional<QueryNode> endGroup() {
-    const std::size_t nots = groups_.back().nots;
-    auto node = reduce(std::move(groups_.back().branches), Combinator::or_);
+  std::optional<Tree> endGroup() {
+    auto& group = groups_.back();
+    auto tree = group.branches.take();
+    if (group.wraps > 0) {
+      --group.wraps;
+      return tree;
+    }
+    if (tree) tree = negated(*std::move(tree), group.nots);
     groups_.pop_back();
-    if (node) node = negated(*std::move(node), nots);
-    return node;
+    return tree;
   }
 
   // A word, or a group to its closing parenthesis.
@@ -277,9 +310,9 @@ std::optional<QueryNode> reduce(std::vector<QueryNode> nodes, Combinator combina
 }
 
 std::vector<QueryNode> coalesceFullText(std::vector<QueryNode> nodes, bool matchCase) {
-  Run run(matchCase);
-  for (auto& node : nodes) run.add(std::move(node));
-  return run.take();
+  Operands operands(Combinator::and_, matchCase);
+  for (auto& node : nodes) operands.add({std::move(node)});
+  return operands.takeNodes();
 }
 
 QueryNode leaf(std::string_view word, const SourceDescriptor& descriptor, bool matchCase) {

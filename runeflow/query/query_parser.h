@@ -25,9 +25,9 @@
 
 namespace runeflow::QueryParser {
 
-// How many open parentheses and NOTs may stand around a condition. A group that begins deeper is
-// skipped up to its closing parenthesis, a NOT that begins deeper together with what it negates.
-inline constexpr std::size_t maxNesting = 2'000;
+// How many ANDs, ORs and NOTs may lie above a condition in the tree of a typed query; parentheses
+// alone add none. A NOT or a group that would lie deeper is skipped, with what stands in it.
+inline constexpr std::size_t maxDepth = 2'000;
 
 class Tok {
  public:
