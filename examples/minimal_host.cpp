@@ -1,7 +1,7 @@
 // Captures a saved logcat file into a database, then asks it a question.
 #include <chrono>
-#include <cstdio>
 #include <future>
+#include <iostream>
 
 #include "runeflow/capture/capture_session.h"
 #include "runeflow/decoders/logcat_decoder.h"
@@ -12,11 +12,12 @@
 using namespace runeflow;
 
 int main(int argc, char** argv) {
-  if (argc != 4) return std::fprintf(stderr, "usage: %s LOG DATABASE QUERY\n", argv[0]), 2;
+  if (argc != 4) return std::cerr << "usage: " << argv[0] << " LOG DATABASE QUERY\n", 2;
   const auto& descriptor = SourceDescriptor::logcat();
   auto store = EventStore::open(argv[2], true, descriptor);
   const int log = FileTransport::openForReading(argv[1]);
-  if (!store || log < 0) return std::fprintf(stderr, "cannot open %s or %s\n", argv[1], argv[2]), 2;
+  if (!store || log < 0)
+    return std::cerr << "cannot open " << argv[1] << " or " << argv[2] << '\n', 2;
 
   std::promise<void> ended;
   CaptureSession session(argv[2], descriptor);
@@ -27,6 +28,6 @@ int main(int argc, char** argv) {
 
   const auto query = QueryParser::parse(argv[3], descriptor, false);
   for (const auto& [seq, row] : store->fetch(store->matchingSeqs(query, 0))) {
-    std::printf("%lld %s\n", static_cast<long long>(seq), row.message().data());
+    std::cout << seq << ' ' << row.message() << '\n';
   }
 }

@@ -46,7 +46,8 @@ constexpr std::int64_t rawValue(RuneflowLogLevel level) {
 // slot are different values (SQL NULL and '').
 //
 // The texts stand in one buffer, mostly in the row itself, so that rows are cheap to make and to
-// move: the getters give views that live as long as the row is neither moved nor destroyed.
+// move: the getters give views, which no NUL ends, and which live as long as the row is neither
+// moved nor destroyed.
 class LogRow {
  public:
   static constexpr std::size_t slotCount = 8;
