@@ -276,7 +276,6 @@ TEST(QueryParser, skipsOnlyWhatLiesBeyondTheLimit) {
   EXPECT_EQ(parsed("a " + wrapped(100'000, "b") + " c"), "text \"a b c\"");
   EXPECT_EQ(parsed(wrapped(100'000, wrapped(9, "b) OR (c") + " d")), parsed("(b OR c) d"));
   EXPECT_EQ(parsed("a " + repeated(kBeyond, "NOT ") + "x b"), "text \"a b\"");
-  EXPECT_EQ(parsed(repeated(kBeyond, "NOT ") + "(x) b"), "text \"b\"");
   const auto outer = repeated(kWithin, "NOT ");
   EXPECT_TRUE(parsed(outer + "(b " + outer + "(x (y) OR z) c)") == parsed(outer + "(b c)"));
   for (const auto& [opening, closing] : {std::pair("NOT ", ""),
