@@ -157,7 +157,7 @@ class BoolParser {
     std::size_t depth;  // ANDs, ORs and NOTs that lie above its conditions in any case
     Operands run;
     Operands branches;
-    std::size_t wraps = 0;  // groups that began where this one did, and have begun anew since
+    std::size_t wraps = 0;  // groups around this one that hold nothing else so far
   };
 
   // Runs joined by OR, with all groups in them. A group that turns out empty ends the run that it
