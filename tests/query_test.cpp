@@ -269,24 +269,19 @@ TEST(QueryParser, takesLongAndDeepInputOnASmallStack) {
 
 TEST(QueryParser, skipsOnlyWhatLiesBeyondTheLimit) {
   constexpr std::size_t kWithin = QueryParser::maxDepth * 9 / 10;
-  constexpr std::size_t kBeyond = QueryParser::maxDepth + 1;
-  const auto wrapped = [](std::size_t times, const std::string& inner) {
-    return repeated(times, "(") + inner + repeated(times, ")");
-  };
-  EXPECT_EQ(parsed("a " + wrapped(100'000, "b") + " c"), "text \"a b c\"");
-  EXPECT_EQ(parsed(wrapped(100'000, wrapped(9, "b) OR (c") + " d")), parsed("(b OR c) d"));
-  EXPECT_EQ(parsed("a " + repeated(kBeyond, "NOT ") + "x b"), "text \"a b\"");
+  const auto opened = repeated(100'000, "(");
+  const auto closed = repeated(100'000, ")");
+  EXPECT_EQ(parsed("a " + opened + "b" + closed + " c"), "text \"a b c\"");
+  EXPECT_EQ(parsed(opened + "(((b) OR (c)) d)" + closed), parsed("(b OR c) d"));
+  EXPECT_EQ(parsed("a " + repeated(QueryParser::maxDepth + 1, "NOT ") + "x b"), "text \"a b\"");
   const auto outer = repeated(kWithin, "NOT ");
   EXPECT_TRUE(parsed(outer + "(b " + outer + "(x (y) OR z) c)") == parsed(outer + "(b c)"));
-  for (const auto& [opening, closing] : {std::pair("NOT ", ""),
-                                         {"NOT(", ")"},
-                                         {"tag:x(", ")"},
-                                         {"(", " tag:x)"},
-                                         {"x OR tag:x(", ")"}}) {
+  const std::pair<std::string, std::string> rows[] = {
+      {"NOT ", ""}, {"NOT(", ")"}, {"tag:x(", ")"}, {"(", " tag:x)"}, {"x OR tag:x(", ")"}};
+  for (const auto& [opening, closing] : rows) {
     const std::size_t times = kWithin / (opening[0] == 'x' ? 2 : 1);
-    const auto query =
-        QueryParser::parse(repeated(times, opening) + "level:warn" + repeated(times, closing),
-                           SourceDescriptor::logcat(), false);
+    const auto typed = repeated(times, opening) + "level:warn" + repeated(times, closing);
+    const auto query = QueryParser::parse(typed, SourceDescriptor::logcat(), false);
     EXPECT_EQ(depthOf(query.root), kWithin) << opening;
   }
 }

@@ -31,7 +31,7 @@ class ShortText {
   bool operator==(const ShortText& other) const { return view() == other.view(); }
 
  private:
-  static constexpr std::size_t kInlineSize = 128;  // of the slots and the message of most records
+  static constexpr std::size_t kInlineSize = 128;  // holds the slots and message of most records
 
   void take(ShortText& other) {
     size_ = std::exchange(other.size_, 0);
