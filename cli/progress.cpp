@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "runeflow/capture/app_log.h"
+#include "runeflow/platform/app_log.h"
 #include "terminal.h"
 
 namespace cli {

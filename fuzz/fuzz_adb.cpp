@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "runeflow/platform/file_descriptor.h"
-#include "runeflow/platform/unicode.h"
+#include "runeflow/platform/unicode_p.h"
 #include "runeflow/transports/adb_protocol_p.h"
 
 namespace {

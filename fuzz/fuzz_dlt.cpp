@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "runeflow/decoders/dlt_decoder.h"
-#include "runeflow/platform/unicode.h"
+#include "runeflow/platform/unicode_p.h"
 
 using runeflow::DLTDecoder;
 using runeflow::LogRow;

@@ -13,7 +13,7 @@
 
 #include "runeflow/decoders/logcat_decoder.h"
 #include "runeflow/platform/file_descriptor.h"
-#include "runeflow/platform/gate.h"
+#include "runeflow/platform/semaphore_p.h"
 #include "runeflow/store/event_store.h"
 #include "support.h"
 
@@ -61,24 +61,24 @@ class Capturing : public testing::Test {
 
   // Runs a stream and waits for its end.
   void capture(CaptureSession& session, int fd) {
-    session.run(fd, logcat, [this] { finished_.signal(); });
-    finished_.wait();
+    session.run(fd, logcat, [this] { finished_.release(); });
+    finished_.acquire();
   }
 
   test::TemporaryFolder folder_;
   std::string path_ = folder_.file("a.db");
   test::CapturedLog log_;
-  Gate finished_;
+  Semaphore finished_;
 };
 
 TEST_F(Capturing, everyCompleteRecordIsStoredInOrder) {
   Pipe pipe;
   CaptureSession session(path_, SourceDescriptor::logcat());
   const int fd = pipe.reading.release();
-  session.run(fd, logcat, [this] { finished_.signal(); });
+  session.run(fd, logcat, [this] { finished_.release(); });
   pipe.write(lines(30'000) + "unfinished");
   pipe.writing.reset();
-  finished_.wait();
+  finished_.acquire();
 
   EXPECT_EQ(::fcntl(fd, F_GETFD), -1);
   EXPECT_THAT(ask("SELECT count(*), max(seq) FROM events"), ElementsAre("30000|30000"));
@@ -94,11 +94,11 @@ TEST_F(Capturing, everyCompleteRecordIsStoredInOrder) {
 TEST_F(Capturing, theCapHoldsAndMayChangeInMidStream) {
   CaptureSession session(path_, SourceDescriptor::logcat());
   Pipe pipe;
-  session.run(pipe.reading.release(), logcat, [this] { finished_.signal(); });
+  session.run(pipe.reading.release(), logcat, [this] { finished_.release(); });
   session.setMaxBytes(4'000'000);  // also of the running reader
   pipe.write(lines(50'000, "a line that takes its room in the database"));
   pipe.writing.reset();
-  finished_.wait();
+  finished_.acquire();
   auto store = reopen();
   EXPECT_GT(store.minSeq(), 10'000);
   EXPECT_THAT(ask("SELECT message FROM events ORDER BY seq DESC LIMIT 1"),
@@ -126,12 +126,12 @@ TEST_F(Capturing, readersOfOneSessionTakeTurns) {
   Pipe second;
   second.write("of the second\n");
   second.writing.reset();
-  session.run(first.reading.release(), logcat, [this] { finished_.signal(); });
-  session.run(second.reading.release(), logcat, [this] { finished_.signal(); });
+  session.run(first.reading.release(), logcat, [this] { finished_.release(); });
+  session.run(second.reading.release(), logcat, [this] { finished_.release(); });
   first.write("of the first\n");
   first.writing.reset();
-  finished_.wait();
-  finished_.wait();
+  finished_.acquire();
+  finished_.acquire();
   EXPECT_THAT(ask("SELECT message FROM events ORDER BY seq"),
               ElementsAre("of the first", "of the second"));
   EXPECT_THAT(log_.lines(), IsEmpty());
@@ -140,7 +140,7 @@ TEST_F(Capturing, readersOfOneSessionTakeTurns) {
 TEST_F(Capturing, aReaderThatHangsIsWaitedForFiveSecondsOnly) {
   CaptureSession session(path_, SourceDescriptor::logcat());
   Pipe hanging;
-  session.run(hanging.reading.release(), logcat, [this] { finished_.signal(); });
+  session.run(hanging.reading.release(), logcat, [this] { finished_.release(); });
   Pipe next;
   next.write("x\n");
   next.writing.reset();
@@ -151,7 +151,7 @@ TEST_F(Capturing, aReaderThatHangsIsWaitedForFiveSecondsOnly) {
               ElementsAre("lifecycle: reader: previous reader did not finish within 5s; "
                           "proceeding"));
   hanging.writing.reset();
-  finished_.wait();
+  finished_.acquire();
 }
 
 TEST_F(Capturing, theSessionMayDieAndTheThreadIsAsPromised) {
@@ -175,11 +175,11 @@ TEST_F(Capturing, theSessionMayDieAndTheThreadIsAsPromised) {
               sigismember(&blocked, SIGINT) == 1 && sigismember(&blocked, SIGSEGV) == 0;
           return logcat();
         },
-        [this] { finished_.signal(); });
+        [this] { finished_.release(); });
   }
   pipe.write(lines(10));
   pipe.writing.reset();
-  finished_.wait();
+  finished_.acquire();
   EXPECT_EQ(std::string_view(name.c_str()), "runeflow.log-re");
   EXPECT_GE(stackSize, std::size_t{4} << 20);
   EXPECT_TRUE(blocksInterrupt);

@@ -10,8 +10,8 @@
 #include <tuple>
 
 #include "runeflow/devices/device_catalog.h"
-#include "runeflow/platform/host.h"
-#include "runeflow/platform/process.h"
+#include "runeflow/platform/host_p.h"
+#include "runeflow/platform/process_p.h"
 #include "support.h"
 
 namespace runeflow {

@@ -6,7 +6,7 @@
 #include <regex>
 #include <tuple>
 
-#include "runeflow/platform/overloaded.h"
+#include "runeflow/platform/overloaded_p.h"
 #include "runeflow/query/query_parser.h"
 #include "runeflow/store/event_store.h"
 #include "support.h"

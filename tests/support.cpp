@@ -8,8 +8,8 @@
 #include <memory>
 #include <thread>
 
-#include "runeflow/platform/gate.h"
-#include "runeflow/platform/thread.h"
+#include "runeflow/platform/semaphore_p.h"
+#include "runeflow/platform/thread_p.h"
 
 namespace runeflow::test {
 
@@ -99,13 +99,13 @@ void onStackOf(std::size_t stackSize, std::move_only_function<void()> body) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   stackSize *= 8;
 #endif
-  Gate done;
+  Semaphore done;
   std::move_only_function<void()> start = [&] {
     body();
-    done.signal();
+    done.release();
   };
   ASSERT_TRUE(startThread({"small-stack", stackSize}, start));
-  done.wait();
+  done.acquire();
 }
 
 }  // namespace runeflow::test

@@ -14,8 +14,8 @@
 #include <string_view>
 #include <vector>
 
-#include "runeflow/capture/app_log.h"
 #include "runeflow/model/log_row.h"
+#include "runeflow/platform/app_log.h"
 
 namespace runeflow::test {
 

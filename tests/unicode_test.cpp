@@ -1,5 +1,3 @@
-#include "runeflow/platform/unicode.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unicode/ubrk.h>
@@ -7,7 +5,8 @@
 #include <memory>
 #include <random>
 
-#include "runeflow/platform/local_time.h"
+#include "runeflow/platform/local_time_p.h"
+#include "runeflow/platform/unicode_p.h"
 
 namespace runeflow {
 namespace {

@@ -11,10 +11,10 @@
 #include <utility>
 #include <vector>
 
-#include "runeflow/capture/app_log_p.h"
+#include "runeflow/platform/app_log_p.h"
 #include "runeflow/platform/file_descriptor.h"
-#include "runeflow/platform/gate.h"
-#include "runeflow/platform/thread.h"
+#include "runeflow/platform/semaphore_p.h"
+#include "runeflow/platform/thread_p.h"
 #include "runeflow/store/event_store.h"
 
 namespace runeflow {
@@ -60,10 +60,10 @@ class CaptureSession::Shared {
 // What one reader thread owns.
 class CaptureSession::Reader {
  public:
-  Reader(const CaptureSession& session, std::shared_ptr<Gate> previous, int fd,
+  Reader(const CaptureSession& session, std::shared_ptr<Semaphore> previous, int fd,
          DecoderFactory makeDecoder, FinishCallback onFinish)
       : previous_(std::move(previous)),
-        gate_(session.readerGate_),
+        finished_(session.readerFinished_),
         fd_(fd),
         dbPath_(session.dbPath_),
         descriptor_(session.descriptor_),
@@ -72,7 +72,7 @@ class CaptureSession::Reader {
         onFinish_(std::move(onFinish)) {}
 
   void run() {
-    if (previous_ && !previous_->waitFor(kHandOver)) {
+    if (previous_ && !previous_->tryAcquireFor(kHandOver)) {
       AppLog::logError(AppLog::lifecycle(),
                        "reader: previous reader did not finish within 5s; proceeding");
     }
@@ -146,14 +146,14 @@ class CaptureSession::Reader {
     }
   }
 
-  // The gate goes first: the next reader need not wait for the host's callback.
+  // The semaphore comes first: the next reader does not wait for the host's callback.
   void finish() {
-    gate_->signal();
+    finished_->release();
     if (onFinish_) onFinish_();
   }
 
-  std::shared_ptr<Gate> previous_;
-  std::shared_ptr<Gate> gate_;
+  std::shared_ptr<Semaphore> previous_;
+  std::shared_ptr<Semaphore> finished_;
   FileDescriptor fd_;
   std::string dbPath_;
   SourceDescriptor descriptor_;
@@ -179,12 +179,12 @@ void CaptureSession::setMaxBytes(std::int64_t maxBytes) {
 }
 
 void CaptureSession::run(int fd, DecoderFactory makeDecoder, FinishCallback onFinish) {
-  const auto before = std::exchange(readerGate_, std::make_shared<Gate>());
+  const auto before = std::exchange(readerFinished_, std::make_shared<Semaphore>());
   auto reader =
       std::make_shared<Reader>(*this, before, fd, std::move(makeDecoder), std::move(onFinish));
   std::move_only_function<void()> body = [reader] { reader->run(); };
   if (!startThread({"runeflow.log-reader", kReaderStack}, body)) {
-    readerGate_ = before;  // the next reader still has that one to wait for
+    readerFinished_ = before;  // the next reader still has that one to wait for
     reader->giveUp();
   }
 }

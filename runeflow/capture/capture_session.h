@@ -26,7 +26,7 @@
 
 namespace runeflow {
 
-class Gate;
+class Semaphore;
 
 // What the readers of one session have done so far.
 struct CaptureProgress {
@@ -66,8 +66,8 @@ class CaptureSession {
 
   std::string dbPath_;
   SourceDescriptor descriptor_;
-  std::shared_ptr<Gate> readerGate_;  // of the reader started last
-  std::shared_ptr<Shared> shared_;    // with the running readers
+  std::shared_ptr<Semaphore> readerFinished_;  // released when the reader started last ends
+  std::shared_ptr<Shared> shared_;             // with the running readers
 };
 
 }  // namespace runeflow

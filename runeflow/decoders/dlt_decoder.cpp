@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "runeflow/decoders/dlt_payload_p.h"
-#include "runeflow/platform/unicode.h"
+#include "runeflow/platform/unicode_p.h"
 
 namespace runeflow {
 namespace {
@@ -43,10 +43,14 @@ struct Frame {
   bool holdsMessage() const { return size - storageSize >= kStandardHeaderSize; }
 };
 
+bool beginsWithStorageHeader(Bytes stream) {
+  constexpr std::array<std::uint8_t, DLTDecoder::sampleSize> kPattern{'D', 'L', 'T', 0x01};
+  return stream.size() >= kPattern.size() &&
+         std::equal(kPattern.begin(), kPattern.end(), stream.begin());
+}
+
 Frame cutFrame(Bytes stream) {
-  constexpr std::array<std::uint8_t, 4> pattern{'D', 'L', 'T', 0x01};
-  const bool stored =
-      stream.size() >= pattern.size() && std::equal(pattern.begin(), pattern.end(), stream.begin());
+  const bool stored = beginsWithStorageHeader(stream);
   const std::size_t start = stored ? kStorageHeaderSize : 0;
   if (stream.size() < start + kStandardHeaderSize) return {start + kStandardHeaderSize, start};
 
@@ -129,7 +133,7 @@ class SlotTexts {
   SlotTexts(const SlotTexts&) = delete;
   SlotTexts& operator=(const SlotTexts&) = delete;
 
-  const LogRow::Slots& of(const Message& message, Bytes storageHeader) {
+  const LogRow::Slots& read(const Message& message, Bytes storageHeader) {
     texts_.clear();
     slots_[0] = message.ecuId ? identifier(*message.ecuId) : std::nullopt;
     if (!slots_[0] && !storageHeader.empty()) slots_[0] = identifier(storageHeader.subspan(12, 4));
@@ -221,7 +225,8 @@ void appendRow(std::vector<LogRow>& rows, Bytes storageHeader, Bytes bytes, cons
   rows.emplace_back(
       storageHeader.empty() ? now() : storageTime(storageHeader),
       message->extended ? levelOf(message->extended->messageInfo) : RuneflowLogLevel::Info,
-      std::string_view(text.data(), text.size()), std::nullopt, slots.of(*message, storageHeader));
+      std::string_view(text.data(), text.size()), std::nullopt,
+      slots.read(*message, storageHeader));
 }
 
 // Takes the complete messages off the front of the stream.
@@ -239,6 +244,10 @@ void decode(Bytes& stream, const Clock& now, std::vector<LogRow>& rows) {
 }
 
 }  // namespace
+
+bool DLTDecoder::looksLikeRecording(std::span<const std::uint8_t> bytes) {
+  return beginsWithStorageHeader(bytes);
+}
 
 DLTDecoder::DLTDecoder(Clock now) : now_(std::move(now)) {}
 

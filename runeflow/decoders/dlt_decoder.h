@@ -6,6 +6,7 @@
 // and ECU timestamp in slots 0 to 6.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -19,6 +20,13 @@ class DLTDecoder final : public RowDecoder {
  public:
   // `now` dates the messages that have no storage header; it is called once for each such row.
   explicit DLTDecoder(Clock now);
+
+  // How many bytes of a stream looksLikeRecording() examines at most.
+  static constexpr std::size_t sampleSize = 4;
+
+  // Whether a stream begins with a storage header, as every recording does. What a daemon serves
+  // has none and is not recognised.
+  static bool looksLikeRecording(std::span<const std::uint8_t> bytes);
 
   // A message whose headers do not fit into its own length is dropped whole. A length below that of
   // the standard header means that the stream is out of step: one byte is dropped (after a storage

@@ -8,8 +8,8 @@
 #include <variant>
 
 #include "runeflow/decoders/dlt_payload_p.h"
-#include "runeflow/platform/overloaded.h"
-#include "runeflow/platform/unicode.h"
+#include "runeflow/platform/overloaded_p.h"
+#include "runeflow/platform/unicode_p.h"
 
 namespace runeflow::dlt {
 namespace {

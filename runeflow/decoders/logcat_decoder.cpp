@@ -7,12 +7,12 @@
 #include <optional>
 #include <utility>
 
-#include "runeflow/platform/unicode.h"
+#include "runeflow/platform/local_time_p.h"
+#include "runeflow/platform/unicode_p.h"
 
 namespace runeflow {
 namespace {
 
-constexpr std::size_t kSampleSize = 8192;
 constexpr std::size_t kMostRowsReserved = 4096;
 constexpr std::size_t kLargestIdleCarry = std::size_t{1} << 20;
 
@@ -275,7 +275,12 @@ std::size_t forEachLine(std::string_view bytes, Use use) {
 
 }  // namespace
 
-LogcatDecoder::LogcatDecoder(Clock now) : now_(std::move(now)), year_(localYear(now_())) {}
+LogcatDecoder::LogcatDecoder(Clock now)
+    : now_(std::move(now)),
+      year_(localYear(now_().time_since_epoch().count())),
+      zone_(std::make_unique<LocalTimeZone>()) {}
+
+LogcatDecoder::~LogcatDecoder() = default;
 
 std::vector<LogRow> LogcatDecoder::consume(std::span<const std::uint8_t> bytes) {
   std::vector<LogRow> rows;
@@ -310,7 +315,7 @@ void LogcatDecoder::appendLine(std::string_view line, std::vector<LogRow>& rows)
 }
 
 void LogcatDecoder::appendRow(std::string_view text, std::vector<LogRow>& rows) {
-  const auto parsed = parse(text, year_, zone_);
+  const auto parsed = parse(text, year_, *zone_);
   if (!parsed) {
     rows.emplace_back(now_(), RuneflowLogLevel::Info, text, std::nullopt, LogRow::Slots());
     return;
@@ -323,7 +328,7 @@ bool LogcatDecoder::looksLikeThreadtime(std::span<const std::uint8_t> bytes) {
   constexpr std::int64_t kLeapYear = 2000;  // so that 29 February is a day like any other
   LocalTimeZone zone;
   bool found = false;
-  forEachLine(asText(bytes.first(std::min(bytes.size(), kSampleSize))), [&](std::string_view line) {
+  forEachLine(asText(bytes.first(std::min(bytes.size(), sampleSize))), [&](std::string_view line) {
     found = parse(unicode::decodeLossily(line), kLeapYear, zone).has_value();
     return !found;
   });

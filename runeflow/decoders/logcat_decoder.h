@@ -13,26 +13,33 @@
 // A fraction too large for 64-bit nanoseconds makes the line a raw row.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "runeflow/decoders/row_decoder.h"
-#include "runeflow/platform/local_time.h"
 
 namespace runeflow {
+
+class LocalTimeZone;
 
 class LogcatDecoder final : public RowDecoder {
  public:
   // `now` gives the year, once, and the time of every line that is not threadtime text.
   explicit LogcatDecoder(Clock now);
+  ~LogcatDecoder() override;
 
   // A stream without line feeds is kept until one comes, however long that takes.
   std::vector<LogRow> consume(std::span<const std::uint8_t> bytes) override;
 
-  // Whether the first 8,192 bytes of a stream hold a complete line of threadtime text.
+  // How many bytes of a stream looksLikeThreadtime() examines at most.
+  static constexpr std::size_t sampleSize = 8'192;
+
+  // Whether the first `sampleSize` bytes of a stream hold a complete line of threadtime text.
   static bool looksLikeThreadtime(std::span<const std::uint8_t> bytes);
 
  private:
@@ -43,7 +50,7 @@ class LogcatDecoder final : public RowDecoder {
   std::size_t expectedRows_ = 0;  // of the next piece, by those of the last
   Clock now_;
   std::int64_t year_;
-  LocalTimeZone zone_;
+  std::unique_ptr<LocalTimeZone> zone_;
 };
 
 }  // namespace runeflow

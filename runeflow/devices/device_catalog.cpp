@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "runeflow/devices/apple_json_p.h"
-#include "runeflow/platform/host.h"
-#include "runeflow/platform/process.h"
+#include "runeflow/platform/host_p.h"
+#include "runeflow/platform/process_p.h"
 
 namespace runeflow::DeviceCatalog {
 namespace {

@@ -1,10 +1,9 @@
-#include "runeflow/model/json_text.h"
-
 #include <fmt/format.h>
 
 #include <iterator>
 
-#include "runeflow/platform/unicode.h"
+#include "runeflow/model/json_text_p.h"
+#include "runeflow/platform/unicode_p.h"
 
 namespace runeflow {
 namespace {

@@ -6,8 +6,8 @@
 #include <iterator>
 #include <unordered_map>
 
-#include "runeflow/platform/overloaded.h"
-#include "runeflow/platform/unicode.h"
+#include "runeflow/platform/overloaded_p.h"
+#include "runeflow/platform/unicode_p.h"
 
 namespace runeflow {
 namespace {

@@ -2,8 +2,8 @@
 
 #include <type_traits>
 
-#include "runeflow/platform/host.h"
-#include "runeflow/platform/unicode.h"
+#include "runeflow/platform/host_p.h"
+#include "runeflow/platform/unicode_p.h"
 
 namespace runeflow {
 

@@ -3,7 +3,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include "runeflow/platform/thread.h"
+#include "runeflow/platform/thread_p.h"
 
 namespace runeflow {
 namespace {

@@ -1,16 +1,17 @@
-// The owner of one POSIX file descriptor.
+/// \file
+/// The owner of one POSIX file descriptor.
 #pragma once
-
-#include <unistd.h>
 
 #include <utility>
 
 namespace runeflow {
 
-// Closes its descriptor when destroyed. Moved-from and default-made objects own none (get() is -1).
+/// Owns a file descriptor and closes it on destruction. A default-constructed or moved-from object
+/// owns none.
 class FileDescriptor {
  public:
   FileDescriptor() = default;
+  /// Takes ownership of `fd`; a negative number means none.
   explicit FileDescriptor(int fd) : fd_(fd) {}
   FileDescriptor(FileDescriptor&& other) noexcept : fd_(other.release()) {}
   FileDescriptor& operator=(FileDescriptor&& other) noexcept {
@@ -19,16 +20,16 @@ class FileDescriptor {
   }
   ~FileDescriptor() { reset(); }
 
+  /// Returns the descriptor, or a negative number if the object owns none.
   int get() const { return fd_; }
+  /// True if the object owns a descriptor.
   explicit operator bool() const { return fd_ >= 0; }
 
-  // Gives the descriptor up without closing it.
+  /// Returns the descriptor and gives up ownership without closing it.
   int release() { return std::exchange(fd_, -1); }
 
-  void reset(int fd = -1) {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = fd;
-  }
+  /// Closes the owned descriptor, if any, and takes ownership of `fd`.
+  void reset(int fd = -1);
 
  private:
   int fd_ = -1;

@@ -1,5 +1,3 @@
-#include "runeflow/platform/host.h"
-
 #include <fmt/format.h>
 #include <sys/random.h>
 #include <sys/utsname.h>
@@ -10,7 +8,8 @@
 #include <charconv>
 #include <cstdint>
 
-#include "runeflow/platform/unicode.h"
+#include "runeflow/platform/host_p.h"
+#include "runeflow/platform/unicode_p.h"
 
 namespace runeflow {
 

@@ -1,8 +1,9 @@
-#include "runeflow/platform/local_time.h"
-
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <ctime>
+
+#include "runeflow/platform/local_time_p.h"
 
 namespace runeflow {
 namespace {
@@ -54,8 +55,8 @@ std::int64_t LocalTimeZone::offsetAt(std::int64_t localSeconds) {
   return offset;
 }
 
-std::int64_t localYear(Timestamp timestamp) {
-  const double seconds = std::floor(timestamp.time_since_epoch().count());
+std::int64_t localYear(double secondsSinceEpoch) {
+  const double seconds = std::floor(secondsSinceEpoch);
   constexpr double kFarFuture =
       9e17;  // well inside time_t; such years do not fit a calendar anyway
   const auto time = static_cast<std::time_t>(

@@ -1,5 +1,3 @@
-#include "runeflow/platform/process.h"
-
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/types.h>
@@ -12,6 +10,7 @@
 #include <utility>
 
 #include "runeflow/platform/file_descriptor.h"
+#include "runeflow/platform/process_p.h"
 
 namespace runeflow {
 namespace {

@@ -1,10 +1,10 @@
-#include "runeflow/platform/thread.h"
-
 #include <pthread.h>
 
 #include <csignal>
 #include <memory>
 #include <utility>
+
+#include "runeflow/platform/thread_p.h"
 
 namespace runeflow {
 namespace {

@@ -1,5 +1,3 @@
-#include "runeflow/platform/unicode.h"
-
 #include <unicode/locid.h>
 #include <unicode/ubrk.h>
 #include <unicode/uchar.h>
@@ -10,6 +8,8 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
+
+#include "runeflow/platform/unicode_p.h"
 
 namespace runeflow::unicode {
 namespace {
@@ -195,7 +195,7 @@ bool isBlank(std::string_view character) {
   return end == character.size() && u_charType(codePoint) == U_SPACE_SEPARATOR;
 }
 
-bool standsAloneAmongOthers(std::string_view text, std::size_t position) {
+bool standsAloneBesideNonAscii(std::string_view text, std::size_t position) {
   const std::size_t after = position + 1;
   if (after < text.size() && !isAsciiByte(text[after]) && extendsWhatPrecedes(text.substr(after))) {
     return false;

@@ -2,9 +2,9 @@
 
 #include <memory>
 
-#include "runeflow/model/json_text.h"
-#include "runeflow/platform/overloaded.h"
-#include "runeflow/platform/unicode.h"
+#include "runeflow/model/json_text_p.h"
+#include "runeflow/platform/overloaded_p.h"
+#include "runeflow/platform/unicode_p.h"
 
 namespace runeflow {
 namespace {

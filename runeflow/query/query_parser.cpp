@@ -4,8 +4,8 @@
 #include <ranges>
 
 #include "runeflow/model/log_row.h"
-#include "runeflow/platform/overloaded.h"
-#include "runeflow/platform/unicode.h"
+#include "runeflow/platform/overloaded_p.h"
+#include "runeflow/platform/unicode_p.h"
 
 namespace runeflow::QueryParser {
 namespace {

@@ -21,7 +21,7 @@
 #include "runeflow/model/log_row.h"
 #include "runeflow/model/source_descriptor.h"
 #include "runeflow/query/log_query.h"
-#include "runeflow/store/sqlite.h"
+#include "runeflow/store/sqlite_p.h"
 
 namespace runeflow {
 

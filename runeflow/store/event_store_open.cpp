@@ -1,7 +1,7 @@
 #include <fmt/format.h>
 #include <sqlite3.h>
 
-#include "runeflow/capture/app_log_p.h"
+#include "runeflow/platform/app_log_p.h"
 #include "runeflow/store/event_store.h"
 
 namespace runeflow {

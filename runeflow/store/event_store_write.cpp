@@ -1,8 +1,8 @@
 #include <cmath>
 #include <limits>
 
-#include "runeflow/capture/app_log_p.h"
-#include "runeflow/model/json_text.h"
+#include "runeflow/model/json_text_p.h"
+#include "runeflow/platform/app_log_p.h"
 #include "runeflow/store/event_store.h"
 
 namespace runeflow {

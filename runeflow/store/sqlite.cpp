@@ -1,12 +1,11 @@
-#include "runeflow/store/sqlite.h"
-
 #include <sqlite3.h>
 
 #include <string_view>
 #include <utility>
 
-#include "runeflow/platform/overloaded.h"
+#include "runeflow/platform/overloaded_p.h"
 #include "runeflow/query/log_query.h"
+#include "runeflow/store/sqlite_p.h"
 
 namespace runeflow {
 namespace {

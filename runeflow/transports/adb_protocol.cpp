@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "runeflow/platform/unicode.h"
+#include "runeflow/platform/unicode_p.h"
 #include "runeflow/transports/adb_protocol_p.h"
 
 namespace runeflow::ADBTransport {

@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "runeflow/platform/file_descriptor.h"
-#include "runeflow/platform/overloaded.h"
+#include "runeflow/platform/overloaded_p.h"
 #include "runeflow/transports/adb_protocol_p.h"
 #include "runeflow/transports/socket_transport.h"
 

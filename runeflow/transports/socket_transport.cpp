@@ -12,7 +12,7 @@
 #include <memory>
 #include <system_error>
 
-#include "runeflow/platform/overloaded.h"
+#include "runeflow/platform/overloaded_p.h"
 #include "runeflow/transports/socket_transport_p.h"
 
 namespace runeflow::SocketTransport {

@@ -2,10 +2,7 @@
 #pragma once
 
 #include <array>
-#include <chrono>
 #include <cstdint>
-
-#include "runeflow/model/log_row.h"
 
 namespace runeflow {
 
@@ -40,7 +37,8 @@ class LocalTimeZone {
   std::array<Cached, 2> cached_;  // for even and odd hours: lines around a full hour need both
 };
 
-// The calendar year of an instant in local time.
-std::int64_t localYear(Timestamp timestamp);
+// The calendar year of an instant in local time. NaN is taken for 1970, and an instant beyond the
+// range of the system's calendar for its nearest end.
+std::int64_t localYear(double secondsSinceEpoch);
 
 }  // namespace runeflow

@@ -1,4 +1,4 @@
-#include "runeflow/capture/app_log.h"
+#include "runeflow/platform/app_log.h"
 
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/base_sink.h>
@@ -9,7 +9,7 @@
 #include <mutex>
 #include <string>
 
-#include "runeflow/capture/app_log_p.h"
+#include "runeflow/platform/app_log_p.h"
 
 namespace runeflow::AppLog {
 namespace {

@@ -65,14 +65,14 @@ inline bool isAsciiByte(char byte) {
 }
 
 // standsAlone beside a byte that is not ASCII.
-bool standsAloneAmongOthers(std::string_view text, std::size_t position);
+bool standsAloneBesideNonAscii(std::string_view text, std::size_t position);
 
 // True when the printable ASCII byte at `position` of a valid UTF-8 text is a character by itself,
 // neither carrying a combining mark nor joined to what stands before it.
 inline bool standsAlone(std::string_view text, std::size_t position) {
   const bool isFree = (position == 0 || isAsciiByte(text[position - 1])) &&
                       (position + 1 >= text.size() || isAsciiByte(text[position + 1]));
-  return isFree || standsAloneAmongOthers(text, position);
+  return isFree || standsAloneBesideNonAscii(text, position);
 }
 
 // The pieces between white-space characters, empty ones dropped. Views into `text`.

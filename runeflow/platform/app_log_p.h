@@ -5,7 +5,7 @@
 
 #include <utility>
 
-#include "runeflow/capture/app_log.h"
+#include "runeflow/platform/app_log.h"
 
 namespace runeflow::AppLog {
 
