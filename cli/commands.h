@@ -1,17 +1,77 @@
-// The subcommands of `runeflow`. Each adds itself to the application and, when it was chosen, runs
-// in the application's callback and leaves its exit code behind: 0 done, 1 nothing matched.
-// Failures are thrown as cli::Failure.
+// The subcommands of `runeflow`: the options of each, and the function that runs it. Each function
+// returns the exit code: 0 done, 1 nothing matched, 2 input or records were lost. It throws
+// host::Failure for everything else.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace cli {
 
-void addCaptureCommand(CLI::App& app, int& exitCode);
-void addQueryCommand(CLI::App& app, int& exitCode);
-void addValuesCommand(CLI::App& app, int& exitCode);
-void addInfoCommand(CLI::App& app, int& exitCode);
-void addClearCommand(CLI::App& app, int& exitCode);
-void addSourcesCommand(CLI::App& app, int& exitCode);
+struct CaptureOptions {
+  std::vector<std::string> files;
+  std::string database;
+  std::string format;  // empty if the first bytes of the files tell
+  std::optional<std::int64_t> maxBytes;
+  std::string dltTarget;
+  std::string adbTarget;
+  std::string serial;
+  std::string command = "logcat -v threadtime -b all";
+  bool isAdb = false;
+  bool reconnects = false;
+
+  bool isLive() const { return isAdb || !dltTarget.empty(); }
+};
+
+struct QueryOptions {
+  std::string database;
+  std::string text;
+  std::string source;  // empty if the indexes tell, here and below
+  std::optional<std::int64_t> after;
+  std::optional<std::int64_t> first;
+  std::optional<std::int64_t> last;
+  bool counts = false;
+  bool follows = false;
+  bool matchCase = false;
+  bool isJson = false;
+  bool isCsv = false;
+  bool showsPlan = false;
+  bool usesPager = false;
+};
+
+struct ValuesOptions {
+  std::string database;
+  std::string field;
+  std::string matching;
+  std::string prefix;
+  std::string source;
+  std::int32_t limit = 20;
+  bool isJson = false;
+};
+
+struct InfoOptions {
+  std::string database;
+  std::string source;
+  bool isJson = false;
+};
+
+struct ClearOptions {
+  std::string database;
+  std::string source;
+  bool isSure = false;
+};
+
+struct SourcesOptions {
+  bool isJson = false;
+};
+
+int capture(const CaptureOptions& options);
+int query(const QueryOptions& options);
+int values(const ValuesOptions& options);
+int info(const InfoOptions& options);
+int clear(const ClearOptions& options);
+int sources(const SourcesOptions& options);
 
 }  // namespace cli

@@ -1,15 +1,15 @@
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <iostream>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 
 #include "commands.h"
-#include "database.h"
-#include "failure.h"
+#include "host/database.h"
+#include "host/failure.h"
 #include "json_line.h"
 #include "level_counts.h"
 #include "record_printer.h"
@@ -94,7 +94,8 @@ void printText(const std::string& path, const runeflow::SourceDescriptor& descri
 }
 
 bool hasConsent(const std::string& path, std::int64_t records) {
-  if (::isatty(STDIN_FILENO) != 1) fail("clearing {} needs --yes when nobody can be asked", path);
+  if (::isatty(STDIN_FILENO) != 1)
+    host::fail("clearing {} needs --yes when nobody can be asked", path);
   fmt::print(stderr, "Delete {} of {}? [y/N] ", counted(records, "record"), path);
   std::string answer;
   if (!std::getline(std::cin, answer)) fmt::print(stderr, "\n");
@@ -105,56 +106,31 @@ bool hasConsent(const std::string& path, std::int64_t records) {
 
 }  // namespace
 
-void addInfoCommand(CLI::App& app, int& exitCode) {
-  auto* command = app.add_subcommand("info", "Describe a database");
-  struct Options {
-    std::string database;
-    std::string source;
-    bool isJson = false;
-  };
-  auto options = std::make_shared<Options>();
-  command->add_option("DB", options->database, "The database")->required()->type_name("");
-  command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say")
-      ->type_name("KIND");
-  command->add_flag("--json", options->isJson, "One JSON object");
-  command->callback([=, &exitCode] {
-    auto store = openDatabase(options->database, options->source);
-    const auto summary = summarise(store, options->database);
-    if (options->isJson) {
-      printJson(options->database, summary);
-    } else {
-      printText(options->database, store.descriptor(), summary);
-    }
-    exitCode = 0;
-  });
+int info(const InfoOptions& options) {
+  auto store = host::openDatabase(options.database, options.source);
+  const auto summary = summarise(store, options.database);
+  if (options.isJson) {
+    printJson(options.database, summary);
+  } else {
+    printText(options.database, store.descriptor(), summary);
+  }
+  return 0;
 }
 
-void addClearCommand(CLI::App& app, int& exitCode) {
-  auto* command = app.add_subcommand("clear", "Delete every record of a database");
-  struct Options {
-    std::string database;
-    std::string source;
-    bool isSure = false;
-  };
-  auto options = std::make_shared<Options>();
-  command->add_option("DB", options->database, "The database")->required()->type_name("");
-  command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say")
-      ->type_name("KIND");
-  command->add_flag("--yes", options->isSure, "Do not ask");
-  command->callback([=, &exitCode] {
-    auto store = openDatabase(options->database, options->source);
-    exitCode = 0;
-    const auto records = store.count();
-    if (records > 0 && !options->isSure && !hasConsent(options->database, records)) return;
-    const auto oldest = store.minSeq();
-    const auto newest = store.maxSeq();
-    store.clear();
-    // A capture may have stored new records since, but with numbers from 1 on.
-    if (records > 0 && store.minSeq() == oldest && store.maxSeq() >= newest) {
-      fail("could not clear {}; is it read-only, or held by another program?", options->database);
-    }
-    fmt::print(stderr, "runeflow: {} deleted\n", counted(records, "record"));
-  });
+int clear(const ClearOptions& options) {
+  auto store = host::openDatabase(options.database, options.source);
+  const auto records = store.count();
+  if (records > 0 && !options.isSure && !hasConsent(options.database, records)) return 0;
+  const auto oldest = store.minSeq();
+  const auto newest = store.maxSeq();
+  store.clear();
+  // A capture may have stored new records since, with numbers from 1 on.
+  if (records > 0 && store.minSeq() == oldest && store.maxSeq() >= newest) {
+    host::fail("could not clear {}; is it read-only, or held by another program?",
+               options.database);
+  }
+  fmt::print(stderr, "runeflow: {} deleted\n", counted(records, "record"));
+  return 0;
 }
 
 }  // namespace cli

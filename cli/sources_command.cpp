@@ -1,12 +1,12 @@
+#include <fmt/format.h>
+
 #include <algorithm>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "commands.h"
-#include "failure.h"
 #include "json_line.h"
 #include "runeflow/devices/device_catalog.h"
 #include "runeflow/transports/adb_transport.h"
@@ -112,22 +112,17 @@ void printTable(const std::vector<Source>& sources) {
 
 }  // namespace
 
-void addSourcesCommand(CLI::App& app, int& exitCode) {
-  auto* command = app.add_subcommand("sources", "List where logs can come from");
-  auto isJson = std::make_shared<bool>(false);
-  command->add_flag("--json", *isJson, "One JSON object a line");
-  command->callback([=, &exitCode] {
-    std::vector<Source> sources;
-    add(sources, {SourceRef::thisMac()});
-    addApple(sources);
-    addAndroid(sources);
-    if (*isJson) {
-      for (const auto& source : sources) printJson(source);
-    } else {
-      printTable(sources);
-    }
-    exitCode = 0;
-  });
+int sources(const SourcesOptions& options) {
+  std::vector<Source> sources;
+  add(sources, {SourceRef::thisMac()});
+  addApple(sources);
+  addAndroid(sources);
+  if (options.isJson) {
+    for (const auto& source : sources) printJson(source);
+  } else {
+    printTable(sources);
+  }
+  return 0;
 }
 
 }  // namespace cli

@@ -1,11 +1,11 @@
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cctype>
-#include <memory>
 #include <nlohmann/json.hpp>
 
 #include "commands.h"
-#include "database.h"
-#include "failure.h"
+#include "host/database.h"
 #include "json_line.h"
 #include "level_counts.h"
 #include "record_printer.h"
@@ -22,16 +22,6 @@ using runeflow::ValueCount;
 namespace {
 
 constexpr std::size_t kWidestValue = 40;
-
-struct ValuesOptions {
-  std::string database;
-  std::string field;
-  std::string matching;
-  std::string prefix;
-  std::string source;
-  std::int32_t limit = 20;
-  bool isJson = false;
-};
 
 // The library counts values over all records only; among matching ones each value is counted by
 // itself.
@@ -89,37 +79,18 @@ void printValues(const std::vector<ValueCount>& values, bool isJson) {
   }
 }
 
+}  // namespace
+
 int values(const ValuesOptions& options) {
-  auto store = openDatabase(options.database, options.source);
-  const auto& field = fieldNamed(store.descriptor(), options.field);
+  auto store = host::openDatabase(options.database, options.source);
+  const auto& field = host::fieldNamed(store.descriptor(), options.field);
   const auto matching = runeflow::QueryParser::parse(options.matching, store.descriptor(), false);
-  requireThatSqliteTakes(store, matching, options.database);
+  host::failIfRefused(store, matching, options.database);
   const bool isLevel = field.column() == runeflow::StoreColumn::level();
   const auto counted = isLevel ? levelValues(store, matching, options)
                                : slotValues(store, field.column(), matching, options);
   printValues(counted, options.isJson);
   return counted.empty() ? 1 : 0;
-}
-
-}  // namespace
-
-void addValuesCommand(CLI::App& app, int& exitCode) {
-  auto* command = app.add_subcommand("values", "Print the most frequent values of a field");
-  auto options = std::make_shared<ValuesOptions>();
-  command->add_option("DB", options->database, "The database")->required()->type_name("");
-  command->add_option("FIELD", options->field, "Such as tag, pid, app or level")
-      ->required()
-      ->type_name("");
-  command->add_option("--matching", options->matching, "Only records that match this query")
-      ->type_name("QUERY");
-  command->add_option("--prefix", options->prefix, "Only values that begin so");
-  command->add_option("--limit", options->limit, "At most N values; negative for all")
-      ->type_name("N")
-      ->capture_default_str();
-  command->add_option("--source", options->source, "logcat or dlt, when the indexes do not say")
-      ->type_name("KIND");
-  command->add_flag("--json", options->isJson, "One JSON object a line");
-  command->callback([=, &exitCode] { exitCode = values(*options); });
 }
 
 }  // namespace cli

@@ -174,7 +174,7 @@ TEST_F(Command, whatCannotBeDoneIsOneSentenceAndExitCodeTwo) {
       {"capture rec.dlt --db a.db", "a.db already holds logcat records"},
       {"capture a.log rec.dlt --db b.db", "a.log holds logcat records but rec.dlt holds dlt"},
       {"capture a.log --db text", "text is not a database"},
-      {"capture a.log --db b.db --max-bytes 9999999999G", "'9999999999G' is no size"},
+      {"capture a.log --db b.db --max-bytes 9999999999G", "'9999999999G' is not a size"},
       {"capture a.log --db b.db --reconnect", "--reconnect goes with --dlt or --adb"},
       {"capture --db b.db", "name what to capture"},
       {"capture --dlt 127.0.0.1:0 --db b.db", "no valid port"},
@@ -188,7 +188,7 @@ TEST_F(Command, whatCannotBeDoneIsOneSentenceAndExitCodeTwo) {
       {"query a.db x --frist 1", "there is no option --frist"},
       {"values a.db tag --matching \"$(yes NOT | head -n 60)x\"",
        "deeper groups than SQLite takes"},
-      {"query a.db x --first -1", "'-1' is no whole number from 1 on"},
+      {"query a.db x --first -1", "'-1' is not a whole number of 1 or more"},
       {"nonsense", "see --help"},
   };
   for (const auto& [arguments, names] : table) {

@@ -21,13 +21,14 @@ using dlt::Bytes;
 using dlt::load;
 
 constexpr std::size_t kStorageHeaderSize = 16;
-constexpr std::size_t kStandardHeaderSize = 4;  // without its optional fields
-constexpr std::size_t kOptionalFieldSize = 4;   // ECU ID, session ID and timestamp alike
+constexpr std::size_t kStandardHeaderSize = 4;  // without the optional fields
+constexpr std::size_t kOptionalFieldSize = 4;   // the same for ECU ID, session ID and timestamp
 constexpr std::size_t kExtendedHeaderSize = 10;
 
-// DLT standard header, HTYP.
+// DLT standard header, HTYP. The byte order bit applies to the payload; the standard and extended
+// headers are always big-endian.
 constexpr std::uint8_t kUseExtendedHeader = 1U << 0;
-constexpr std::uint8_t kMostSignificantByteFirst = 1U << 1;  // of the payload; headers always are
+constexpr std::uint8_t kMostSignificantByteFirst = 1U << 1;
 constexpr std::uint8_t kWithEcuId = 1U << 2;
 constexpr std::uint8_t kWithSessionId = 1U << 3;
 constexpr std::uint8_t kWithTimestamp = 1U << 4;
@@ -35,11 +36,11 @@ constexpr std::uint8_t kWithTimestamp = 1U << 4;
 // DLT extended header, MSIN: bit 0 VERB, bits 1 to 3 MSTP, bits 4 to 7 MTIN.
 constexpr std::uint8_t kVerbose = 1U << 0;
 
-// What the next bytes of a stream are, by their lengths alone.
+// The extent of the next message of a stream, judged by its length field alone.
 struct Frame {
-  std::size_t size;         // how far to move on, once the stream holds that many bytes
-  std::size_t storageSize;  // of the storage header; 0 when there is none
-  // Otherwise the bytes are to be skipped.
+  std::size_t size;         // bytes to take off the stream once it holds that many
+  std::size_t storageSize;  // of the storage header; 0 if there is none
+  // If false, the bytes are skipped.
   bool holdsMessage() const { return size - storageSize >= kStandardHeaderSize; }
 };
 
@@ -92,7 +93,7 @@ std::size_t headersSize(std::uint8_t headerType) {
   return headerType & kUseExtendedHeader ? size + kExtendedHeaderSize : size;
 }
 
-// Absent when the header fields that HTYP announces do not fit into the message.
+// Absent if the header fields that HTYP announces do not fit into the message.
 std::optional<Message> readMessage(Bytes bytes) {
   const std::uint8_t headerType = bytes[0];
   const std::size_t headers = headersSize(headerType);
@@ -125,8 +126,9 @@ bool isAscii(std::uint32_t fourBytes) {
   return (fourBytes & 0x8080'8080U) == 0;
 }
 
-// The slots of one message, as views of its bytes and of what is made of them here. A text here is
-// at most 12 bytes long, all of them fit into what the buffer holds in place, so it never moves.
+// The slots of one message. They are views into the bytes of the message and into `texts_`, valid
+// until the next read(). A text in `texts_` has at most 12 bytes. All texts of a message fit into
+// the buffer's inline storage, and therefore `texts_` never moves.
 class SlotTexts {
  public:
   SlotTexts() = default;
@@ -148,7 +150,7 @@ class SlotTexts {
   }
 
  private:
-  // Absent when nothing but padding is there.
+  // Absent if the field holds only padding.
   LogRow::Slot identifier(Bytes field) {
     std::size_t size = field.size();
     while (size > 0 && (field[size - 1] == '\0' || field[size - 1] == ' ')) --size;
@@ -169,7 +171,8 @@ class SlotTexts {
     return keep({digits.data(), digits.size()});
   }
 
-  // Units of 0.1 ms as seconds with four decimals, without the detour over binary fractions.
+  // Formats a number of 0.1 ms units as seconds with four decimals. Integer arithmetic keeps the
+  // decimals exact.
   std::string_view seconds(std::uint32_t timestamp) {
     constexpr std::uint32_t perSecond = 10'000;
     const fmt::format_int seconds(timestamp / perSecond);
@@ -229,9 +232,9 @@ void appendRow(std::vector<LogRow>& rows, Bytes storageHeader, Bytes bytes, cons
       slots.read(*message, storageHeader));
 }
 
-// Takes the complete messages off the front of the stream.
+// Decodes the complete messages at the front of `stream` and takes them off it.
 void decode(Bytes& stream, const Clock& now, std::vector<LogRow>& rows) {
-  constexpr std::size_t kMostRowsReserved = 4096;  // a message may still turn out to be none
+  constexpr std::size_t kMostRowsReserved = 4096;  // a counted message may still give no record
   rows.reserve(std::min(kMostRowsReserved, countMessages(stream)));
   SlotTexts slots;
   for (Frame frame = cutFrame(stream); frame.size <= stream.size(); frame = cutFrame(stream)) {

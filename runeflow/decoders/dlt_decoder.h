@@ -1,9 +1,14 @@
-// The AUTOSAR Diagnostic Log and Trace (DLT) byte format as records: what a DLT daemon serves over
-// TCP, and recordings in which a storage header precedes every message. Both kinds may be mixed
-// message by message.
-//
-// The rows suit SourceDescriptor::dlt(): ECU, application, context, message type, counter, session
-// and ECU timestamp in slots 0 to 6.
+/// \file
+/// Decodes the AUTOSAR Diagnostic Log and Trace (DLT) byte format into records.
+///
+/// The decoder reads the stream that a DLT daemon serves over TCP, and recordings, in which a
+/// storage header precedes every message. One stream may mix messages with and without a storage
+/// header.
+///
+/// The records fit SourceDescriptor::dlt(): slots 0 to 6 hold the ECU, application, context,
+/// message type, counter, session and ECU timestamp. The ECU timestamp is in seconds, with four
+/// decimals. The time of a record comes from the storage header, if there is one. Messages of type
+/// Log keep their level; all others have level Info.
 #pragma once
 
 #include <cstddef>
@@ -15,23 +20,28 @@
 
 namespace runeflow {
 
-// Keeps the bytes of at most one unfinished message (16 + 65,535) between calls.
+/// Decodes one DLT stream. Between calls it keeps at most one unfinished message: a storage header
+/// of 16 bytes and a message of up to 65,535 bytes.
 class DLTDecoder final : public RowDecoder {
  public:
-  // `now` dates the messages that have no storage header; it is called once for each such row.
+  /// Makes a decoder for a new stream. The decoder calls `now` once for each record whose message
+  /// has no storage header, and uses the result as the record's time.
   explicit DLTDecoder(Clock now);
 
-  // How many bytes of a stream looksLikeRecording() examines at most.
+  /// Returns the records of the messages that `bytes` completes.
+  ///
+  /// A message whose headers do not fit into its own length is skipped whole. A length below the 4
+  /// bytes of the standard header means that the decoder has lost the message boundary: it skips
+  /// one byte (and the storage header before it, if there is one) and tries again. The version bits
+  /// in the HTYP byte of the standard header are ignored.
+  std::vector<LogRow> consume(std::span<const std::uint8_t> bytes) override;
+
+  /// The largest number of bytes at the start of a stream that looksLikeRecording() examines.
   static constexpr std::size_t sampleSize = 4;
 
-  // Whether a stream begins with a storage header, as every recording does. What a daemon serves
-  // has none and is not recognised.
+  /// Returns true if `bytes`, the start of a stream, begin with a storage header, as every
+  /// recording does. The stream of a daemon has no storage headers and is not recognized.
   static bool looksLikeRecording(std::span<const std::uint8_t> bytes);
-
-  // A message whose headers do not fit into its own length is dropped whole. A length below that of
-  // the standard header means that the stream is out of step: one byte is dropped (after a storage
-  // header, if one stands there) and reading goes on. The version bits are not examined.
-  std::vector<LogRow> consume(std::span<const std::uint8_t> bytes) override;
 
  private:
   std::vector<std::uint8_t> carry_;

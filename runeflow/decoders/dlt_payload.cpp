@@ -14,9 +14,9 @@
 namespace runeflow::dlt {
 namespace {
 
-// DLT type info of a verbose argument. The bits of arrays, fixed points, trace infos, structures
-// and string codings are not looked at.
-constexpr std::uint32_t kTypeLength = 0xf;  // TYLE: 1 to 4 for 8 to 64 bits
+// DLT type info of a verbose argument. The bits for arrays, fixed-point numbers, trace info,
+// structures and string coding are ignored.
+constexpr std::uint32_t kTypeLength = 0xf;  // TYLE: 1, 2, 3 and 4 mean 8, 16, 32 and 64 bits
 constexpr std::uint32_t kBool = 1U << 4;
 constexpr std::uint32_t kSigned = 1U << 5;
 constexpr std::uint32_t kUnsigned = 1U << 6;
@@ -37,7 +37,7 @@ using Value = std::variant<bool, std::uint64_t, std::int64_t, float, double, Str
 
 struct Argument {
   Value value;
-  std::size_t size;  // of its data, length field included
+  std::size_t size;  // bytes of its data, including a length field
 };
 
 std::uint64_t loadUnsigned(Bytes bytes, std::size_t size, std::endian order) {
@@ -86,9 +86,9 @@ std::optional<Argument> readText(std::uint32_t typeInfo, Bytes data, std::endian
 }
 
 std::optional<Argument> readArgument(std::uint32_t typeInfo, Bytes data, std::endian order) {
-  if (typeInfo & kVariableInfo) return std::nullopt;  // a name and a unit would come first
+  if (typeInfo & kVariableInfo) return std::nullopt;  // its data begins with a name and a unit
   if (typeInfo & (kString | kRaw)) return readText(typeInfo, data, order);
-  if (typeInfo & kBool) {  // whatever its length and the other types say
+  if (typeInfo & kBool) {  // one byte, whatever TYLE and the number bits say
     if (data.empty()) return std::nullopt;
     return Argument{data[0] != 0, 1};
   }
@@ -104,12 +104,13 @@ void appendInteger(TextBuffer& text, std::integral auto number) {
   text.append(digits.data(), digits.data() + digits.size());
 }
 
-// The shortest text that reads back to the same value, whatever the locale; whole numbers keep a
-// ".0" that tells them from integers.
+// Appends the shortest text that reads back to the same value, independent of the locale. Whole
+// numbers get a ".0" to distinguish them from integers.
 void appendFloat(TextBuffer& text, std::floating_point auto number) {
-  if (std::isnan(number)) return append(text, "nan");  // its sign says nothing
+  if (std::isnan(number)) return append(text, "nan");  // the sign of a NaN has no meaning
 
-  // Beyond these bounds fixed notation would show digits that the type does not hold.
+  // From kLargest on, fixed notation would show digits beyond the precision of the type; below
+  // kSmallest it would show long runs of zeros.
   using Float = decltype(number);
   constexpr Float kSmallest{static_cast<Float>(1e-4)};
   constexpr Float kLargest{static_cast<Float>(sizeof(Float) == sizeof(float) ? 1 << 24 : 1e16)};

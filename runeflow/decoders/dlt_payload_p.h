@@ -1,4 +1,5 @@
-// The payload of a DLT message as text. Every reader here stays inside the bytes it is given.
+// Formats the payload of a DLT message as text. No function here reads beyond the bytes that it is
+// given, except load(), whose caller checks the size.
 #pragma once
 
 #include <fmt/format.h>
@@ -14,10 +15,10 @@ namespace runeflow::dlt {
 
 using Bytes = std::span<const std::uint8_t>;
 
-// Messages are written here first, so that a row allocates its text once and at its exact size.
+// Collects the text of a message, so that the record allocates it once and at its exact size.
 using TextBuffer = fmt::memory_buffer;
 
-// The number that `bytes` begins with; there must be enough of them.
+// Returns the number at the start of `bytes`, which must hold at least sizeof(T) bytes.
 template <std::unsigned_integral T>
 T load(Bytes bytes, std::endian order) {
   T value{};
@@ -29,15 +30,16 @@ inline std::string_view asText(Bytes bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-// The arguments' texts joined by single spaces. `argumentCount` 0 means as many as there are. What
-// cannot be read ends the text with a hex preview of the bytes behind its type info.
+// Appends the texts of the arguments, joined by single spaces. An `argumentCount` of 0 means all
+// arguments that the payload holds. An argument that cannot be decoded ends the text. A hex preview
+// of the bytes after its type info, if there are any, takes its place.
 void appendVerbose(TextBuffer& text, Bytes payload, unsigned argumentCount, std::endian order);
 
-// The message ID, and the number of the bytes behind it, which only the sender's own description
-// could explain.
+// Appends the message ID and the number of bytes after it. Only the sender's own message
+// description could decode those bytes.
 void appendNonVerbose(TextBuffer& text, Bytes payload, std::endian order);
 
-// "0a ff"; at most 64 bytes, with an ellipsis for the rest.
+// Appends the bytes in hex ("0a ff"): at most the first 64, with an ellipsis for the rest.
 void appendHexPreview(TextBuffer& text, Bytes bytes);
 
 }  // namespace runeflow::dlt

@@ -20,7 +20,7 @@ std::string_view asText(std::span<const std::uint8_t> bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-// The fields of one line, as parts of it.
+// The fields of one line. The texts are views into the line.
 struct Parsed {
   Timestamp timestamp;
   std::string_view pid;
@@ -30,13 +30,13 @@ struct Parsed {
   std::string_view message;
 };
 
-// Separators count only as characters of their own: a space with a combining mark separates
-// nothing.
+// Returns true if `wanted` is a whole user-perceived character at `position`. A space with a
+// combining mark, for example, is not a separator.
 bool isCharacter(std::string_view text, std::size_t position, char wanted) {
   return text[position] == wanted && unicode::standsAlone(text, position);
 }
 
-// By hand, because fields are shorter than what a call of memchr costs.
+// A plain loop: fields are so short that a call of memchr would cost more.
 std::size_t findCharacter(std::string_view text, char wanted) {
   for (std::size_t position = 0; position < text.size(); ++position) {
     if (isCharacter(text, position, wanted)) return position;
@@ -48,7 +48,7 @@ void skipSpaces(std::string_view& text) {
   while (!text.empty() && isCharacter(text, 0, ' ')) text.remove_prefix(1);
 }
 
-// Cuts the next field off `text`; empty at its end.
+// Takes the next field off `text`. Returns an empty view at the end of the text.
 std::string_view takeField(std::string_view& text) {
   skipSpaces(text);
   const auto field = text.substr(0, findCharacter(text, ' '));
@@ -56,7 +56,8 @@ std::string_view takeField(std::string_view& text) {
   return field;
 }
 
-// The pieces between the separators, empty ones kept; absent unless there are exactly N.
+// Returns the pieces between the separators, including empty pieces. Absent unless there are
+// exactly N pieces.
 template <std::size_t N>
 std::optional<std::array<std::string_view, N>> splitInto(std::string_view text, char separator) {
   std::array<std::string_view, N> pieces;
@@ -85,7 +86,7 @@ bool isInteger(std::string_view text) {
   return !digits.empty() && std::ranges::all_of(digits, isDigit);
 }
 
-// Absent as well when the number does not fit.
+// Absent if the text is not an integer or the number does not fit into 64 bits.
 std::optional<std::int64_t> toInteger(std::string_view text) {
   if (!isInteger(text)) return std::nullopt;
   if (text[0] == '+') text.remove_prefix(1);
@@ -101,8 +102,8 @@ std::optional<std::int64_t> toIntegerWithin(std::string_view text, std::int64_t 
   return number && *number >= first && *number <= last ? number : std::nullopt;
 }
 
-// What stands after the second's full stop: a whole number of milliseconds; anything that is not
-// one counts as 0. Absent when it is one that nanoseconds in 64 bits cannot hold.
+// Reads `fraction`, the text after the full stop of the seconds, as a whole number of milliseconds.
+// Any other text counts as 0. Absent if the number, in nanoseconds, does not fit into 64 bits.
 std::optional<std::int64_t> toMilliseconds(std::string_view fraction) {
   constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max() / 1'000'000;
   if (!isInteger(fraction)) return 0;
@@ -118,7 +119,7 @@ struct DateAndTime {
   std::int64_t milliseconds;
 };
 
-// Sets second and milliseconds.
+// Sets the second and the milliseconds of `result`. Returns false if either is out of range.
 bool readSeconds(std::string_view text, DateAndTime& result) {
   const auto second = toIntegerWithin(text.substr(0, findCharacter(text, '.')), 0, 61);
   const auto pieces = splitInto<2>(text, '.');
@@ -143,15 +144,16 @@ std::optional<DateAndTime> readDateAndTime(std::string_view dateField, std::stri
   return result;
 }
 
-// The number of two digits at `at`, or one too large for any field of a time.
+// Returns the two-digit number at `at`. Without two digits there, returns a number too large for
+// any field of a time.
 std::int64_t twoDigits(std::string_view text, std::size_t at) {
   constexpr std::int64_t kNone = 100;
   return isDigit(text[at]) && isDigit(text[at + 1]) ? (text[at] - '0') * 10 + (text[at + 1] - '0')
                                                     : kNone;
 }
 
-// Reads the first two fields as logcat itself prints them, "MM-DD hh:mm:ss.mmm ", and takes them
-// off `text`. Absent, with `text` as it was, when they have any other form, good or bad.
+// Reads the first two fields in the exact form that logcat prints, "MM-DD hh:mm:ss.mmm ", and takes
+// them off `text`. Absent, with `text` unchanged, if they have any other form, even a valid one.
 std::optional<DateAndTime> takeUsualDateAndTime(std::string_view& text) {
   constexpr std::size_t kSize = 19;
   if (text.size() <= kSize) return std::nullopt;
@@ -180,7 +182,7 @@ Timestamp toTimestamp(const DateAndTime& time, std::int64_t year, LocalTimeZone&
   const auto whole = zone.secondsSinceEpoch({year, static_cast<unsigned>(time.month),
                                              static_cast<unsigned>(time.day), time.hour,
                                              time.minute, time.second});
-  // One division of whole numbers, so that the result is the double nearest to the millisecond.
+  // A single division of whole numbers gives the double nearest to the exact millisecond.
   const auto milliseconds = static_cast<double>(whole * 1000 + time.milliseconds);
   return Timestamp(std::chrono::duration<double>(milliseconds / 1000));
 }
@@ -258,8 +260,8 @@ std::optional<Parsed> parse(std::string_view text, std::int64_t year, LocalTimeZ
   return Parsed{toTimestamp(*time, year, zone), pid, tid, *level, tag, message};
 }
 
-// Calls `use` with every complete line that may hold a record, until it returns false. Gives the
-// number of bytes up to and including the last line feed seen.
+// Calls `use` with every complete line except empty lines and banners, without its line end, until
+// `use` returns false. Returns the number of bytes up to and including the last line feed found.
 template <class Use>
 std::size_t forEachLine(std::string_view bytes, Use use) {
   std::size_t start = 0;
@@ -291,7 +293,7 @@ std::vector<LogRow> LogcatDecoder::consume(std::span<const std::uint8_t> bytes) 
     return true;
   };
   if (!carry_.empty()) {
-    // Only the new bytes are searched: the carry holds no line feed.
+    // Only the new bytes are searched, because the carry holds no line feed.
     const auto end = input.find('\n');
     const auto restOfLine = input.substr(0, end == std::string_view::npos ? end : end + 1);
     carry_ += restOfLine;
@@ -325,7 +327,7 @@ void LogcatDecoder::appendRow(std::string_view text, std::vector<LogRow>& rows) 
 }
 
 bool LogcatDecoder::looksLikeThreadtime(std::span<const std::uint8_t> bytes) {
-  constexpr std::int64_t kLeapYear = 2000;  // so that 29 February is a day like any other
+  constexpr std::int64_t kLeapYear = 2000;  // 29 February needs no rollover
   LocalTimeZone zone;
   bool found = false;
   forEachLine(asText(bytes.first(std::min(bytes.size(), sampleSize))), [&](std::string_view line) {

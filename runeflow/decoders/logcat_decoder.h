@@ -1,16 +1,20 @@
-// Android logcat text in its threadtime layout, one record a line:
-//
-//   12-31 23:59:59.999  1234  5678 I ActivityManager: Start proc
-//
-// fills SourceDescriptor::logcat(): tag in s0, PID in s1, TID in s2. Dates carry no year: they are
-// read as local times of this machine, in the year in which the decoder was made. Banners (lines
-// beginning with "-") and empty lines give no row; any other line that is not threadtime text
-// becomes a row of level Info with the whole line as its message and the current time. The last
-// line counts only with its line feed. Invalid UTF-8 becomes U+FFFD.
-//
-// A day that its month does not have rolls over into the next month. A fraction is a whole number
-// of milliseconds (".5" is 5 ms), which a sign may precede; a negative one lies before the second.
-// A fraction too large for 64-bit nanoseconds makes the line a raw row.
+/// \file
+/// Decodes Android logcat text in the threadtime format, one record per line:
+///
+///     12-31 23:59:59.999  1234  5678 I ActivityManager: Start proc
+///
+/// The records fit SourceDescriptor::logcat(): slot 0 holds the tag, slot 1 the process ID and slot
+/// 2 the thread ID. Invalid UTF-8 becomes U+FFFD.
+///
+/// Dates carry no year. They are read as local times of this machine, in the year in which the
+/// decoder was made. A day that its month does not have rolls over into the next month. The
+/// fraction is a whole number of milliseconds (".5" is 5 ms). A sign may precede it; a negative
+/// fraction lies before the second. A fraction that is not a whole number counts as 0.
+///
+/// Empty lines and banners (lines that begin with "-") give no record. Any other line that is not
+/// threadtime text gives a raw row: a record of level Info with the whole line as its message and
+/// the current time. A fraction too large for 64-bit nanoseconds also makes the line a raw row. The
+/// last line of a stream is lost unless a line feed ends it.
 #pragma once
 
 #include <cstddef>
@@ -27,27 +31,31 @@ namespace runeflow {
 
 class LocalTimeZone;
 
+/// Decodes one logcat stream.
 class LogcatDecoder final : public RowDecoder {
  public:
-  // `now` gives the year, once, and the time of every line that is not threadtime text.
+  /// Makes a decoder for a new stream. Calls `now` once to learn the year of the dates. Later the
+  /// decoder calls it once for each raw row, whose time it gives.
   explicit LogcatDecoder(Clock now);
   ~LogcatDecoder() override;
 
-  // A stream without line feeds is kept until one comes, however long that takes.
+  /// Returns the records of the lines that `bytes` completes. The decoder keeps an unfinished line
+  /// without a limit on its length: a stream without line feeds grows it until memory runs out.
   std::vector<LogRow> consume(std::span<const std::uint8_t> bytes) override;
 
-  // How many bytes of a stream looksLikeThreadtime() examines at most.
+  /// The largest number of bytes at the start of a stream that looksLikeThreadtime() examines.
   static constexpr std::size_t sampleSize = 8'192;
 
-  // Whether the first `sampleSize` bytes of a stream hold a complete line of threadtime text.
+  /// Returns true if the first `sampleSize` bytes of `bytes`, the start of a stream, hold a
+  /// complete line of threadtime text, its line feed included.
   static bool looksLikeThreadtime(std::span<const std::uint8_t> bytes);
 
  private:
   void appendLine(std::string_view line, std::vector<LogRow>& rows);
   void appendRow(std::string_view text, std::vector<LogRow>& rows);
 
-  std::string carry_;             // what follows the last line feed
-  std::size_t expectedRows_ = 0;  // of the next piece, by those of the last
+  std::string carry_;             // the bytes after the last line feed
+  std::size_t expectedRows_ = 0;  // estimate for the next piece, from the rows of the last one
   Clock now_;
   std::int64_t year_;
   std::unique_ptr<LocalTimeZone> zone_;

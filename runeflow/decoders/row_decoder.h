@@ -1,4 +1,8 @@
-// Cuts a byte stream into records.
+/// \file
+/// The interface of the decoders, which cut a byte stream into log records.
+///
+/// LogcatDecoder and DLTDecoder implement it. A program that reads another format derives its own
+/// decoder and passes it to a CaptureSession, or calls consume() itself.
 #pragma once
 
 #include <cstdint>
@@ -10,21 +14,24 @@
 
 namespace runeflow {
 
-// One decoder reads one stream and is used by one thread at a time.
+/// Decodes one stream. An object may be used by one thread at a time.
 struct RowDecoder {
   RowDecoder() = default;
   RowDecoder(const RowDecoder&) = delete;
   RowDecoder& operator=(const RowDecoder&) = delete;
   virtual ~RowDecoder() = default;
 
-  // Takes the next piece of the stream, cut anywhere, and returns the records that it completes, in
-  // stream order. Never fails: what cannot be read becomes raw rows or is skipped, as each decoder
-  // says. Bytes of an unfinished record stay in the decoder; what it still holds when the stream
-  // ends is lost.
+  /// Takes the next piece of the stream, which may be cut at any byte. Returns the records that the
+  /// piece completes, in stream order.
+  ///
+  /// Never fails. Each decoder documents how it treats malformed input: it skips the bytes, or it
+  /// returns a raw row (a record whose message is the whole undecoded line). The decoder keeps the
+  /// bytes of an unfinished record until the next call. Bytes that it still keeps when the stream
+  /// ends are lost.
   virtual std::vector<LogRow> consume(std::span<const std::uint8_t> bytes) = 0;
 };
 
-// The current time as a decoder asks for it; called on the decoder's thread.
+/// Returns the current time. A decoder calls it on the thread that uses the decoder.
 using Clock = std::function<Timestamp()>;
 
 }  // namespace runeflow

@@ -9,8 +9,8 @@ using nlohmann::json;
 
 constexpr int kDeepestNesting = 512;
 
-// Whether a parser may be let loose on the bytes: it would spend memory on every bracket it has to
-// remember, and it takes a NUL for the end of the document.
+// Returns true if the parser can be run on `bytes` safely. Refuses deep nesting, because the parser
+// uses memory for every open bracket, and NULs, because it takes a NUL for the end of the document.
 bool isHarmless(std::span<const std::uint8_t> bytes) {
   int depth = 0;
   bool inString = false;
@@ -32,7 +32,8 @@ bool isHarmless(std::span<const std::uint8_t> bytes) {
   return true;
 }
 
-// Every reader below throws nlohmann's exceptions at a value of the wrong type or a missing key.
+// The readers below throw nlohmann's exceptions if a value has the wrong type or a required key is
+// missing.
 template <class T>
 void readOptional(const json& value, const char* key, std::optional<T>& field) {
   const auto& object = value.get_ref<const json::object_t&>();
@@ -52,7 +53,7 @@ std::optional<Document> decode(std::span<const std::uint8_t> bytes) {
 
 }  // namespace
 
-// NOLINTBEGIN(readability-identifier-naming): found by the JSON library.
+// NOLINTBEGIN(readability-identifier-naming): the JSON library looks for this name.
 static void from_json(const json& object, SimctlDeviceList::Device& device) {
   object.at("udid").get_to(device.udid);
   object.at("name").get_to(device.name);

@@ -1,8 +1,9 @@
-// The documents of the developer tools' device lists, as far as the catalog reads them.
+// The device lists that the developer tools print as JSON. The structures hold only the keys that
+// the catalog reads.
 //
-// Decoding is strict: keys are matched exactly, unknown ones are ignored, an optional key may be
-// missing or null, and a required key that is missing or a value of another type anywhere spoils
-// the whole document. Of a key that an object names twice the last value counts.
+// Decoding is strict. Keys are matched exactly, and unknown keys are ignored. An optional key may
+// be missing or null. A missing required key or a value of the wrong type anywhere makes the whole
+// document malformed. If an object repeats a key, the last value counts.
 #pragma once
 
 #include <cstdint>
@@ -56,8 +57,8 @@ struct DevicectlOutput {
   Result result;
 };
 
-// Absent when the bytes are not such a document: one JSON value in UTF-8, nested 512 levels deep at
-// most. Memory is in proportion to the bytes.
+// Both decoders expect one JSON value in UTF-8, nested at most 512 levels deep. Absent if the
+// document is malformed. Memory use is proportional to the size of the document.
 std::optional<SimctlDeviceList> decodeSimctlDeviceList(std::span<const std::uint8_t> bytes);
 std::optional<DevicectlOutput> decodeDevicectlOutput(std::span<const std::uint8_t> bytes);
 

@@ -32,8 +32,8 @@ Async<std::vector<SourceRef>> discover(bool enabled, std::vector<std::string> ar
   });
 }
 
-// std::string compares bytes as unsigned numbers, which for UTF-8 is the order of code points. A
-// list sorts stably, and without the deprecated function in libstdc++ 12's std::stable_sort.
+// std::string compares bytes as unsigned numbers, which for UTF-8 is the order of code points.
+// std::list::sort() is stable; libstdc++ 12's std::stable_sort calls a deprecated function.
 std::vector<SourceRef> sortedByName(std::list<SourceRef> sources) {
   sources.sort([](const SourceRef& a, const SourceRef& b) { return a.name < b.name; });
   return {std::make_move_iterator(sources.begin()), std::make_move_iterator(sources.end())};
@@ -143,7 +143,7 @@ std::vector<SourceRef> parseDevices(std::span<const std::uint8_t> data) {
 }
 
 std::string osLabel(std::string_view fromRuntimeKey) {
-  // Split from the left: of two markers that share a full stop the second is text.
+  // The split runs from the left. If two markers share a full stop, the second is ordinary text.
   std::string_view runtime;
   for (const auto piece : std::views::split(fromRuntimeKey, kRuntimeMarker))
     runtime = textOf(piece);

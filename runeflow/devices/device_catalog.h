@@ -1,11 +1,16 @@
-// Finds the Apple log sources a user can pick besides this machine: simulators that run, and
-// phones, tablets and the like known to the developer tools.
-//
-// The discover functions run the tools through xcrun and read the JSON they print; the parse
-// functions do the reading alone. Nothing is kept between calls, nothing is reported as an error: a
-// tool that is missing or fails, or prints what cannot be read, finds nothing. Every function may
-// be called on any thread, by several at once. Those that give an Async return at once and do their
-// work on a thread of their own (see platform/background.h), for as long as the tool takes.
+/// \file
+/// Finds the Apple log sources that a user can pick besides this machine: booted simulators, and
+/// the phones, tablets and other devices that the developer tools know.
+///
+///     const auto sources = DeviceCatalog::discoverSimulators(true).get();
+///
+/// The discover functions run the developer tools through /usr/bin/xcrun and read the JSON that the
+/// tools print. The parse functions only read JSON.
+///
+/// No function reports an error. If a tool is missing, fails or prints malformed JSON, the discover
+/// functions find nothing. Nothing is kept between calls. Any number of threads may call the
+/// functions at once. A function that returns an Async returns at once and runs the tool on a
+/// thread of its own (see platform/background.h), without a time limit.
 #pragma once
 
 #include <cstdint>
@@ -18,43 +23,55 @@
 #include "runeflow/model/source_ref.h"
 #include "runeflow/platform/background.h"
 
+/// Finds Apple simulators and devices.
 namespace runeflow::DeviceCatalog {
 
-using Bytes = std::vector<std::uint8_t>;
-
-// Whether xcrun finds the developer tool of that name.
-Async<bool> toolExists(std::string tool);
-
-// What "xcrun ARGUMENTS…" prints on its standard output; absent when it cannot be started or does
-// not exit with status 0.
-Async<std::optional<Bytes>> runJSON(std::vector<std::string> arguments);
-
-// The simulators that are booted. Runs nothing unless `enabled`.
+/// Finds the simulators that are booted. Runs no tool and finds none if `enabled` is false.
 Async<std::vector<SourceRef>> discoverSimulators(bool enabled);
 
-// The same from the output of "simctl list devices --json". Sorted by name, by code point; equal
-// names stay in the order of their runtime keys' bytes, then of the document. One malformed entry
-// anywhere, shown or not, and the result is empty.
-std::vector<SourceRef> parseSimulators(std::span<const std::uint8_t> data);
-
-// The physical devices except Macs. Runs nothing unless `enabled`.
+/// Finds the physical devices except Macs. Runs no tool and finds none if `enabled` is false.
 Async<std::vector<SourceRef>> discoverDevices(bool enabled);
 
-// The same from the output of "devicectl list devices --json-output". Sorted by name as above,
-// equal names in the order of the document; malformed entries as above. A device that the tool does
-// not identify gets a random id, another one on each call.
+/// Reads the simulators that are booted from `data`, the output of "simctl list devices --json".
+/// The result is empty if any entry is malformed, even an entry that would not be listed.
+///
+/// The result is sorted by name, in the order of code points. Simulators with equal names are in
+/// the byte order of their runtime keys, and within one runtime in the order of the document.
+std::vector<SourceRef> parseSimulators(std::span<const std::uint8_t> data);
+
+/// Reads the physical devices except Macs from `data`, the output of "devicectl list devices
+/// --json-output". The result is empty if any entry is malformed, even an entry that would not be
+/// listed.
+///
+/// The result is sorted by name, in the order of code points. Devices with equal names are in the
+/// order of the document. A device without an identifier in the document gets a random id, a
+/// different one on each call.
 std::vector<SourceRef> parseDevices(std::span<const std::uint8_t> data);
 
-// "com.apple.CoreSimulator.SimRuntime.iOS-17-2" is "iOS 17.2".
-std::string osLabel(std::string_view fromRuntimeKey);
-
-// The name a platform is sold under: "xrOS" is "visionOS", others are as they are.
-std::string displayPlatform(std::string_view platform);
-
-// Logs come only from a paired phone or tablet on a wire whose tunnel is up. An absent text fails.
+/// Returns true if logs can be streamed from a device: `platform` is "iOS" or "iPadOS" (a phone or
+/// tablet), `transportType` is "wired", `tunnelState` is "connected" and `pairingState` is
+/// "paired". Returns false if any argument is absent.
 bool isStreamableDeviceState(const std::optional<std::string>& platform,
                              const std::optional<std::string>& transportType,
                              const std::optional<std::string>& tunnelState,
                              const std::optional<std::string>& pairingState);
+
+/// Returns the name and version for a simctl runtime key: "iOS 17.2" for
+/// "com.apple.CoreSimulator.SimRuntime.iOS-17-2".
+std::string osLabel(std::string_view fromRuntimeKey);
+
+/// Returns the name under which a platform is sold: "visionOS" for "xrOS". Returns every other name
+/// unchanged.
+std::string displayPlatform(std::string_view platform);
+
+/// Returns true if xcrun finds the developer tool named `tool`.
+Async<bool> toolExists(std::string tool);
+
+/// The bytes that a tool printed.
+using Bytes = std::vector<std::uint8_t>;
+
+/// Runs xcrun with `arguments` and returns its standard output, unparsed. Absent if xcrun cannot be
+/// started or does not exit with status 0.
+Async<std::optional<Bytes>> runJSON(std::vector<std::string> arguments);
 
 }  // namespace runeflow::DeviceCatalog

@@ -1,7 +1,7 @@
-// The JSON text of the context map, as it stands in the store's `ctx` column.
+// The JSON text of a record's context map, as stored in the store's `ctx` column.
 //
-// Written here once, because a query without JSON functions looks for a member by its text: what
-// the store writes and what the query looks for must be the same bytes.
+// The store and the query compiler share these functions. If SQLite lacks its JSON functions, a
+// query searches the column for a member's text, which must match the stored bytes exactly.
 #pragma once
 
 #include <map>
@@ -11,14 +11,16 @@
 
 namespace runeflow {
 
-// `text` with quotation mark, backslash, slash and control characters escaped as JSON allows;
-// everything else as it stands. Without the surrounding quotation marks.
+// Returns `text` as the inside of a JSON string, without the surrounding quotation marks. Escapes
+// quotation mark, backslash, slash and the control characters below U+0020, and copies all other
+// bytes unchanged.
 std::string escapeJson(std::string_view text);
 
-// One member, "key":"value", without blanks.
+// Returns one object member, "key":"value", without spaces around the colon.
 std::string jsonMember(std::string_view key, std::string_view value);
 
-// The whole map as a compact object; absent when a key or value is not valid UTF-8.
+// Returns the map as a JSON object without white space, members sorted by key. Returns nothing if a
+// key or value is not valid UTF-8.
 std::optional<std::string> jsonObject(const std::map<std::string, std::string>& map);
 
 }  // namespace runeflow

@@ -32,7 +32,7 @@ std::size_t totalSize(std::string_view message, const LogRow::Slots& slots) {
 
 std::optional<std::int64_t> microsecondsSinceEpoch(Timestamp timestamp) {
   const double rounded = std::round(timestamp.time_since_epoch().count() * kMicrosecondsPerSecond);
-  if (!(std::abs(rounded) < kTwoToThe63)) return std::nullopt;  // written so that NaN fails it too
+  if (!(std::abs(rounded) < kTwoToThe63)) return std::nullopt;  // negated: NaN fails, too
   return static_cast<std::int64_t>(rounded);
 }
 
@@ -93,7 +93,7 @@ std::size_t std::hash<runeflow::LogRow>::operator()(const runeflow::LogRow& row)
   seed = combine(seed, row.presentSlots_);
   seed = combine(seed, row.ctx_.has_value());
   if (row.ctx_) {
-    // The map is ordered by key, so equal maps are walked alike however they were filled.
+    // std::map iterates in key order, so the insertion order does not affect the hash.
     for (const auto& [key, value] : *row.ctx_) seed = hashText(hashText(seed, key), value);
   }
   return seed;

@@ -1,8 +1,13 @@
-// One log record, and its severity.
-//
-// Every decoder turns bytes into LogRow values, the store keeps them as rows of its `events` table
-// and gives them back, the viewer shows them. A row has the same shape for every kind of source;
-// what the slots s0 to s7 mean is said by the source's SourceDescriptor.
+/// \file
+/// One log record, and its severity.
+///
+/// Decoders turn bytes into LogRow values. The store keeps each LogRow as one row of its `events`
+/// table and returns it from its reads. All kinds of sources share this one type. What a source has
+/// besides time, level and message goes into the slots: eight optional texts, s0 to s7, whose
+/// meaning the SourceDescriptor of the source gives. For logcat, for example, slot 0 is the tag.
+///
+/// A raw row is the record of a line that its decoder could not read. Its level is Info, its
+/// message is the whole line, its time is the time of decoding, and all its slots are absent.
 #pragma once
 
 #include <array>
@@ -19,66 +24,74 @@
 
 namespace runeflow {
 
-// A point in time as a double count of seconds since 1970-01-01T00:00:00Z. Near the present its
-// resolution is about 0.2 µs; wherever a timestamp leaves memory it is whole microseconds.
+/// A point in time as a double count of seconds since 1970-01-01T00:00:00Z. Its resolution is about
+/// 0.2 µs for present dates. Outside memory, for example in the store, timestamps are whole
+/// microseconds.
 using Timestamp = std::chrono::sys_time<std::chrono::duration<double>>;
 
-// Whole microseconds since 1970-01-01T00:00:00Z, halves rounded away from zero. Absent when the
-// timestamp is not finite or lies about 292,000 years or more from 1970, where no such count
-// exists.
-std::optional<std::int64_t> microsecondsSinceEpoch(Timestamp timestamp);
+/// The severity of a record, in ascending order. The store keeps the raw value, and ranges of
+/// levels compare raw values.
+enum class RuneflowLogLevel : std::uint8_t {
+  Trace,    ///< Raw value 0.
+  Debug,    ///< Raw value 1.
+  Info,     ///< Raw value 2.
+  Warning,  ///< Raw value 3.
+  Error,    ///< Raw value 4.
+  Fatal,    ///< Raw value 5.
+};
 
-// The inverse: drops nothing for instants up to the year 2106; from there on doubles miss some
-// microseconds.
-Timestamp timestampFromMicroseconds(std::int64_t microseconds);
-
-// Severity. The raw value is what the store keeps and what level ranges compare.
-enum class RuneflowLogLevel : std::uint8_t { Trace, Debug, Info, Warning, Error, Fatal };
-
-// Absent for anything but 0 to 5.
-std::optional<RuneflowLogLevel> levelFromRawValue(std::int64_t rawValue);
-
-constexpr std::int64_t rawValue(RuneflowLogLevel level) {
-  return static_cast<std::int64_t>(level);
-}
-
-// Immutable. A moved-from row may only be assigned to or destroyed. An absent slot and an empty
-// slot are different values (SQL NULL and '').
-//
-// The texts stand in one buffer, mostly in the row itself, so that rows are cheap to make and to
-// move: the getters give views, which no NUL ends, and which live as long as the row is neither
-// moved nor destroyed.
+/// One log record. A record can be assigned to, but its fields cannot be changed one by one. A
+/// moved-from record may only be assigned to or destroyed.
+///
+/// The record owns its texts, in one buffer that is part of the object if the texts are short. This
+/// makes records cheap to create and to move. The getters return views into the buffer. A view is
+/// not NUL-terminated, and is valid until the record is moved, assigned to or destroyed.
 class LogRow {
  public:
+  /// The number of slots of every record.
   static constexpr std::size_t slotCount = 8;
+  /// Additional names and values of a record that have no slot.
   using Context = std::map<std::string, std::string>;
+  /// The text of a slot. An absent slot (SQL NULL) and an empty slot ('') are different values.
   using Slot = std::optional<std::string_view>;
+  /// All slots; element `i` is slot `i`.
   using Slots = std::array<Slot, slotCount>;
 
-  // Copies the texts.
+  /// Creates a record that holds copies of the texts.
   LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string_view message,
          std::optional<Context> ctx, Slot s0, Slot s1, Slot s2, Slot s3, Slot s4, Slot s5, Slot s6,
          Slot s7);
 
+  /// Creates the same record from an array of slots.
   LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string_view message,
          std::optional<Context> ctx, const Slots& slots);
 
+  /// Returns the time of the record, or the time of decoding if the source gave none.
   Timestamp timestamp() const { return timestamp_; }
+  /// Returns the severity.
   RuneflowLogLevel level() const { return level_; }
+  /// Returns the message text.
   std::string_view message() const { return texts_.view().substr(slotEnds_.back()); }
+  /// Returns the additional names and values, which are absent in records without any.
   const std::optional<Context>& ctx() const { return ctx_; }
-  Slot s0() const { return slot(0); }
-  Slot s1() const { return slot(1); }
-  Slot s2() const { return slot(2); }
-  Slot s3() const { return slot(3); }
-  Slot s4() const { return slot(4); }
-  Slot s5() const { return slot(5); }
-  Slot s6() const { return slot(6); }
-  Slot s7() const { return slot(7); }
 
+  /// \name Slots
+  /// @{
+  Slot s0() const { return slot(0); }  ///< The text of slot 0.
+  Slot s1() const { return slot(1); }  ///< The text of slot 1.
+  Slot s2() const { return slot(2); }  ///< The text of slot 2.
+  Slot s3() const { return slot(3); }  ///< The text of slot 3.
+  Slot s4() const { return slot(4); }  ///< The text of slot 4.
+  Slot s5() const { return slot(5); }  ///< The text of slot 5.
+  Slot s6() const { return slot(6); }  ///< The text of slot 6.
+  Slot s7() const { return slot(7); }  ///< The text of slot 7.
+  /// @}
+
+  /// Returns all slots.
   Slots slots() const;
 
-  // The text of slot `index`; absent when the slot is absent or there is no such slot.
+  /// Returns the text of slot `index`, or nothing if the slot is absent or `index` is not in the
+  /// range 0 to 7.
   Slot slot(std::int64_t index) const;
 
   bool operator==(const LogRow&) const = default;
@@ -88,15 +101,35 @@ class LogRow {
 
   Timestamp timestamp_;
   RuneflowLogLevel level_;
-  std::uint8_t presentSlots_ = 0;                  // bit i: slot i is there
-  std::array<std::size_t, slotCount> slotEnds_{};  // each slot begins where the one before it ends
+  std::uint8_t presentSlots_ = 0;                  // bit i is set if slot i is present
+  std::array<std::size_t, slotCount> slotEnds_{};  // slot i begins where slot i - 1 ends
   ShortText texts_;                                // s0 to s7, then the message
   std::optional<Context> ctx_;
 };
 
+/// Returns whole microseconds since 1970-01-01T00:00:00Z. Rounds to the nearest, and halves away
+/// from zero. Returns nothing if `timestamp` is not finite, or if the result does not fit 64 bits:
+/// that is the case about 292,000 years or more from 1970.
+std::optional<std::int64_t> microsecondsSinceEpoch(Timestamp timestamp);
+
+/// Returns the instant `microseconds` after 1970-01-01T00:00:00Z. microsecondsSinceEpoch() returns
+/// the same number again for instants from 1834 to 2105. Outside these years it can return another
+/// number, because a double cannot represent every microsecond there.
+Timestamp timestampFromMicroseconds(std::int64_t microseconds);
+
+/// Returns the level with the raw value `rawValue`, or nothing if it is not in the range 0 to 5.
+std::optional<RuneflowLogLevel> levelFromRawValue(std::int64_t rawValue);
+
+/// Returns the raw value of `level`, 0 to 5.
+constexpr std::int64_t rawValue(RuneflowLogLevel level) {
+  return static_cast<std::int64_t>(level);
+}
+
 }  // namespace runeflow
 
+/// Hashes all fields of a LogRow.
 template <>
 struct std::hash<runeflow::LogRow> {
+  /// Returns the hash of `row`.
   std::size_t operator()(const runeflow::LogRow& row) const noexcept;
 };

@@ -1,5 +1,8 @@
-// The texts of a record, in the record itself while they are short, and else on the heap: an
-// allocation for every record would cost a fetch a tenth of its time.
+/// \file
+/// The buffer that holds the texts of one LogRow. Programs use LogRow and need not use this class.
+///
+/// Up to 128 bytes are stored inside the record, and more on the heap. Allocating memory for every
+/// record would take a tenth of the time of a fetch.
 #pragma once
 
 #include <array>
@@ -10,22 +13,29 @@
 
 namespace runeflow {
 
-// A value. Moved from, it is empty; its own bytes are copied by a move, so views do not survive it.
+/// A byte buffer of fixed size with value semantics. A moved-from object is empty. Moving copies
+/// bytes that are stored inside the object, and therefore invalidates views of them.
 class ShortText {
  public:
-  // Of `size` bytes, for the caller to write to data().
+  /// Creates a buffer of `size` uninitialized bytes. The caller must write all of them to data().
   explicit ShortText(std::size_t size) : size_(size) {
     if (size > kInlineSize) heap_ = std::make_unique_for_overwrite<char[]>(size);
   }
+  /// Copies the bytes.
   ShortText(const ShortText& other) : ShortText(other.size_) { other.view().copy(data(), size_); }
+  /// Takes over the bytes and leaves `other` empty.
   ShortText(ShortText&& other) noexcept { take(other); }
+  /// Replaces the bytes and the size.
   ShortText& operator=(ShortText other) noexcept {
     take(other);
     return *this;
   }
   ~ShortText() = default;
 
+  /// Returns the start of the buffer. The pointer is valid until the object is moved, assigned to
+  /// or destroyed.
   char* data() { return heap_ ? heap_.get() : inline_.data(); }
+  /// Returns the whole buffer, without a terminating NUL. The view is valid as long as data() is.
   std::string_view view() const { return {heap_ ? heap_.get() : inline_.data(), size_}; }
 
   bool operator==(const ShortText& other) const { return view() == other.view(); }

@@ -1,9 +1,11 @@
-// The schema of one kind of log source.
-//
-// A SourceDescriptor says which slot of a LogRow holds which field, under which name a query may
-// refer to it, which columns the store indexes and which fields a viewer shows.
-// SourceDescriptor::dlt() and SourceDescriptor::logcat() are built in; a host may build others from
-// the same types. All types here are plain values and may be read from any thread.
+/// \file
+/// The schema of one kind of log source.
+///
+/// A SourceDescriptor lists the fields of a source. For each field it gives the slot or other
+/// column that stores it, its name in queries, whether the store indexes it, and whether a viewer
+/// shows it. Most programs use SourceDescriptor::dlt() or SourceDescriptor::logcat(). A program
+/// with a decoder of its own builds another SourceDescriptor from the same types. All types here
+/// are plain values, and several threads may read one object at the same time.
 #pragma once
 
 #include <compare>
@@ -19,33 +21,43 @@
 
 namespace runeflow {
 
-// A column of the store's `events` table.
+/// A column of the store's `events` table.
 class StoreColumn {
  public:
+  /// The column of one slot of LogRow.
   struct Slot {
-    std::int64_t index;
+    std::int64_t index;  ///< The number of the slot, 0 to 7. Not checked.
     bool operator==(const Slot&) const = default;
   };
+  /// The column of LogRow::level().
   struct Level {
     bool operator==(const Level&) const = default;
   };
+  /// The column of LogRow::timestamp().
   struct Timestamp {
     bool operator==(const Timestamp&) const = default;
   };
+  /// The column of LogRow::message().
   struct Message {
     bool operator==(const Message&) const = default;
   };
+  /// Exactly one kind of column.
   using Value = std::variant<Slot, Level, Timestamp, Message>;
 
+  /// Returns the column of slot `index`, which should be in the range 0 to 7.
   static StoreColumn slot(std::int64_t index) { return StoreColumn(Slot{index}); }
+  /// Returns the column of the level.
   static StoreColumn level() { return StoreColumn(Level{}); }
+  /// Returns the column of the timestamp.
   static StoreColumn timestamp() { return StoreColumn(Timestamp{}); }
+  /// Returns the column of the message.
   static StoreColumn message() { return StoreColumn(Message{}); }
 
+  /// Returns the kind of column, and the number of its slot if it has one.
   const Value& value() const { return value_; }
 
-  // The column's name as it is spliced into SQL. The slot's index is not checked: slot(9) gives
-  // "s9", which names no column.
+  /// Returns the column's name in SQL: "s0" to "s7", "level", "ts" or "message". Does not check the
+  /// slot's number: slot(9) gives "s9", which names no column.
   std::string sql() const;
 
   bool operator==(const StoreColumn&) const = default;
@@ -55,8 +67,10 @@ class StoreColumn {
   Value value_;
 };
 
+/// One field of a source. Immutable except by assignment.
 class FieldDescriptor {
  public:
+  /// Creates a field from the values that the getters of the same names return.
   FieldDescriptor(std::string name, std::string label, StoreColumn column, bool indexed,
                   bool queryable, bool inTable, std::string icon)
       : name_(std::move(name)),
@@ -67,13 +81,20 @@ class FieldDescriptor {
         inTable_(inTable),
         icon_(std::move(icon)) {}
 
-  const std::string& name() const { return name_; }    // in query text, without regard to case
-  const std::string& label() const { return label_; }  // the caption for the user
+  /// Returns the name of the field in query text. Letter case does not matter there.
+  const std::string& name() const { return name_; }
+  /// Returns the caption shown to the user.
+  const std::string& label() const { return label_; }
+  /// Returns the column that stores the field.
   const StoreColumn& column() const { return column_; }
-  bool indexed() const { return indexed_; }          // the store keeps an index on the column
-  bool queryable() const { return queryable_; }      // may be named in query text
-  bool inTable() const { return inTable_; }          // belongs in the viewer's table of rows
-  const std::string& icon() const { return icon_; }  // an SF Symbols name
+  /// Returns true if the store keeps an index on the column.
+  bool indexed() const { return indexed_; }
+  /// Returns true if query text may name the field.
+  bool queryable() const { return queryable_; }
+  /// Returns true if the field belongs in a viewer's table of records.
+  bool inTable() const { return inTable_; }
+  /// Returns the SF Symbols name of the field's icon.
+  const std::string& icon() const { return icon_; }
 
   bool operator==(const FieldDescriptor&) const = default;
 
@@ -87,12 +108,16 @@ class FieldDescriptor {
   std::string icon_;
 };
 
-// Carried unchanged for the viewer; the library does not interpret them.
+/// Hints for a viewer. The library carries them unchanged and does not interpret them.
 struct DisplayHints {
+  /// A column and the symbol that a viewer shows with it.
   class Badge {
    public:
+    /// Creates a badge for `column`; `glyph` is the name of a symbol image.
     Badge(StoreColumn column, std::string glyph) : column_(column), glyph_(std::move(glyph)) {}
+    /// Returns the column.
     const StoreColumn& column() const { return column_; }
+    /// Returns the name of the symbol image.
     const std::string& glyph() const { return glyph_; }
     bool operator==(const Badge&) const = default;
 
@@ -101,10 +126,14 @@ struct DisplayHints {
     std::string glyph_;
   };
 
+  /// A column and one value of it that a viewer emphasizes.
   class Hero {
    public:
+    /// Creates a hint for records with `value` in `column`.
     Hero(StoreColumn column, std::string value) : column_(column), value_(std::move(value)) {}
+    /// Returns the column.
     const StoreColumn& column() const { return column_; }
+    /// Returns the value.
     const std::string& value() const { return value_; }
     bool operator==(const Hero&) const = default;
 
@@ -113,13 +142,22 @@ struct DisplayHints {
     std::string value_;
   };
 
-  std::optional<Badge> badge;
-  std::optional<Hero> hero;
+  std::optional<Badge> badge;  ///< Absent in the built-in descriptors.
+  std::optional<Hero> hero;    ///< Absent in the built-in descriptors.
   bool operator==(const DisplayHints&) const = default;
 };
 
+/// The schema of one kind of source. Immutable except by assignment.
 class SourceDescriptor {
  public:
+  /// Returns the descriptor of the records that DLTDecoder creates.
+  static const SourceDescriptor& dlt();
+  /// Returns the descriptor of the records that LogcatDecoder creates.
+  static const SourceDescriptor& logcat();
+
+  /// Creates a descriptor from the values that the getters of the same names return. No two fields
+  /// may use the same column, and slots must be in the range 0 to 7. The constructor checks
+  /// neither; validationError() finds columns used twice.
   SourceDescriptor(std::string id, std::string displayName, std::vector<FieldDescriptor> fields,
                    DisplayHints display, std::optional<std::string> appFieldName)
       : id_(std::move(id)),
@@ -128,31 +166,38 @@ class SourceDescriptor {
         display_(std::move(display)),
         appFieldName_(std::move(appFieldName)) {}
 
-  static const SourceDescriptor& dlt();
-  static const SourceDescriptor& logcat();
-
+  /// Returns the short, stable identifier of the kind of source, for example "dlt". The library
+  /// uses it in its log.
   const std::string& id() const { return id_; }
+  /// Returns the name shown to the user, for example "DLT".
   const std::string& displayName() const { return displayName_; }
+  /// Returns the fields. The functions below that return lists keep their order.
   const std::vector<FieldDescriptor>& fields() const { return fields_; }
+  /// Returns the hints for a viewer.
   const DisplayHints& display() const { return display_; }
+  /// Returns the name of the field that identifies the application that wrote a record, if there is
+  /// one.
   const std::optional<std::string>& appFieldName() const { return appFieldName_; }
 
-  // The first field of that name, compared without regard to case (full Unicode case folding);
-  // null when there is none. The pointer lives as long as this descriptor.
+  /// Returns the first field whose name is `named`, compared with full Unicode case folding, or
+  /// null if there is none. The pointer is valid until this descriptor is moved, assigned to or
+  /// destroyed.
   const FieldDescriptor* field(std::string_view named) const;
 
+  /// Returns the fields that query text may name.
   std::vector<FieldDescriptor> queryableFields() const;
+  /// Returns the fields that belong in a viewer's table of records.
   std::vector<FieldDescriptor> tableFields() const;
 
-  // In field order, duplicates kept.
+  /// Returns the columns of the indexed fields. Does not remove duplicates.
   std::vector<StoreColumn> indexedColumns() const;
 
-  // The column of the field that names the emitting application; failing that the first field's,
-  // failing that slot 0.
+  /// Returns the column of the field that appFieldName() names. If there is no such field, returns
+  /// the column of the first field, or slot 0 if there are no fields.
   StoreColumn appColumn() const;
 
-  // A text that describes the first two fields found on one column; absent when no two share one.
-  // Nothing else is checked.
+  /// Returns a text that names the first two fields found to use the same column, or nothing if all
+  /// columns differ. Checks nothing else.
   std::optional<std::string> validationError() const;
 
   bool operator==(const SourceDescriptor&) const = default;
@@ -167,7 +212,9 @@ class SourceDescriptor {
 
 }  // namespace runeflow
 
+/// Hashes a StoreColumn, including the number of its slot.
 template <>
 struct std::hash<runeflow::StoreColumn> {
+  /// Returns the hash of `column`.
   std::size_t operator()(const runeflow::StoreColumn& column) const noexcept;
 };

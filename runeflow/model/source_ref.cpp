@@ -21,7 +21,8 @@ SourceRef SourceRef::thisMac() {
 }
 
 std::string SourceRef::symbolForDeviceType(std::string_view type) {
-  // The first key found decides, so that an iPad is one whatever else its name says.
+  // The order matters: the first key found decides. A text that contains "ipad" is an iPad even if
+  // it also contains "tv" or "mac".
   static constexpr struct {
     std::string_view key;
     const char* symbol;

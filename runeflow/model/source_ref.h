@@ -1,7 +1,9 @@
-// One entry of the list from which a user picks where logs come from on the Apple side.
-//
-// This machine describes itself with SourceRef::thisMac(); simulators and attached devices are
-// found by the device catalog (devices/device_catalog.h). Plain values, free to use on any thread.
+/// \file
+/// A reference to one Apple log source that the user can select: the Mac, a simulator or a device.
+///
+/// SourceRef::thisMac() describes the machine that the library runs on. The functions of
+/// devices/device_catalog.h find simulators and attached devices. A SourceRef is a plain value and
+/// may be used on any thread.
 #pragma once
 
 #include <cstddef>
@@ -13,31 +15,47 @@
 
 namespace runeflow {
 
+/// A selectable log source.
 struct SourceRef {
-  enum class Kind : std::uint8_t { mac, simulator, device };
+  /// The kind of machine that logs.
+  enum class Kind : std::uint8_t {
+    mac,        ///< The machine that the library runs on.
+    simulator,  ///< A simulated device on this machine.
+    device,     ///< A physical device.
+  };
 
-  Kind kind;
-  std::string id;         // unique among all sources: "mac", "sim:<UDID>" or "device:<identifier>"
-  std::string name;       // for the user
-  std::string osVersion;  // for the user, e.g. "iOS 17.2"
-  std::optional<std::string> udid;   // of a simulator or device
-  std::optional<std::string> model;  // a physical device's marketing name
-  bool streamable;                   // logs can be captured from it now
-  std::string symbol;                // an SF Symbols name
+  Kind kind;  ///< The kind of machine.
+  /// Unique among all sources: "mac", "sim:<UDID>" or "device:<identifier>".
+  std::string id;
+  std::string name;       ///< The name shown to the user.
+  std::string osVersion;  ///< The operating system shown to the user, for example "iOS 17.2".
+  /// The unique device identifier (UDID) of a simulator or device. Absent for the Mac, and for a
+  /// device whose UDID the developer tools do not report.
+  std::optional<std::string> udid;
+  /// The marketing name of a device. Absent for other kinds, and if the developer tools report
+  /// none.
+  std::optional<std::string> model;
+  bool streamable;     ///< True if logs can be captured from the source at present.
+  std::string symbol;  ///< The SF Symbols name of the source's icon.
 
   bool operator==(const SourceRef&) const = default;
 
-  // The machine the library runs on, asked anew on every call.
+  /// Returns the machine that the library runs on, queried again on every call. `name` is its
+  /// network name, or "This Mac" if it has none. `osVersion` is "macOS " followed by the
+  /// version of the running kernel.
   static SourceRef thisMac();
 
-  // The icon for a device type or, failing that, any name which tells the type ("Apple TV 4K").
-  // What names no known type is a phone.
+  /// Returns the SF Symbols name of the icon for `type`, a device type or a name that contains one,
+  /// such as "Apple TV 4K". Letter case does not matter. Returns "iphone" if `type` contains no
+  /// known device type.
   static std::string symbolForDeviceType(std::string_view type);
 };
 
 }  // namespace runeflow
 
+/// Hashes all fields of a SourceRef.
 template <>
 struct std::hash<runeflow::SourceRef> {
+  /// Returns the hash of `source`.
   std::size_t operator()(const runeflow::SourceRef& source) const noexcept;
 };

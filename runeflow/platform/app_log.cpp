@@ -33,14 +33,15 @@ Level levelOf(spdlog::level::level_enum level) {
   return level >= spdlog::level::info ? Level::info : Level::debug;
 }
 
-// Hands lines to the host's sink, or to standard error while there is none.
+// Passes lines to the host's sink, or to standard error if the host has attached none.
 class SwitchingSink final : public spdlog::sinks::base_sink<std::mutex> {
  public:
   SwitchingSink() {
     stderr_.set_pattern("%Y-%m-%d %H:%M:%S.%e [" + std::string(subsystem) + ":%n] %l: %v");
   }
 
-  // The old sink dies after the lock is released: what it holds may log.
+  // `newSink` ends up holding the old sink, which is destroyed after the lock is released: objects
+  // that it captured may log in their destructors.
   void attach(Sink newSink, spdlog::level::level_enum minimumLevel) {
     const std::lock_guard lock(mutex_);
     sink_.swap(newSink);
@@ -49,7 +50,7 @@ class SwitchingSink final : public spdlog::sinks::base_sink<std::mutex> {
 
  protected:
   void sink_it_(const spdlog::details::log_msg& message) override {
-    if (!should_log(message.level)) return;  // the level has risen since the logger looked
+    if (!should_log(message.level)) return;  // the level was raised after the logger's check
     if (!sink_) {
       stderr_.log(message);
       return;
@@ -60,7 +61,7 @@ class SwitchingSink final : public spdlog::sinks::base_sink<std::mutex> {
              levelOf(message.level),
              {message.payload.data(), message.payload.size()}});
     } catch (...) {
-      // A host that cannot log must not stop the library from storing.
+      // A failing sink must not stop the library from storing records.
     }
   }
   void flush_() override { stderr_.flush(); }
@@ -89,7 +90,7 @@ struct Loggers {
 };
 
 Loggers& loggers() {
-  // Never destroyed: a reader thread may log while the process ends.
+  // Never destroyed, because a reader thread may still log while the process exits.
   static auto* const all = std::make_unique<Loggers>().release();
   return *all;
 }

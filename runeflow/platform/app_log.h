@@ -1,36 +1,57 @@
-// The library's diagnostic log: the failures that it swallows instead of returning them.
-//
-// Every line carries a subsystem, a category and a level. By default lines go to standard error; a
-// host that has a log of its own attaches a sink. Everything here may be called from any thread.
+/// \file
+/// The library's diagnostic log. It reports the failures that the library does not return to its
+/// caller.
+///
+/// Below, a host is the program that uses the library. By default, lines of level error go to
+/// standard error, and other lines are discarded. A host that has a log of its own calls
+/// AppLog::attachSink() to receive the lines. All functions may be called from any thread, except
+/// from inside a sink.
 #pragma once
 
 #include <functional>
 #include <string_view>
 
+/// The library's diagnostic log and the means to redirect it.
 namespace runeflow::AppLog {
 
-enum class Level { debug, info, error, off };
-
-struct Line {
-  std::string_view subsystem;  // reverse-DNS identifier, the same for every line
-  std::string_view category;   // "store", "lifecycle" or "ui"
-  Level level;
-  std::string_view message;  // the views live until the sink returns
+/// The severity of a line, in ascending order.
+enum class Level {
+  debug,  ///< Details for a developer.
+  info,   ///< Events of normal operation.
+  error,  ///< Failures.
+  off,    ///< Only as a minimum level: discards all lines. No line has this level.
 };
 
-// Called on the thread that logs, one line at a time. It must neither log nor attach a sink itself;
-// what it throws is swallowed.
+/// One line of the log, as a sink receives it. The views are valid until the sink returns.
+struct Line {
+  std::string_view subsystem;  ///< A reverse-DNS identifier, the same for every line.
+  std::string_view category;   ///< "store", "lifecycle" or "ui".
+  Level level;                 ///< debug, info or error.
+  std::string_view message;    ///< The text exactly as passed to the Logger.
+};
+
+/// Receives the lines of the log. The sink is called on the thread that logs, and never for two
+/// lines at the same time. It must not log or attach a sink, because either would deadlock.
+/// Exceptions that it throws are discarded.
 using Sink = std::function<void(const Line&)>;
 
-// From now on lines of `minimumLevel` and above go to `sink` and nowhere else; the others are not
-// even built. An empty sink brings standard error back.
+/// Sends lines of `minimumLevel` and above to `sink`, and to no other place, from this call on. The
+/// library does not build the text of lines below `minimumLevel`. If `sink` is empty, lines go to
+/// standard error again. The previous sink is not called after attachSink() returns.
 void attachSink(Sink sink, Level minimumLevel = Level::error);
 
+/// Writes lines of one category. Loggers exist until the process ends.
 class Logger {
  public:
+  /// Returns true if lines of `level` are written at present. If not, the caller can skip building
+  /// the message.
   bool isEnabled(Level level) const;
+
+  /// Writes `message` at level debug, if that level is enabled.
   void debug(std::string_view message) const { write(Level::debug, message); }
+  /// Writes `message` at level info, if that level is enabled.
   void info(std::string_view message) const { write(Level::info, message); }
+  /// Writes `message` at level error, if that level is enabled.
   void error(std::string_view message) const { write(Level::error, message); }
 
  private:
@@ -43,7 +64,7 @@ class Logger {
   std::string_view category_;
 };
 
-// For the host's own lines; the library writes nothing to it.
+/// Returns the logger for the host's own lines, of category "ui". The library never writes to it.
 const Logger& ui();
 
 }  // namespace runeflow::AppLog

@@ -1,4 +1,4 @@
-// The loggers that only the library itself writes to.
+// The loggers for the library's own lines.
 #pragma once
 
 #include <fmt/format.h>
@@ -9,13 +9,13 @@
 
 namespace runeflow::AppLog {
 
-// The same in every line.
+// Line::subsystem of every line.
 inline constexpr std::string_view subsystem = "org.runeflow.RuneflowCore";
 
 const Logger& store();
 const Logger& lifecycle();
 
-// Builds the message only when somebody will read it.
+// Formats and logs the message; does nothing if the error level is disabled.
 template <class... Args>
 void logError(const Logger& logger, fmt::format_string<Args...> format, Args&&... args) {
   if (logger.isEnabled(Level::error)) {

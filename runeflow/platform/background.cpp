@@ -15,7 +15,8 @@ constexpr int kUtilityNiceness = 10;
 
 bool runInBackground(std::move_only_function<void()> work) {
   std::move_only_function<void()> body = [work = std::move(work)]() mutable {
-    // On Linux niceness belongs to the thread. Best effort: the work is done either way.
+    // On Linux, niceness is a property of the thread. A failure is ignored: the work must run
+    // anyway.
     const auto thread = static_cast<id_t>(::gettid());
     if (::getpriority(PRIO_PROCESS, thread) < kUtilityNiceness) {
       ::setpriority(PRIO_PROCESS, thread, kUtilityNiceness);

@@ -1,13 +1,16 @@
-// Blocking work on a background thread, and its result as something to await.
-//
-//   auto answer = Async<int>([] { return slowSum(); });   // the work has begun
-//   int sum = answer.get();                               // plain code blocks here
-//   int sum = co_await answer;                            // a coroutine suspends instead
-//
-// Every piece of work has a thread of its own, so any number may run at once and one that never
-// ends holds up none of the others. The threads have utility priority and take no signals. A thread
-// ends with its work; it holds its share of the result, so an Async may be dropped at any time
-// without waiting, and the work then ends unheard.
+/// \file
+/// Runs blocking work on a background thread and lets the caller wait for its result.
+///
+///     auto answer = Async<int>([] { return slowSum(); });   // starts the work
+///     int sum = answer.get();                               // blocks until it is done
+///     int sum = co_await answer;                            // or, in a coroutine, suspends
+///
+/// Each piece of work runs on its own thread, which exits when the work is done. Any number of them
+/// can run at once, and work that never ends does not delay other work. The threads run at utility
+/// priority (a niceness of at least 10), have a stack of 4 MiB and receive no asynchronous signals.
+///
+/// An Async may be destroyed at any time without waiting, because the thread shares ownership of
+/// the result. The work then runs to its end and its result is discarded.
 #pragma once
 
 #include <cassert>
@@ -21,26 +24,27 @@
 
 namespace runeflow {
 
-// Runs `work`, which must not throw, on a new thread. False when the system has no thread left; the
-// work is then not run.
+/// Runs `work`, which must not throw, on a new thread, and does not wait for it. Returns false,
+/// without running `work`, if the system cannot create a thread. Async is built on this function.
 bool runInBackground(std::move_only_function<void()> work);
 
-// The result of one piece of work. Taken once, by get() or by co_await; an Async whose result was
-// taken, or that was moved from, may only be assigned to or destroyed. Not to be used by two
-// threads at a time.
+/// The result of one piece of work. The caller takes it once, with get() or with co_await. An Async
+/// that was moved from, or whose result was taken, may only be assigned to or destroyed. Two
+/// threads must not use the same Async at the same time.
 template <class T>
 class [[nodiscard]] Async {
   struct State;
 
  public:
-  // Starts `work` at once. When no thread can be had the result is T{}.
+  /// Starts `work`, which must not throw, at once. If the system cannot create a thread, `work`
+  /// does not run and the result is T{}.
   explicit Async(std::move_only_function<T()> work) : state_(std::make_shared<State>()) {
     const bool started = runInBackground(
         [state = state_, work = std::move(work)]() mutable { state->deliver(work()); });
     if (!started) state_->deliver(T{});
   }
 
-  // A result that is there already; no thread is involved.
+  /// Returns an Async that already holds `value`. Creates no thread.
   static Async ready(T value) {
     Async async;
     async.state_->deliver(std::move(value));
@@ -50,7 +54,7 @@ class [[nodiscard]] Async {
   Async(Async&&) noexcept = default;
   Async& operator=(Async&&) noexcept = default;
 
-  // Blocks until the work is done.
+  /// Blocks until the work is done and returns its result.
   T get() {
     assert(state_ && "the result has been taken");
     const auto state = std::exchange(state_, nullptr);
@@ -59,9 +63,10 @@ class [[nodiscard]] Async {
     return std::move(*state->value);
   }
 
-  // Suspends until the work is done. The coroutine goes on on the work's thread, or without a pause
-  // when the work is done already. A suspended coroutine may be destroyed, and is then not resumed;
-  // that this does not happen in the very moment in which the result comes is its owner's care.
+  /// Suspends the coroutine until the work is done, then resumes it on the work's thread with the
+  /// result. If the work is already done, the coroutine continues at once on its own thread. A
+  /// suspended coroutine may be destroyed and is then not resumed. Its owner must ensure that the
+  /// work does not end at the same moment: the work's thread may already be resuming the coroutine.
   auto operator co_await() {
     assert(state_ && "the result has been taken");
     return Awaiter(std::exchange(state_, nullptr));
@@ -86,7 +91,7 @@ class [[nodiscard]] Async {
     }
   };
 
-  // Lives in the frame of the coroutine that waits.
+  // Lives in the frame of the coroutine that waits, and unregisters it if the frame is destroyed.
   class Awaiter {
    public:
     explicit Awaiter(std::shared_ptr<State> state) : state_(std::move(state)) {}
@@ -100,7 +105,8 @@ class [[nodiscard]] Async {
     // NOLINTBEGIN(readability-identifier-naming): the language names these three.
     bool await_ready() const { return false; }
     bool await_suspend(std::coroutine_handle<> coroutine) {
-      // Once the lock is released the coroutine may run on the other thread, and this object end.
+      // As soon as the lock is released, the coroutine may resume on the other thread and destroy
+      // this object. The local copy keeps the mutex alive until it is unlocked.
       const auto state = state_;
       const std::lock_guard lock(state->mutex);
       if (state->value) return false;

@@ -13,7 +13,9 @@ class FileDescriptor {
   FileDescriptor() = default;
   /// Takes ownership of `fd`; a negative number means none.
   explicit FileDescriptor(int fd) : fd_(fd) {}
+  /// Takes over the descriptor of `other`, which then owns none.
   FileDescriptor(FileDescriptor&& other) noexcept : fd_(other.release()) {}
+  /// Closes the owned descriptor, if any, and takes over the descriptor of `other`.
   FileDescriptor& operator=(FileDescriptor&& other) noexcept {
     if (this != &other) reset(other.release());
     return *this;

@@ -15,7 +15,7 @@ namespace runeflow {
 
 std::optional<std::string> hostName() {
   std::array<char, 256> name{};
-  // One byte is kept back: a name that was cut short comes without its NUL.
+  // gethostname may leave a truncated name without a terminating NUL. The last byte stays 0.
   if (::gethostname(name.data(), name.size() - 1) != 0 || name.front() == '\0') return std::nullopt;
   return unicode::decodeLossily(name.data());
 }
@@ -30,7 +30,7 @@ OsVersion parseOsVersion(std::string_view release) {
   const char* next = release.data();
   const char* const end = next + release.size();
   for (int* number : {&version.majorVersion, &version.minorVersion, &version.patchVersion}) {
-    if (next == end || *next == '-') break;  // from_chars would take the sign for its own
+    if (next == end || *next == '-') break;  // from_chars would accept a minus sign
     const auto [rest, error] = std::from_chars(next, end, *number);
     if (error != std::errc{} || rest == end || *rest != '.') break;
     next = rest + 1;
@@ -45,7 +45,8 @@ std::string versionText(const OsVersion& version) {
 
 std::string randomUuid() {
   std::array<std::uint8_t, 16> bytes{};
-  // So few bytes never come in part; the call can only be interrupted while the system starts up.
+  // getrandom never returns fewer bytes than this small request asks for. A signal can interrupt it
+  // only while the kernel is still gathering entropy after boot.
   while (::getrandom(bytes.data(), bytes.size(), 0) < 0 && errno == EINTR) {
   }
   bytes[6] = static_cast<std::uint8_t>(0x40 | (bytes[6] & 0x0F));  // version 4

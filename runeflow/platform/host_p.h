@@ -1,4 +1,4 @@
-// What this machine says about itself, and identifiers nobody else has.
+// The name and operating system version of this machine, and random identifiers.
 #pragma once
 
 #include <optional>
@@ -7,7 +7,8 @@
 
 namespace runeflow {
 
-// Not called major and minor, which are macros of the C library.
+// A version of an operating system. The fields are not named major and minor because the C library
+// defines macros of these names.
 struct OsVersion {
   int majorVersion = 0;
   int minorVersion = 0;
@@ -15,20 +16,22 @@ struct OsVersion {
   bool operator==(const OsVersion&) const = default;
 };
 
-// The network name as UTF-8; absent when the machine has none.
+// Returns the machine's network name, or nothing if it has none. Bytes that are not valid UTF-8
+// become U+FFFD.
 std::optional<std::string> hostName();
 
-// The running kernel's version.
+// Returns the version of the running kernel, or 0.0.0 if it is unknown.
 OsVersion osVersion();
 
-// The up to three decimal numbers that a kernel's release text begins with: "6.1.0-13-amd64" is
-// 6, 1, 0. A number that is missing, or too large for an int, is 0, and so are those after it.
+// Reads up to three decimal numbers, separated by full stops, from the start of a kernel's release
+// text: "6.1.0-13-amd64" gives 6, 1, 0. If a number is missing or too large for an int, that number
+// and all numbers after it are 0.
 OsVersion parseOsVersion(std::string_view release);
 
-// "6.1", or "6.1.2" when the patch number is above 0.
+// Returns "6.1", or "6.1.2" if the patch number is above 0.
 std::string versionText(const OsVersion& version);
 
-// A random (version 4) UUID in the standard form with upper-case digits.
+// Returns a random UUID (RFC 9562, version 4) in the usual text form, with upper-case digits.
 std::string randomUuid();
 
 }  // namespace runeflow

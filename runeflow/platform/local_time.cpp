@@ -17,15 +17,17 @@ std::chrono::year calendarYear(std::int64_t number) {
   return std::chrono::year(static_cast<int>(std::clamp<std::int64_t>(number, kFirst, kLast)));
 }
 
-// Seconds east of UTC at an instant. Unlike mktime, localtime_r neither reads the zone anew on
-// every call nor lets the last call colour the next.
+// Returns the seconds east of UTC that are in force at an instant. Uses localtime_r instead of
+// mktime: mktime rereads the zone on every call, and its answer for an ambiguous time can depend on
+// the call before.
 std::int64_t offsetAtInstant(std::int64_t seconds) {
   const auto time = static_cast<std::time_t>(seconds);
   std::tm fields{};
   return localtime_r(&time, &fields) ? fields.tm_gmtoff : 0;
 }
 
-// The offset in force before a clock change near the local time, if the time exists under it.
+// Returns the offset in force about a day earlier if the local time exists under that offset, and
+// otherwise the offset in force about a day later. The two differ only near a clock change.
 std::int64_t offsetFromSystem(std::int64_t localSeconds) {
   const auto before = offsetAtInstant(localSeconds - kDay);
   if (offsetAtInstant(localSeconds - before) == before) return before;
@@ -48,7 +50,7 @@ std::int64_t LocalTimeZone::offsetAt(std::int64_t localSeconds) {
   auto& cached = cached_[static_cast<std::size_t>(hour & 1)];
   if (cached.hour == hour) return cached.offset;
   const std::int64_t offset = offsetFromSystem(localSeconds);
-  // An hour in which the clock changes is asked about time by time.
+  // An hour in which the clock changes is not cached: its times have different offsets.
   const bool isSteady = offsetFromSystem(hour * kHour) == offset &&
                         offsetFromSystem(hour * kHour + kHour - 1) == offset;
   if (isSteady) cached = {hour, offset};
@@ -57,8 +59,7 @@ std::int64_t LocalTimeZone::offsetAt(std::int64_t localSeconds) {
 
 std::int64_t localYear(double secondsSinceEpoch) {
   const double seconds = std::floor(secondsSinceEpoch);
-  constexpr double kFarFuture =
-      9e17;  // well inside time_t; such years do not fit a calendar anyway
+  constexpr double kFarFuture = 9e17;  // inside time_t's range, far outside the calendar's
   const auto time = static_cast<std::time_t>(
       seconds == seconds ? std::clamp(seconds, -kFarFuture, kFarFuture) : 0.0);
   std::tm fields{};

@@ -1,4 +1,5 @@
-// One lambda per case for std::visit; a case without its lambda fails to compile.
+// A visitor for std::visit made of one lambda per alternative. The program does not compile if an
+// alternative has no lambda.
 #pragma once
 
 namespace runeflow {

@@ -17,23 +17,25 @@ namespace {
 
 constexpr const char* kNullDevice = "/dev/null";
 
-// How a child is started: its three standard descriptors, and signals as a fresh program expects
-// them. Every step may fail for want of memory; a child is not started on half of them.
+// The attributes of a new child: its three standard descriptors, and the signal settings that a
+// newly started program expects. Each step can run out of memory. If one fails, spawn() starts
+// nothing.
 class SpawnPlan {
  public:
-  // `output` becomes standard output; -1 for the null device.
+  // Makes `output` the child's standard output, or the null device if `output` is negative.
   explicit SpawnPlan(int output) {
     add(::posix_spawn_file_actions_init(&actions_));
     add(::posix_spawnattr_init(&attributes_));
-    // Standard output first: in a host that has closed its own descriptors, `output` may be 0 or 2.
+    // Standard output comes first: if the host has closed its own standard descriptors, `output`
+    // may be 0 or 2, and opening the null device there would close it.
     add(output < 0 ? open(STDOUT_FILENO)
                    : ::posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO));
     add(open(STDIN_FILENO));
     add(open(STDERR_FILENO));
     add(::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1));
 
-    // The calling thread may have blocked every signal, and the host may ignore SIGPIPE; a child
-    // would inherit both.
+    // Without these settings the child would inherit the calling thread's signal mask, which may
+    // block every signal, and would ignore SIGPIPE if the host does.
     sigset_t none;
     ::sigemptyset(&none);
     sigset_t brokenPipe;
@@ -50,7 +52,7 @@ class SpawnPlan {
   SpawnPlan(const SpawnPlan&) = delete;
   SpawnPlan& operator=(const SpawnPlan&) = delete;
 
-  // The child's id; absent when it cannot be started.
+  // Returns the child's process id, or nothing if it cannot be started.
   std::optional<pid_t> spawn(const std::string& program,
                              const std::vector<std::string>& arguments) const {
     if (!complete_) return std::nullopt;
@@ -74,7 +76,7 @@ class SpawnPlan {
   bool complete_ = true;
 };
 
-// A started child, which is waited for at the latest when this object dies: no zombie stays behind.
+// A running child. The destructor waits for it, which leaves no zombie process behind.
 class ChildProcess {
  public:
   explicit ChildProcess(pid_t pid) : pid_(pid) {}
@@ -82,8 +84,8 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  // Blocks until the child has ended. The status of a normal exit; absent otherwise, and the second
-  // time.
+  // Blocks until the child has ended and returns its exit status. Returns nothing if it did not
+  // exit normally, and from the second call on.
   std::optional<int> wait() {
     const pid_t pid = std::exchange(pid_, 0);
     if (pid == 0) return std::nullopt;
@@ -112,7 +114,7 @@ std::optional<Pipe> makePipe() {
 
 std::vector<std::uint8_t> readToEnd(int fd) {
   std::vector<std::uint8_t> bytes;
-  std::array<std::uint8_t, 65'536> chunk;  // what a pipe holds
+  std::array<std::uint8_t, 65'536> chunk;  // the capacity of a Linux pipe
   for (;;) {
     const ssize_t count = ::read(fd, chunk.data(), chunk.size());
     if (count < 0 && errno == EINTR) continue;
@@ -137,7 +139,7 @@ std::optional<ProcessResult> runProcess(const std::string& program,
   ChildProcess child(*pid);
   ProcessResult result;
   if (pipe.readEnd) {
-    pipe.writeEnd.reset();  // or the end would never come
+    pipe.writeEnd.reset();  // while a write end is open here, read() never reports the end
     result.output = readToEnd(pipe.readEnd.get());
   }
   result.exitStatus = child.wait();

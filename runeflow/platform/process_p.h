@@ -1,4 +1,4 @@
-// Running a program of the system and taking what it prints.
+// Runs another program and collects its standard output.
 #pragma once
 
 #include <cstdint>
@@ -9,20 +9,21 @@
 namespace runeflow {
 
 struct ProcessResult {
-  // Absent when a signal ended the program, or when the host takes its children's statuses away
-  // (by ignoring SIGCHLD, or by waiting for every child itself).
+  // Absent if a signal ended the program. Also absent if the host (the program that uses the
+  // library) ignores SIGCHLD or waits for every child itself: the status is then lost.
   std::optional<int> exitStatus;
-  std::vector<std::uint8_t> output;  // standard output to its end
+  std::vector<std::uint8_t> output;  // all of standard output; empty if discarded
 };
 
 enum class StandardOutput : std::uint8_t { captured, discarded };
 
-// Starts `program` (a path; no shell, no search) and blocks until it has ended and, when captured,
-// everyone who writes to its standard output has closed it. There is no time limit. Standard input
-// and standard error are the null device, so that the host's own are left alone, and no other
-// descriptor of the host is passed on; the environment, the working folder and the thread's
-// priority are the caller's. Absent when the program cannot be started. May be called on any
-// thread, by several at once.
+// Runs `program`, a path that is used without a shell or a search, and blocks until it has ended.
+// If standard output is captured, also blocks until every process that inherited it has closed it.
+// There is no time limit. Returns nothing if the program cannot be started.
+//
+// The program's standard input and standard error are the null device, and it inherits no other
+// descriptor of the host. It inherits the caller's environment, working directory and thread
+// priority. Several threads may call this function at once.
 std::optional<ProcessResult> runProcess(const std::string& program,
                                         const std::vector<std::string>& arguments,
                                         StandardOutput standardOutput);

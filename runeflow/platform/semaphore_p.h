@@ -1,6 +1,6 @@
 // A counting semaphore with a timed wait.
 //
-// std::counting_semaphore of libstdc++ 12 can miss a release (GCC PR 104928), hence this one.
+// It replaces std::counting_semaphore, which can miss a release in libstdc++ 12 (GCC PR 104928).
 #pragma once
 
 #include <chrono>
@@ -27,7 +27,7 @@ class Semaphore {
     --count_;
   }
 
-  // Returns false if the count stays 0 until the timeout has passed.
+  // Waits as acquire() does, but for at most `timeout`. Returns false if the count stayed 0.
   template <class Rep, class Period>
   bool tryAcquireFor(std::chrono::duration<Rep, Period> timeout) {
     std::unique_lock lock(mutex_);

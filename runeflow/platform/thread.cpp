@@ -21,7 +21,7 @@ struct Attributes {
   Attributes& operator=(const Attributes&) = delete;
 };
 
-// All but the signals that a thread raises by its own faults.
+// Returns all signals except those that a thread's own faults raise.
 sigset_t asynchronousSignals() {
   sigset_t signals;
   sigfillset(&signals);

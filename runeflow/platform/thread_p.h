@@ -1,4 +1,4 @@
-// A thread that runs on its own, with the attributes std::thread cannot give.
+// Starts detached threads with attributes that std::thread cannot set.
 #pragma once
 
 #include <cstddef>
@@ -8,13 +8,14 @@
 namespace runeflow {
 
 struct ThreadAttributes {
-  std::string name;       // Linux keeps the first 15 bytes
+  std::string name;       // cut to its first 15 bytes, Linux's limit
   std::size_t stackSize;  // bytes
 };
 
-// Runs `body` on a new detached thread; what it captures is destroyed there when it ends. The
-// thread takes no asynchronous signals, so that a host's handler never interrupts its system calls.
-// False when the system gives no thread; `body` is then untouched.
+// Runs `body` on a new detached thread. When `body` returns, its captures are destroyed on that
+// thread. The thread blocks all asynchronous signals, which keeps the signal handlers of the host
+// (the program that uses the library) from interrupting its system calls. Returns false, and leaves
+// `body` unchanged, if the system cannot create a thread.
 bool startThread(const ThreadAttributes& attributes, std::move_only_function<void()>& body);
 
 }  // namespace runeflow

@@ -14,8 +14,9 @@
 namespace runeflow::unicode {
 namespace {
 
-// ICU counts in 32 bits. A reader of characters looks at longer texts piece by piece; of names to
-// compare or to lower, which no user types that long, the rest is left out.
+// ICU's lengths have 32 bits. CharacterReader passes longer texts to ICU in several segments.
+// equalsIgnoringCase() and toLower() ignore the bytes after the first GiB: they serve names, which
+// are never that long.
 constexpr std::size_t kLargestSegment = std::size_t{1} << 30;
 
 std::int32_t icuLength(std::string_view text) {
@@ -26,13 +27,14 @@ icu::UnicodeString utf16(std::string_view text) {
   return icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), icuLength(text)));
 }
 
-// ICU's UTF-8 macros convert between integer types as they please.
+// ICU's UTF-8 macros contain implicit conversions between integer types.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wconversion"
 #pragma GCC diagnostic ignored "-Wsign-conversion"
 // NOLINTBEGIN(bugprone-inc-dec-in-conditions)
 
-// The code point at `index`, which moves past it; negative for a maximal ill-formed subpart.
+// Returns the code point at `index`, or a negative number for a maximal subpart of an ill-formed
+// sequence. Advances `index` past the bytes it has read.
 UChar32 decodeNext(std::string_view bytes, std::size_t& index) {
   const auto length = static_cast<std::int64_t>(bytes.size());
   auto position = static_cast<std::int64_t>(index);
@@ -53,9 +55,10 @@ UChar32 lastCodePoint(std::string_view text) {
 // NOLINTEND(bugprone-inc-dec-in-conditions)
 #pragma GCC diagnostic pop
 
+// Returns 0 (NUL) for an ill-formed sequence. NUL has none of the properties tested here.
 UChar32 firstCodePoint(std::string_view text) {
   std::size_t index = 0;
-  return std::max(decodeNext(text, index), 0);  // NUL has none of the properties asked about here
+  return std::max(decodeNext(text, index), 0);
 }
 
 int graphemeClusterBreak(UChar32 codePoint) {
@@ -137,7 +140,8 @@ CharacterReader::~CharacterReader() {
   if (segment_) spareSegment() = std::move(segment_);
 }
 
-// Opening an iterator costs more than walking a line with it, so each thread keeps the last one.
+// Opening an ICU iterator costs more than iterating over a line. Each thread therefore keeps the
+// iterator of the last destroyed reader for the next one.
 std::unique_ptr<CharacterReader::Segment>& CharacterReader::spareSegment() {
   thread_local std::unique_ptr<Segment> spare;
   return spare;
@@ -161,12 +165,12 @@ std::size_t CharacterReader::nextLength() {
     segment_->set(text_.substr(segmentStart_, segmentEnd_ - segmentStart_));
   }
   const std::int32_t end = U_SUCCESS(segment_->status) ? ubrk_next(segment_->breaks.get()) : -1;
-  // Without ICU's data every byte counts as a character rather than none.
+  // If ICU's data files are missing, every byte counts as one character.
   return end < 0 ? 1 : segmentStart_ + static_cast<std::size_t>(end) - position_;
 }
 
-// Two neighbouring ASCII characters never join (but CR LF), so ICU need not look beyond such a
-// pair.
+// A segment ends between two adjacent ASCII characters, because no grapheme cluster contains both.
+// The only exception is CR LF.
 std::size_t CharacterReader::segmentEnd() const {
   const std::size_t limit = std::min(text_.size(), position_ + kLargestSegment);
   for (std::size_t end = position_ + 1; end < limit; ++end) {

@@ -1,10 +1,9 @@
-// Text as its reader sees it: user-perceived characters, white space, letter case, and UTF-8
-// repair.
+// Unicode text: user-perceived characters, white space, letter case, and repair of invalid UTF-8.
 //
-// Everything here follows the Unicode properties as ICU implements them, with a byte-wise road for
-// ASCII in front. A "character" is an extended grapheme cluster (UAX #29): "e" with a combining
-// accent, an emoji with its modifiers and CR LF are one character each. All functions may run on
-// any thread.
+// All functions follow the Unicode properties as ICU implements them. Validation, comparison and
+// the splitting into characters handle ASCII text without calling ICU. A "character" is an extended
+// grapheme cluster (UAX #29): "e" with a combining accent, an emoji with its modifiers and CR LF
+// are one character each. All functions may be called from any thread.
 #pragma once
 
 #include <cstddef>
@@ -19,15 +18,18 @@ bool isAscii(std::string_view bytes);
 
 bool isValidUtf8(std::string_view bytes);
 
-// The bytes as UTF-8 text; every maximal subpart of an ill-formed sequence becomes one U+FFFD.
+// Returns `bytes` as valid UTF-8. Each maximal subpart of an ill-formed sequence (Unicode Standard,
+// section 3.9) becomes one U+FFFD.
 std::string decodeLossily(std::string_view bytes);
 
-// Full case folding without regard to locale.
+// Compares with full case folding, independent of the locale.
 bool equalsIgnoringCase(std::string_view a, std::string_view b);
 
+// Uses the full lower-case mapping, independent of the locale.
 std::string toLower(std::string_view text);
 
-// Walks a text character by character. The text must outlive the reader.
+// Splits a text into its characters. The caller must keep the text alive while the reader is used.
+// Two threads must not use the same reader at the same time.
 class CharacterReader {
  public:
   explicit CharacterReader(std::string_view text);
@@ -35,7 +37,7 @@ class CharacterReader {
   CharacterReader(const CharacterReader&) = delete;
   CharacterReader& operator=(const CharacterReader&) = delete;
 
-  // The next character as a part of the text; empty at its end.
+  // Returns the next character as a view into the text, or an empty view at the end of the text.
   std::string_view next();
 
  private:
@@ -46,39 +48,40 @@ class CharacterReader {
 
   std::string_view text_;
   std::size_t position_ = 0;
-  // The stretch around non-ASCII bytes that ICU is asked about, [segmentStart_, segmentEnd_).
+  // The part of the text, around non-ASCII bytes, that `segment_` has passed to ICU. Half-open.
   std::size_t segmentStart_ = 0;
   std::size_t segmentEnd_ = 0;
   std::unique_ptr<Segment> segment_;
 };
 
-// A character has the property of the code point that it begins with, as a base letter with accents
-// is still that letter.
+// These two test the first code point of the character, because a base letter with accents has the
+// properties of the letter.
 bool isWhiteSpace(std::string_view character);  // property White_Space
 bool isNumeric(std::string_view character);     // property Numeric_Type is not None
 
-// A tab or a space separator (general category Zs) that carries no mark.
+// Returns true for a tab, and for a space separator (general category Zs) without combining marks.
 bool isBlank(std::string_view character);
 
 inline bool isAsciiByte(char byte) {
   return static_cast<unsigned char>(byte) < 0x80;
 }
 
-// standsAlone beside a byte that is not ASCII.
+// The slow path of standsAlone(), for a position next to a byte that is not ASCII.
 bool standsAloneBesideNonAscii(std::string_view text, std::size_t position);
 
-// True when the printable ASCII byte at `position` of a valid UTF-8 text is a character by itself,
-// neither carrying a combining mark nor joined to what stands before it.
+// Returns true if the printable ASCII byte at `position` is a complete character: no combining mark
+// follows it, and the code point before it does not join it. `text` must be valid UTF-8.
 inline bool standsAlone(std::string_view text, std::size_t position) {
   const bool isFree = (position == 0 || isAsciiByte(text[position - 1])) &&
                       (position + 1 >= text.size() || isAsciiByte(text[position + 1]));
   return isFree || standsAloneBesideNonAscii(text, position);
 }
 
-// The pieces between white-space characters, empty ones dropped. Views into `text`.
+// Returns the non-empty pieces of `text` between white-space characters, as views into `text`.
 std::vector<std::string_view> words(std::string_view text);
 
-// `text` without the characters at its ends for which `isTrimmed` holds. A view into `text`.
+// Returns `text` without the leading and trailing characters for which `isTrimmed` returns true, as
+// a view into `text`.
 template <class Predicate>
 std::string_view trim(std::string_view text, Predicate isTrimmed) {
   CharacterReader characters(text);

@@ -1,152 +1,193 @@
-// One connection to one SQLite file of log records.
-//
-// Several connections to the same file are normal: the host opens one with `create` true, which
-// lays down the schema, and reads through it; a capture opens its own and writes. They meet in
-// SQLite's WAL journal, with a busy timeout of 5 s. Keep reads short: a reader that never pauses
-// lets the WAL grow.
-//
-// The store owns its connection. One object serves one thread at a time and takes no lock. Writes
-// swallow failures: they log them (AppLog, category "store") and go on; a batch or a chunk that
-// fails leaves the database as it was. Reads degrade to 0 or an empty list without a log line. A
-// closed, inert or moved-from store changes and finds nothing.
+/// \file
+/// The database of log records: one SQLite file, and one connection to it.
+///
+///     auto store = EventStore::open("phone.db", true, SourceDescriptor::logcat());
+///     store->insert(rows);
+///     const auto query = QueryParser::parse("level:error", store->descriptor(), false);
+///     for (const auto& [seq, row] : store->fetch(store->matchingSeqs(query, 0))) { … }
+///
+/// A record's number is its `seq`: the rowid of its row, a positive integer that grows in the order
+/// of storing and starts again at 1 after `clear()` or when a trim removed every record.
+///
+/// Which read serves which need:
+///
+/// - For a list of all records that shows a page at a time, use `minSeq()` and `maxSeq()` for its
+///   length and `fetchRange(first, last)` for the visible part.
+/// - For a filtered list, call `matchingSeqs(query, 0)` once and `fetch(seqs)` for the visible
+/// part.
+/// - For new records, call `matchingSeqs(query, after)` with the largest seq known.
+/// - For a number alone, use `count()` or `countMatching(query)`.
+/// - For completing the values of a field, use `distinctValues()` or `distinctValuesWithCounts()`.
+/// - To find out whether a file is a store at all, use `inspect(path)`.
+///
+/// Several connections to one file are normal: a host (the program that uses the library) opens
+/// one with `create` true, which lays down the schema, and reads through it; a capture opens its
+/// own and writes. SQLite's write-ahead log lets them work at the same time. Keep reads short: the
+/// log cannot start over while a read runs.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "runeflow/model/log_row.h"
 #include "runeflow/model/source_descriptor.h"
 #include "runeflow/query/log_query.h"
-#include "runeflow/store/sqlite_p.h"
 
 namespace runeflow {
 
+struct OpenDatabase;
+
+/// A stored record and its number.
 struct FetchedRow {
-  std::int64_t seq;
-  LogRow row;
+  std::int64_t seq;  ///< The record's number, its rowid in `events`.
+  LogRow row;        ///< The record.
   bool operator==(const FetchedRow&) const = default;
 };
 
+/// A value of a column, and how many records hold it.
 struct ValueCount {
-  std::string value;
-  std::int64_t count;
+  std::string value;   ///< The value, never empty.
+  std::int64_t count;  ///< The number of records.
   bool operator==(const ValueCount&) const = default;
 };
 
-// What a database file says of its schema.
-struct StoreInfo {
-  bool isEmpty = false;              // there is no table at all
-  std::string error;                 // why `events` cannot be read, in SQLite's words; else empty
-  bool hasEvents = false;            // the `events` table is there with its columns
-  bool hasFullText = false;          // so is its full-text index
-  std::vector<std::string> indexes;  // names of the indexes of `events`, in order of creation
+/// Why a file cannot be read as a store.
+enum class StoreFault {
+  none,          ///< It can be read.
+  noEvents,      ///< A readable database without the store's `events` table, or an empty one.
+  notADatabase,  ///< The file is no SQLite database.
+  damaged,       ///< SQLite finds the database malformed.
+  cannotOpen,    ///< The file cannot be opened: it does not exist, or permission is missing.
+  readOnly,  ///< Reading needs to write beside the file (`-wal`, `-shm`), which is not permitted.
+  locked,    ///< Another connection held a lock for longer than the busy timeout of 5 s.
+  other      ///< Anything else; `StoreInfo::faultText` tells.
 };
 
+/// What a database file says of its schema.
+struct StoreInfo {
+  bool isEmpty = false;                 ///< The database has no table at all.
+  StoreFault fault = StoreFault::none;  ///< Why the records cannot be read.
+  std::string faultText;                ///< The same in SQLite's words; empty for `none`.
+  bool hasFullText = false;             ///< The full-text index is there.
+  std::vector<std::string> indexes;     ///< Names of the indexes of `events`, in order of creation.
+  std::vector<StoreColumn>
+      indexedColumns;  ///< The columns whose index carries the store's name for it.
+};
+
+/// One connection to one database file.
+///
+/// The store owns its connection. One thread at a time may use an object; it takes no lock. A
+/// connection waits up to 5 s for locks of other connections.
+///
+/// Writes report failure in the diagnostic log (AppLog, category "store"), not to the caller; a
+/// batch or trim that fails leaves the database as it was. A read that fails returns 0 or an empty
+/// list and logs nothing. An inert, closed or moved-from store stores and finds nothing.
 class EventStore {
  public:
-  // Opens the file at `path`; with `create` it is made if missing and the schema is laid down (what
-  // is there already stays as it is). Absent when the file cannot be opened. An invalid descriptor
-  // is logged and used all the same. SQLite looks into the file only when it is first used, so a
-  // file that is no database opens, and then fails every write and read.
+  /// Opens the file at `path`. With `create` true, makes the file if it does not exist and creates
+  /// the tables and indexes that it lacks.
+  ///
+  /// Returns absence if the file cannot be opened. SQLite reads the file at the first statement, so
+  /// a file that is no database opens, and every write and read of it fails. An invalid
+  /// `descriptor` is logged and used.
   static std::optional<EventStore> open(const std::string& path, bool create,
                                         SourceDescriptor descriptor);
 
-  // Looks into the file at `path`, which it neither makes nor changes, as opening it as a store
-  // may.
+  /// Describes the file at `path` without creating or changing it.
   static StoreInfo inspect(const std::string& path);
 
-  // A store without a connection.
+  /// Returns a store without a connection.
   static EventStore inert(SourceDescriptor descriptor);
 
-  // Releases the connection, as destruction does. May be called again.
+  EventStore(EventStore&&) noexcept;
+  EventStore& operator=(EventStore&&) noexcept;
+  ~EventStore();
+
+  /// Closes the connection, as destruction does. May be called again.
   void close();
 
+  /// The descriptor that the store was opened with.
   const SourceDescriptor& descriptor() const { return descriptor_; }
 
-  // What the SQLite library offers this connection. Without FTS5 full-text terms of a query become
-  // substring scans of the message, without JSON context conditions become substring scans of
-  // `ctx`.
+  /// Whether this SQLite has FTS5. Without it, full-text terms of a query become substring scans of
+  /// the message.
   bool ftsAvailable() const { return ftsAvailable_; }
+  /// Whether this SQLite has the JSON functions. Without them, context conditions become substring
+  /// scans of the `ctx` column.
   bool jsonAvailable() const { return jsonAvailable_; }
 
-  // Appends the rows in one transaction: all of them or, after a logged failure, none. A timestamp
-  // that has no count of microseconds is clamped to the nearest that has (NaN to 1970); the first
-  // time a store does so is logged.
+  /// Appends `rows` in one transaction. Stores all of them or, after a failure, which it logs,
+  /// none. A timestamp outside the range of microseconds in 64 bits is clamped to its nearest end,
+  /// and NaN to 1970; the store logs the first one.
   void insert(std::span<const LogRow> rows);
 
-  // How many rows `insert` has committed through this object.
+  /// Returns how many rows insert() has committed through this object.
   std::int64_t insertedRows() const { return insertedRows_; }
 
-  // Deletes every row; the next one gets seq 1. The full-text index is emptied even when the rows,
-  // after a logged failure, stay.
+  /// Deletes every record; the next one gets seq 1. If deleting the rows fails, which is logged,
+  /// the full-text index is emptied all the same.
   void clear();
 
-  // Deletes the `chunk` oldest rows if the used bytes have reached `toUsedBytes`, and gives the
-  // smallest remaining seq (0 when none remains). Absent when nothing was deleted, which is also
-  // the answer to a cap below 1 and to a `chunk` outside 1 to 2^31 - 1. One call deletes one chunk,
-  // however large the excess.
+  /// Deletes the `chunk` oldest records if the used bytes have reached `toUsedBytes`, and returns
+  /// the smallest remaining seq, or 0 if no record remains. One call deletes one chunk, however
+  /// large the excess is.
+  ///
+  /// Returns absence if it deleted nothing, also for a `toUsedBytes` below 1 and for a `chunk`
+  /// outside 1 to 2^31 - 1.
   std::optional<std::int64_t> trimOldest(std::int64_t toUsedBytes, std::int64_t chunk);
 
-  std::int64_t minSeq();  // 0 in an empty store
+  /// Returns the smallest seq, or 0 if the store is empty.
+  std::int64_t minSeq();
+  /// Returns the largest seq, or 0 if the store is empty.
   std::int64_t maxSeq();
+  /// Returns the number of records.
   std::int64_t count();
+  /// Returns the number of records that match.
   std::int64_t countMatching(const LogQuery& query);
 
-  // Every matching seq greater than `after`, ascending.
+  /// Returns the seqs greater than `after` of all records that match, ascending.
   std::vector<std::int64_t> matchingSeqs(const LogQuery& query, std::int64_t after);
 
-  // The detail lines of SQLite's plan for the statement of matchingSeqs.
+  /// Returns the detail lines of SQLite's plan for the statement of matchingSeqs(). The list is
+  /// empty if SQLite refuses the statement.
   std::vector<std::string> matchingSeqsQueryPlan(const LogQuery& query, std::int64_t after);
 
-  // The records with a seq from `first` to `last`, both included, ascending.
+  /// Returns the records with a seq from `first` to `last`, both included, ascending.
   std::vector<FetchedRow> fetchRange(std::int64_t first, std::int64_t last);
 
-  // The stored records among `seqs`, ascending by seq, each once. Empty when there are more numbers
-  // than SQLite takes parameters.
+  /// Returns the stored records among `seqs`, ascending by seq, each once. The list is empty if
+  /// there are more numbers than SQLite takes parameters (250,000 on Debian).
   std::vector<FetchedRow> fetch(std::span<const std::int64_t> seqs);
 
-  // Distinct non-empty values of a slot column, most frequent first, equal counts in byte order;
-  // any other column gives none. `limit` must fit 32 bits; a negative one means no limit.
+  /// Returns the distinct non-empty values of a slot column among the records that match (all
+  /// records without `matching`) and that begin with `prefix`, the most frequent value first, equal
+  /// counts in byte order. Any other column has none. The case of ASCII letters in `prefix` does
+  /// not matter. `limit` is clamped to 32 bits; a negative limit means no limit.
   std::vector<std::string> distinctValues(const StoreColumn& column,
                                           const std::optional<LogQuery>& matching,
                                           const std::optional<std::string>& prefix,
                                           std::int64_t limit);
+  /// Returns the distinct values of all records with their counts, in the same order and with the
+  /// same `limit`.
   std::vector<ValueCount> distinctValuesWithCounts(const StoreColumn& column, std::int64_t limit);
 
-  // Pages in use, in bytes; the file may be larger.
+  /// Returns the size in bytes of the pages in use. The file may be larger.
   std::int64_t usedBytes();
 
  private:
-  struct Deletable;
+  explicit EventStore(SourceDescriptor descriptor);
 
-  explicit EventStore(SourceDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
-
-  void probeCapabilities();
-  void applySettings();
   void createSchema();
-
-  bool prepareInserts();
-  bool writeRows(std::span<const LogRow> rows);
-  bool writeRow(const LogRow& row);
-  std::int64_t storableMicroseconds(Timestamp timestamp);
-  std::vector<Deletable> oldestRows(std::int32_t chunk);
-  std::int64_t deleteOldest(std::int32_t chunk);
-  bool deleteRows(const std::vector<Deletable>& rows);
-
   LogQuery rewrittenForCapabilities(const LogQuery& query) const;
-  Statement prepareMatching(const char* prefix, const LogQuery& query, std::int64_t after);
 
-  Connection db_;
-  Statement insertStmt_;  // prepared by the first insert, kept until closing
-  Statement ftsInsertStmt_;
+  std::unique_ptr<OpenDatabase> database_;  // null in an inert, closed or moved-from store
   SourceDescriptor descriptor_;
   bool ftsAvailable_ = false;
   bool jsonAvailable_ = false;
-  bool hasClampedTimestamp_ = false;
   std::int64_t insertedRows_ = 0;
 };
 

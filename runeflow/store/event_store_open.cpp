@@ -1,8 +1,12 @@
 #include <fmt/format.h>
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <utility>
+
 #include "runeflow/platform/app_log_p.h"
 #include "runeflow/store/event_store.h"
+#include "runeflow/store/open_database_p.h"
 
 namespace runeflow {
 namespace {
@@ -19,21 +23,72 @@ constexpr const char* kCreateFullText =
     "CREATE VIRTUAL TABLE IF NOT EXISTS events_fts USING fts5(message, content='events', "
     "content_rowid='seq', tokenize='unicode61');";
 
-// To SQLite the empty name is a temporary database, and a NUL ends the name.
+// SQLite takes the empty name for a temporary database, and a NUL ends the name.
 Connection openFile(const std::string& path, int flags) {
   if (path.empty() || path.find('\0') != std::string::npos) return {};
   return Connection::open(path, flags | SQLITE_OPEN_NOMUTEX);
 }
 
+void applySettings(Connection& connection) {
+  for (const char* setting : {"PRAGMA journal_mode=WAL;", "PRAGMA synchronous=OFF;",
+                              "PRAGMA temp_store=MEMORY;", "PRAGMA busy_timeout=5000;"}) {
+    connection.execute(setting);
+  }
+}
+
+std::string indexName(const StoreColumn& column) {
+  return "i_" + column.sql();
+}
+
+std::optional<StoreColumn> columnOfIndex(const std::string& name) {
+  std::vector<StoreColumn> columns = {StoreColumn::level(), StoreColumn::timestamp(),
+                                      StoreColumn::message()};
+  for (int slot = 0; slot < static_cast<int>(LogRow::slotCount); ++slot) {
+    columns.push_back(StoreColumn::slot(slot));
+  }
+  const auto found = std::ranges::find(columns, name, indexName);
+  return found == columns.end() ? std::nullopt : std::optional(*found);
+}
+
+StoreFault faultOf(const Connection& connection) {
+  if (!connection) return StoreFault::cannotOpen;
+  switch (connection.errorCode()) {
+    case SQLITE_ERROR:  // no such table, no such column
+      return StoreFault::noEvents;
+    case SQLITE_NOTADB:
+      return StoreFault::notADatabase;
+    case SQLITE_CORRUPT:
+      return StoreFault::damaged;
+    case SQLITE_CANTOPEN:
+      return StoreFault::cannotOpen;
+    case SQLITE_READONLY:
+      return StoreFault::readOnly;
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+      return StoreFault::locked;
+    default:
+      return StoreFault::other;
+  }
+}
+
 }  // namespace
+
+EventStore::EventStore(SourceDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
+EventStore::EventStore(EventStore&&) noexcept = default;
+EventStore& EventStore::operator=(EventStore&&) noexcept = default;
+EventStore::~EventStore() = default;
 
 std::optional<EventStore> EventStore::open(const std::string& path, bool create,
                                            SourceDescriptor descriptor) {
+  auto connection = openFile(path, SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0));
+  if (!connection) return std::nullopt;
   EventStore store(std::move(descriptor));
-  store.db_ = openFile(path, SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0));
-  if (!store.db_) return std::nullopt;
-  store.probeCapabilities();
-  store.applySettings();
+  store.ftsAvailable_ =
+      connection.execute("CREATE VIRTUAL TABLE IF NOT EXISTS temp.__fts_probe USING fts5(x);");
+  connection.execute("DROP TABLE IF EXISTS temp.__fts_probe;");
+  store.jsonAvailable_ = connection.execute("SELECT json_extract('{}', '$.x');");
+  applySettings(connection);
+  store.database_ = std::make_unique<OpenDatabase>(std::move(connection));
   if (create) store.createSchema();
   return store;
 }
@@ -42,7 +97,8 @@ StoreInfo EventStore::inspect(const std::string& path) {
   StoreInfo info;
   Connection db = openFile(path, SQLITE_OPEN_READONLY);
   const auto failed = [&] {
-    info.error = db ? db.errorText() : "unable to open database file";
+    info.fault = faultOf(db);
+    info.faultText = db ? db.errorText() : "unable to open database file";
     return info;
   };
   Statement tables = db.prepare("SELECT count(*) FROM sqlite_schema");
@@ -50,11 +106,13 @@ StoreInfo EventStore::inspect(const std::string& path) {
   info.isEmpty = tables.integer(0) == 0;
   Statement events = db.prepare("SELECT seq,ts,level,message FROM events LIMIT 1");
   if (!events || events.step() == Statement::Step::error) return failed();
-  info.hasEvents = true;
   info.hasFullText = static_cast<bool>(db.prepare("SELECT rowid FROM events_fts LIMIT 1"));
   Statement names = db.prepare(
       "SELECT name FROM sqlite_schema WHERE type='index' AND tbl_name='events' ORDER BY rowid");
-  while (names && names.stepsToRow()) info.indexes.push_back(names.text(0));
+  while (names && names.stepsToRow()) {
+    const auto& name = info.indexes.emplace_back(names.text(0));
+    if (const auto column = columnOfIndex(name)) info.indexedColumns.push_back(*column);
+  }
   return info;
 }
 
@@ -63,36 +121,23 @@ EventStore EventStore::inert(SourceDescriptor descriptor) {
 }
 
 void EventStore::close() {
-  insertStmt_.finalize();
-  ftsInsertStmt_.finalize();
-  db_.close();
+  database_.reset();
 }
 
-void EventStore::probeCapabilities() {
-  ftsAvailable_ = db_.execute("CREATE VIRTUAL TABLE IF NOT EXISTS temp.__fts_probe USING fts5(x);");
-  db_.execute("DROP TABLE IF EXISTS temp.__fts_probe;");
-  jsonAvailable_ = db_.execute("SELECT json_extract('{}', '$.x');");
-}
-
-void EventStore::applySettings() {
-  for (const char* setting : {"PRAGMA journal_mode=WAL;", "PRAGMA synchronous=OFF;",
-                              "PRAGMA temp_store=MEMORY;", "PRAGMA busy_timeout=5000;"}) {
-    db_.execute(setting);
-  }
-}
-
-// A statement that fails here shows later, in the writes and reads that miss it.
+// A statement that fails here shows later: the writes and reads that need its table fail.
 void EventStore::createSchema() {
   if (const auto fault = descriptor_.validationError()) {
     AppLog::logError(AppLog::store(), "invalid SourceDescriptor '{}': {}", descriptor_.id(),
                      *fault);
   }
-  db_.execute(kCreateEvents);
+  auto& db = database_->connection;
+  db.execute(kCreateEvents);
   for (const auto& column : descriptor_.indexedColumns()) {
-    const auto name = column.sql();
-    db_.execute(fmt::format("CREATE INDEX IF NOT EXISTS i_{0} ON events({0}, seq);", name).c_str());
+    db.execute(fmt::format("CREATE INDEX IF NOT EXISTS {} ON events({}, seq);", indexName(column),
+                           column.sql())
+                   .c_str());
   }
-  if (ftsAvailable_) db_.execute(kCreateFullText);
+  if (ftsAvailable_) db.execute(kCreateFullText);
 }
 
 }  // namespace runeflow

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "runeflow/store/event_store.h"
+#include "runeflow/store/open_database_p.h"
 
 namespace runeflow {
 namespace {
@@ -70,6 +71,20 @@ int bindAll(Statement& statement, int index, const std::vector<Bind>& binds) {
   return index;
 }
 
+// The statement of matchingSeqs() behind `prefix`.
+Statement prepareMatching(OpenDatabase* database, const char* prefix, const LogQuery& query,
+                          std::int64_t after) {
+  const auto [clause, binds] = query.compile();
+  Statement statement = prepare(
+      database,
+      fmt::format("{}SELECT seq FROM events WHERE seq > ? AND {} ORDER BY seq", prefix, clause));
+  if (statement) {
+    statement.bind(1, after);
+    bindAll(statement, 2, binds);
+  }
+  return statement;
+}
+
 std::int32_t limitParameter(std::int64_t limit) {
   using Int32 = std::numeric_limits<std::int32_t>;
   return static_cast<std::int32_t>(std::clamp<std::int64_t>(limit, Int32::min(), Int32::max()));
@@ -78,20 +93,20 @@ std::int32_t limitParameter(std::int64_t limit) {
 }  // namespace
 
 std::int64_t EventStore::minSeq() {
-  return db_.scalar("SELECT min(seq) FROM events");
+  return scalar(database_.get(), "SELECT min(seq) FROM events");
 }
 
 std::int64_t EventStore::maxSeq() {
-  return db_.scalar("SELECT max(seq) FROM events");
+  return scalar(database_.get(), "SELECT max(seq) FROM events");
 }
 
 std::int64_t EventStore::count() {
-  return db_.scalar("SELECT count(*) FROM events");
+  return scalar(database_.get(), "SELECT count(*) FROM events");
 }
 
 std::int64_t EventStore::countMatching(const LogQuery& query) {
   const auto [clause, binds] = rewrittenForCapabilities(query).compile();
-  Statement statement = db_.prepare("SELECT count(*) FROM events WHERE " + clause);
+  Statement statement = prepare(database_.get(), "SELECT count(*) FROM events WHERE " + clause);
   if (!statement) return 0;
   bindAll(statement, 1, binds);
   return statement.stepsToRow() ? statement.integer(0) : 0;
@@ -102,21 +117,10 @@ LogQuery EventStore::rewrittenForCapabilities(const LogQuery& query) const {
   return jsonAvailable_ ? rewritten : rewritten.withContextAsSubstringScan();
 }
 
-Statement EventStore::prepareMatching(const char* prefix, const LogQuery& query,
-                                      std::int64_t after) {
-  const auto [clause, binds] = rewrittenForCapabilities(query).compile();
-  Statement statement = db_.prepare(
-      fmt::format("{}SELECT seq FROM events WHERE seq > ? AND {} ORDER BY seq", prefix, clause));
-  if (statement) {
-    statement.bind(1, after);
-    bindAll(statement, 2, binds);
-  }
-  return statement;
-}
-
 std::vector<std::int64_t> EventStore::matchingSeqs(const LogQuery& query, std::int64_t after) {
   std::vector<std::int64_t> seqs;
-  Statement statement = prepareMatching("", query, after);
+  Statement statement =
+      prepareMatching(database_.get(), "", rewrittenForCapabilities(query), after);
   if (!statement) return seqs;
   while (statement.stepsToRow()) seqs.push_back(statement.integer(0));
   return seqs;
@@ -126,7 +130,8 @@ std::vector<std::string> EventStore::matchingSeqsQueryPlan(const LogQuery& query
                                                            std::int64_t after) {
   constexpr int kDetailColumn = 3;
   std::vector<std::string> details;
-  Statement statement = prepareMatching("EXPLAIN QUERY PLAN ", query, after);
+  Statement statement = prepareMatching(database_.get(), "EXPLAIN QUERY PLAN ",
+                                        rewrittenForCapabilities(query), after);
   if (!statement) return details;
   while (statement.stepsToRow()) {
     if (auto detail = statement.optionalText(kDetailColumn)) details.push_back(std::move(*detail));
@@ -135,7 +140,8 @@ std::vector<std::string> EventStore::matchingSeqsQueryPlan(const LogQuery& query
 }
 
 std::vector<FetchedRow> EventStore::fetchRange(std::int64_t first, std::int64_t last) {
-  Statement statement = db_.prepare(
+  Statement statement = prepare(
+      database_.get(),
       fmt::format("SELECT {} FROM events WHERE seq BETWEEN ? AND ? ORDER BY seq", kRecordColumns));
   if (!statement) return {};
   statement.bind(1, first);
@@ -151,8 +157,9 @@ std::vector<FetchedRow> EventStore::fetch(std::span<const std::int64_t> seqs) {
   std::string placeholders = "?";
   placeholders.reserve(seqs.size() * 2);
   for (std::size_t i = 1; i < seqs.size(); ++i) placeholders += ",?";
-  Statement statement = db_.prepare(fmt::format(
-      "SELECT {} FROM events WHERE seq IN ({}) ORDER BY seq", kRecordColumns, placeholders));
+  Statement statement =
+      prepare(database_.get(), fmt::format("SELECT {} FROM events WHERE seq IN ({}) ORDER BY seq",
+                                           kRecordColumns, placeholders));
   if (!statement) return {};
   int index = 1;
   for (const auto seq : seqs) statement.bind(index++, seq);
@@ -176,9 +183,11 @@ std::vector<std::string> EventStore::distinctValues(const StoreColumn& column,
     conditions += fmt::format(" AND {} LIKE ? ESCAPE '\\'", name);
     binds.push_back(Bind::text(LogQuery::escapeLike(*prefix) + "%"));
   }
-  Statement statement = db_.prepare(fmt::format(
-      "SELECT {0} FROM events WHERE {1} GROUP BY {0} ORDER BY count(*) DESC, {0} ASC LIMIT ?", name,
-      conditions));
+  Statement statement = prepare(
+      database_.get(),
+      fmt::format(
+          "SELECT {0} FROM events WHERE {1} GROUP BY {0} ORDER BY count(*) DESC, {0} ASC LIMIT ?",
+          name, conditions));
   std::vector<std::string> values;
   if (!statement) return values;
   statement.bindInt32(bindAll(statement, 1, binds), limitParameter(limit));
@@ -191,10 +200,12 @@ std::vector<std::string> EventStore::distinctValues(const StoreColumn& column,
 std::vector<ValueCount> EventStore::distinctValuesWithCounts(const StoreColumn& column,
                                                              std::int64_t limit) {
   if (!std::holds_alternative<StoreColumn::Slot>(column.value())) return {};
-  Statement statement = db_.prepare(fmt::format(
-      "SELECT {0}, count(*) FROM events WHERE {0} IS NOT NULL AND {0} <> '' GROUP BY {0} "
-      "ORDER BY count(*) DESC, {0} ASC LIMIT ?",
-      column.sql()));
+  Statement statement = prepare(
+      database_.get(),
+      fmt::format(
+          "SELECT {0}, count(*) FROM events WHERE {0} IS NOT NULL AND {0} <> '' GROUP BY {0} "
+          "ORDER BY count(*) DESC, {0} ASC LIMIT ?",
+          column.sql()));
   std::vector<ValueCount> values;
   if (!statement) return values;
   statement.bindInt32(1, limitParameter(limit));

@@ -1,9 +1,12 @@
+#include <algorithm>
 #include <cmath>
 #include <limits>
+#include <utility>
 
 #include "runeflow/model/json_text_p.h"
 #include "runeflow/platform/app_log_p.h"
 #include "runeflow/store/event_store.h"
+#include "runeflow/store/open_database_p.h"
 
 namespace runeflow {
 namespace {
@@ -25,68 +28,19 @@ void bindContext(Statement& statement, const std::optional<LogRow::Context>& ctx
   }
 }
 
-}  // namespace
-
-void EventStore::insert(std::span<const LogRow> rows) {
-  if (rows.empty() || !db_) return;
-  if (!prepareInserts()) {
-    AppLog::logError(AppLog::store(), "insert: statement unavailable, dropped {} rows: {}",
-                     rows.size(), db_.errorText());
-    return;
-  }
-  Transaction transaction(db_);
-  if (!transaction.began()) {
-    AppLog::logError(AppLog::store(), "insert: BEGIN failed, dropped {} rows: {}", rows.size(),
-                     db_.errorText());
-    return;
-  }
-  if (writeRows(rows) && transaction.commit()) {
-    insertedRows_ += static_cast<std::int64_t>(rows.size());
-    return;
-  }
-  AppLog::logError(AppLog::store(), "insert: write failed, dropped {} rows: {}", rows.size(),
-                   db_.errorText());
+// Without its full-text statement (the file was made by an SQLite without FTS5) rows are stored and
+// not indexed.
+bool prepareInserts(OpenDatabase& database, bool ftsAvailable) {
+  auto& [connection, insertRow, insertFullText, hasLogged] = database;
+  if (!insertRow) insertRow = connection.prepare(kInsertRow);
+  if (ftsAvailable && !insertFullText) insertFullText = connection.prepare(kInsertFullText);
+  return static_cast<bool>(insertRow);
 }
 
-// Without its full-text statement (the file was made by an SQLite without FTS5) rows are stored all
-// the same, and not indexed.
-bool EventStore::prepareInserts() {
-  if (!insertStmt_) insertStmt_ = db_.prepare(kInsertRow);
-  if (ftsAvailable_ && !ftsInsertStmt_) ftsInsertStmt_ = db_.prepare(kInsertFullText);
-  return static_cast<bool>(insertStmt_);
-}
-
-bool EventStore::writeRows(std::span<const LogRow> rows) {
-  for (const auto& row : rows) {
-    if (!writeRow(row)) return false;
-  }
-  return true;
-}
-
-// Statements are reset before use, not after: one that a failed batch left behind is ready again.
-bool EventStore::writeRow(const LogRow& row) {
-  insertStmt_.reset();
-  insertStmt_.bind(1, storableMicroseconds(row.timestamp()));
-  insertStmt_.bind(2, rawValue(row.level()));
-  for (int slot = 0; slot < static_cast<int>(LogRow::slotCount); ++slot) {
-    insertStmt_.bind(kFirstSlotParameter + slot, row.slot(slot));
-  }
-  insertStmt_.bind(kMessageParameter, row.message());
-  bindContext(insertStmt_, row.ctx());
-  if (!insertStmt_.stepsToEnd()) return false;
-
-  if (!ftsInsertStmt_) return true;
-  ftsInsertStmt_.reset();
-  ftsInsertStmt_.bind(1, db_.lastInsertRowId());
-  ftsInsertStmt_.bind(2, row.message());
-  return ftsInsertStmt_.stepsToEnd();
-}
-
-std::int64_t EventStore::storableMicroseconds(Timestamp timestamp) {
+std::int64_t storableMicroseconds(OpenDatabase& database, Timestamp timestamp) {
   if (const auto microseconds = microsecondsSinceEpoch(timestamp)) return *microseconds;
   const double seconds = timestamp.time_since_epoch().count();
-  if (!hasClampedTimestamp_) {
-    hasClampedTimestamp_ = true;
+  if (!std::exchange(database.hasLoggedClampedTimestamp, true)) {
     AppLog::logError(AppLog::store(),
                      "insert: a timestamp of {} s cannot be stored and was clamped", seconds);
   }
@@ -95,73 +49,121 @@ std::int64_t EventStore::storableMicroseconds(Timestamp timestamp) {
   return seconds > 0 ? kFarthest : -kFarthest;
 }
 
-void EventStore::clear() {
-  if (!db_.execute("DELETE FROM events;")) {
-    AppLog::logError(AppLog::store(), "clear: DELETE failed: {}", db_.errorText());
+// Statements are reset before use, not after, because a failed batch leaves them where they were.
+bool writeRow(OpenDatabase& database, const LogRow& row) {
+  auto& [connection, insertRow, insertFullText, hasLogged] = database;
+  insertRow.reset();
+  insertRow.bind(1, storableMicroseconds(database, row.timestamp()));
+  insertRow.bind(2, rawValue(row.level()));
+  for (int slot = 0; slot < static_cast<int>(LogRow::slotCount); ++slot) {
+    insertRow.bind(kFirstSlotParameter + slot, row.slot(slot));
   }
-  if (ftsAvailable_) db_.execute("INSERT INTO events_fts(events_fts) VALUES('delete-all');");
+  insertRow.bind(kMessageParameter, row.message());
+  bindContext(insertRow, row.ctx());
+  if (!insertRow.stepsToEnd()) return false;
+
+  if (!insertFullText) return true;
+  insertFullText.reset();
+  insertFullText.bind(1, connection.lastInsertRowId());
+  insertFullText.bind(2, row.message());
+  return insertFullText.stepsToEnd();
 }
 
-// One row on its way out: an external-content full-text index forgets a row only when it is told
-// the message that it indexed.
-struct EventStore::Deletable {
+// A row that a trim deletes. The full-text index has no content of its own: to delete an entry, it
+// must be given the message that it indexed.
+struct TrimmedRow {
   std::int64_t seq;
   std::optional<std::string> message;
 };
 
-std::optional<std::int64_t> EventStore::trimOldest(std::int64_t toUsedBytes, std::int64_t chunk) {
-  // To SQLite a negative LIMIT means no limit.
-  if (chunk < 1 || chunk > std::numeric_limits<std::int32_t>::max()) return std::nullopt;
-  if (!db_ || toUsedBytes < 1) return std::nullopt;
-  if (usedBytes() < toUsedBytes) return std::nullopt;
-  if (deleteOldest(static_cast<std::int32_t>(chunk)) < 1) return std::nullopt;
-  return db_.scalar("SELECT min(seq) FROM events");
-}
-
-std::int64_t EventStore::usedBytes() {
-  const auto pages = db_.scalar("PRAGMA page_count");
-  const auto freePages = db_.scalar("PRAGMA freelist_count");
-  return (pages - freePages) * db_.scalar("PRAGMA page_size");
-}
-
-std::int64_t EventStore::deleteOldest(std::int32_t chunk) {
-  const auto rows = oldestRows(chunk);
-  if (rows.empty()) return 0;
-  Transaction transaction(db_);
-  if (!transaction.began()) {
-    AppLog::logError(AppLog::store(), "trim: BEGIN failed: {}", db_.errorText());
-    return 0;
-  }
-  if (deleteRows(rows) && transaction.commit()) return static_cast<std::int64_t>(rows.size());
-  AppLog::logError(AppLog::store(), "trim: delete failed, rolling back: {}", db_.errorText());
-  return 0;
-}
-
-std::vector<EventStore::Deletable> EventStore::oldestRows(std::int32_t chunk) {
-  std::vector<Deletable> rows;
-  Statement oldest = db_.prepare("SELECT seq, message FROM events ORDER BY seq LIMIT ?");
+std::vector<TrimmedRow> oldestRows(Connection& connection, std::int32_t chunk) {
+  std::vector<TrimmedRow> rows;
+  Statement oldest = connection.prepare("SELECT seq, message FROM events ORDER BY seq LIMIT ?");
   if (!oldest) return rows;
   oldest.bindInt32(1, chunk);
   while (oldest.stepsToRow()) rows.push_back({oldest.integer(0), oldest.optionalText(1)});
   return rows;
 }
 
-bool EventStore::deleteRows(const std::vector<Deletable>& rows) {
-  if (ftsAvailable_) {
-    Statement forget =
-        db_.prepare("INSERT INTO events_fts(events_fts, rowid, message) VALUES('delete', ?, ?)");
-    if (!forget) return false;
-    for (const auto& row : rows) {
-      forget.reset();
-      forget.bind(1, row.seq);
-      forget.bind(2, row.message);
-      if (!forget.stepsToEnd()) return false;
-    }
-  }
-  Statement remove = db_.prepare("DELETE FROM events WHERE seq <= ?");
+bool deleteFromIndex(Connection& connection, const std::vector<TrimmedRow>& rows) {
+  Statement remove = connection.prepare(
+      "INSERT INTO events_fts(events_fts, rowid, message) VALUES('delete', ?, ?)");
   if (!remove) return false;
-  remove.bind(1, rows.back().seq);
+  for (const auto& row : rows) {
+    remove.reset();
+    remove.bind(1, row.seq);
+    remove.bind(2, row.message);
+    if (!remove.stepsToEnd()) return false;
+  }
+  return true;
+}
+
+bool deleteUpTo(Connection& connection, std::int64_t seq) {
+  Statement remove = connection.prepare("DELETE FROM events WHERE seq <= ?");
+  if (!remove) return false;
+  remove.bind(1, seq);
   return remove.stepsToEnd();
+}
+
+// Returns how many rows it deleted.
+std::size_t deleteOldest(Connection& connection, std::int32_t chunk, bool ftsAvailable) {
+  const auto rows = oldestRows(connection, chunk);
+  if (rows.empty()) return 0;
+  Transaction transaction(connection);
+  if (!transaction.began()) {
+    AppLog::logError(AppLog::store(), "trim: BEGIN failed: {}", connection.errorText());
+    return 0;
+  }
+  const bool isDeleted = (!ftsAvailable || deleteFromIndex(connection, rows)) &&
+                         deleteUpTo(connection, rows.back().seq);
+  if (isDeleted && transaction.commit()) return rows.size();
+  AppLog::logError(AppLog::store(), "trim: delete failed, rolling back: {}",
+                   connection.errorText());
+  return 0;
+}
+
+}  // namespace
+
+void EventStore::insert(std::span<const LogRow> rows) {
+  if (rows.empty() || !database_) return;
+  auto& connection = database_->connection;
+  const auto failed = [&](std::string_view step) {
+    AppLog::logError(AppLog::store(), "insert: {}, dropped {} rows: {}", step, rows.size(),
+                     connection.errorText());
+  };
+  if (!prepareInserts(*database_, ftsAvailable_)) return failed("statement unavailable");
+  Transaction transaction(connection);
+  if (!transaction.began()) return failed("BEGIN failed");
+  const auto write = [this](const LogRow& row) { return writeRow(*database_, row); };
+  if (!std::ranges::all_of(rows, write) || !transaction.commit()) return failed("write failed");
+  insertedRows_ += static_cast<std::int64_t>(rows.size());
+}
+
+void EventStore::clear() {
+  if (!database_) return AppLog::logError(AppLog::store(), "clear: DELETE failed: no database handle");
+  auto& connection = database_->connection;
+  if (!connection.execute("DELETE FROM events;")) {
+    AppLog::logError(AppLog::store(), "clear: DELETE failed: {}", connection.errorText());
+  }
+  if (ftsAvailable_) {
+    connection.execute("INSERT INTO events_fts(events_fts) VALUES('delete-all');");
+  }
+}
+
+std::optional<std::int64_t> EventStore::trimOldest(std::int64_t toUsedBytes, std::int64_t chunk) {
+  // SQLite takes a negative LIMIT for no limit.
+  if (chunk < 1 || chunk > std::numeric_limits<std::int32_t>::max()) return std::nullopt;
+  if (!database_ || toUsedBytes < 1 || usedBytes() < toUsedBytes) return std::nullopt;
+  if (deleteOldest(database_->connection, static_cast<std::int32_t>(chunk), ftsAvailable_) == 0) {
+    return std::nullopt;
+  }
+  return minSeq();
+}
+
+std::int64_t EventStore::usedBytes() {
+  const auto pages = scalar(database_.get(), "PRAGMA page_count");
+  const auto freePages = scalar(database_.get(), "PRAGMA freelist_count");
+  return (pages - freePages) * scalar(database_.get(), "PRAGMA page_size");
 }
 
 }  // namespace runeflow

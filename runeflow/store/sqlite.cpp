@@ -10,17 +10,17 @@
 namespace runeflow {
 namespace {
 
-// With SQLITE_USE_URI compiled in, a name that begins with "file:" is parsed as a URI; ":memory:"
-// would be a database of this connection alone.
+// SQLite built with SQLITE_USE_URI parses a name that begins with "file:" as a URI, and ":memory:"
+// names a database in memory.
 std::string asFileName(const std::string& path) {
   return path.starts_with("file:") || path == ":memory:" ? "./" + path : path;
 }
 
 constexpr int kBusyMilliseconds = 5000;
 
-// Absent for NULL; valid until the next step. Asking the value itself saves a text and a length
-// read through the statement, which would cost a fetched record a fifth of its time. Such a value
-// must not be read by two threads, and a statement never is.
+// Returns absence for NULL; the view is valid until the next step. Reading text and length from the
+// value, not through the statement, saves a fifth of the time of fetching a record. Two threads
+// must not read such a value at once; no statement is used by two threads.
 std::optional<std::string_view> textOf(sqlite3_stmt* statement, int column) {
   sqlite3_value* value = sqlite3_column_value(statement, column);
   const auto* bytes = reinterpret_cast<const char*>(sqlite3_value_text(value));
@@ -101,12 +101,9 @@ Connection Connection::open(const std::string& path, int flags) {
   sqlite3* handle = nullptr;
   const int result = sqlite3_open_v2(asFileName(path).c_str(), &handle, flags, nullptr);
   Connection connection;
-  connection.handle_.reset(handle);  // a failed open may still have made a handle to close
-  if (result != SQLITE_OK) {
-    connection.close();
-  } else {
-    sqlite3_busy_timeout(handle, kBusyMilliseconds);
-  }
+  connection.handle_.reset(handle);  // a failed open may leave a handle that must be closed
+  if (result != SQLITE_OK) return {};
+  sqlite3_busy_timeout(handle, kBusyMilliseconds);
   return connection;
 }
 
@@ -125,13 +122,13 @@ std::int64_t Connection::lastInsertRowId() const {
   return handle_ ? sqlite3_last_insert_rowid(handle_.get()) : 0;
 }
 
-std::int64_t Connection::scalar(const std::string& sql) {
-  Statement statement = prepare(sql);
-  return statement && statement.stepsToRow() ? statement.integer(0) : 0;
+int Connection::errorCode() const {
+  constexpr int kPrimaryCode = 0xff;
+  return handle_ ? sqlite3_errcode(handle_.get()) & kPrimaryCode : SQLITE_MISUSE;
 }
 
 std::string Connection::errorText() const {
-  return handle_ ? sqlite3_errmsg(handle_.get()) : "no database handle";
+  return sqlite3_errmsg(handle_.get());  // of no connection: "out of memory"
 }
 
 Transaction::Transaction(Connection& connection)

@@ -1,7 +1,7 @@
 // SQLite's C interface with owners: a connection, a prepared statement, a transaction.
 //
-// Nothing here throws or logs; failure is a false result, and the connection holds its text. Only
-// the store's own sources use these types.
+// Nothing here throws or logs. A function reports failure by its result, and the connection holds
+// SQLite's text for it.
 #pragma once
 
 #include <cstdint>
@@ -18,8 +18,9 @@ namespace runeflow {
 
 class Bind;
 
-// Owns a prepared statement and finalizes it. One without a statement (default-made, moved-from, or
-// not to be prepared) is false, and only that may be asked of it.
+// Owns a prepared statement and finalizes it. A default-constructed or moved-from object, and one
+// whose SQL could not be prepared, owns none and converts to false; the caller must not use any
+// other member of it.
 class Statement {
  public:
   enum class Step { row, done, error };
@@ -27,11 +28,10 @@ class Statement {
   Statement() = default;
 
   explicit operator bool() const { return handle_ != nullptr; }
-  void finalize() { handle_.reset(); }
 
   // Parameters count from 1. Text is copied, up to its first NUL character.
   void bind(int index, std::int64_t value);
-  void bind(int index, const std::optional<std::string_view>& text);  // absent is NULL
+  void bind(int index, const std::optional<std::string_view>& text);  // absent binds NULL
   void bind(int index, const Bind& value);
   void bindInt32(int index, std::int32_t value);
   void bindNull(int index);
@@ -45,7 +45,8 @@ class Statement {
   std::int64_t integer(int column) const;
   std::string text(int column) const;  // NULL reads as the empty text
   std::optional<std::string> optionalText(int column) const;
-  // The texts of consecutive columns, NULL as absent; valid until the next step.
+  // Reads the texts of consecutive columns, NULL as absent. The views are valid until the next
+  // step.
   void readTexts(int column, std::span<std::optional<std::string_view>> texts) const;
 
  private:
@@ -57,27 +58,25 @@ class Statement {
   std::unique_ptr<sqlite3_stmt, Finalize> handle_;
 };
 
-// Owns a connection and closes it. Without one (default-made, moved-from, closed) every operation
-// fails and errorText() says "no database handle".
+// Owns a connection and closes it. A default-constructed or moved-from object owns none, and every
+// operation on it fails.
 class Connection {
  public:
   Connection() = default;
 
-  // `path` names a file even where SQLite would take it for something else. From its first
-  // statement on the connection waits up to 5 s for another one's lock.
+  // `path` names a file even where SQLite would take it for something else. The connection waits up
+  // to 5 s for locks of other connections, from its first statement on.
   static Connection open(const std::string& path, int flags);
 
   explicit operator bool() const { return handle_ != nullptr; }
-  void close() { handle_.reset(); }
 
   bool execute(const char* sql);
   Statement prepare(const std::string& sql);
   std::int64_t lastInsertRowId() const;
 
-  // The first column of the first row as an integer; 0 when there is none.
-  std::int64_t scalar(const std::string& sql);
-
-  // What SQLite last complained about. The next call on the connection may replace it.
+  // SQLite's primary result code and text of the last call that failed. The next call on the
+  // connection may replace them.
+  int errorCode() const;
   std::string errorText() const;
 
  private:
@@ -87,7 +86,7 @@ class Connection {
   std::unique_ptr<sqlite3, Close> handle_;
 };
 
-// Begins when made, rolls back when destroyed without a commit.
+// Begins a transaction when constructed and rolls it back when destroyed, unless it was committed.
 class Transaction {
  public:
   explicit Transaction(Connection& connection);

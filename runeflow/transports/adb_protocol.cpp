@@ -14,7 +14,8 @@
 namespace runeflow::ADBTransport {
 namespace {
 
-// Header and body leave together: the server never sees one without the other coming.
+// Sends the length and the request in one buffer, so that the server never receives a length whose
+// request has not been sent.
 bool sendRequest(int socket, std::string_view request) {
   const std::string message = fmt::format("{:04x}{}", request.size(), request);
   for (std::string_view rest = message; !rest.empty();) {
@@ -26,8 +27,8 @@ bool sendRequest(int socket, std::string_view request) {
   return true;
 }
 
-// Exactly `count` bytes; absent when the stream ends or fails before. Memory follows the bytes that
-// arrive, not the count that the other side claims.
+// Reads exactly `count` bytes. Absent if the stream ends or fails before. Memory grows with the
+// bytes that arrive, not with `count`, which comes from the other side.
 std::optional<std::string> readExactly(int socket, std::size_t count) {
   std::string bytes;
   std::array<char, 4096> chunk;
@@ -41,12 +42,13 @@ std::optional<std::string> readExactly(int socket, std::size_t count) {
   return bytes;
 }
 
-// "OKAY", or the word of a rejection.
+// Returns "OKAY" or the word of a rejection. Absent if there is no answer.
 std::optional<std::string> readStatus(int socket) {
   return readExactly(socket, 4);
 }
 
-// A sign is allowed, so "-000" is a length of 0; a negative one is none.
+// Absent if the header is not a hexadecimal number or the number is negative. A sign is allowed:
+// "-000" is a length of 0.
 std::optional<std::size_t> parseLength(const std::string& header) {
   if (header.starts_with("+-")) return std::nullopt;
   const char* const begin = header.data() + (header.starts_with('+') ? 1 : 0);
@@ -57,6 +59,8 @@ std::optional<std::size_t> parseLength(const std::string& header) {
   return static_cast<std::size_t>(length);
 }
 
+// Reads a text with its length in front. Absent if the length or the text is incomplete or
+// malformed.
 std::optional<std::string> readText(int socket) {
   const auto header = readExactly(socket, 4);
   if (!header) return std::nullopt;
@@ -71,8 +75,8 @@ bool contains(std::string_view text, std::string_view part) {
   return text.find(part) != std::string_view::npos;
 }
 
-// The length of the newline character that the text begins with; 0 when it begins with another.
-// CR LF may count as two, as empty lines are dropped.
+// Returns the length in bytes of the newline character at the start of `text`, or 0 if there is
+// none. CR LF counts as two newlines, which does no harm because empty lines are dropped.
 std::size_t newlineLength(std::string_view text) {
   if (text.front() >= '\n' && text.front() <= '\r') return 1;
   for (const std::string_view newline : {"\u0085", "\u2028", "\u2029"}) {
@@ -81,7 +85,7 @@ std::size_t newlineLength(std::string_view text) {
   return 0;
 }
 
-// Views into `text`; empty lines are dropped.
+// Returns the lines of `text`, except empty ones, as views into it.
 std::vector<std::string_view> lines(std::string_view text) {
   std::vector<std::string_view> found;
   std::size_t start = 0;
@@ -99,7 +103,7 @@ std::vector<std::string_view> lines(std::string_view text) {
   return found;
 }
 
-// Takes the next token off the line; empty at its end.
+// Takes the next token off `line`. Returns an empty view at the end of the line.
 std::string_view takeToken(std::string_view& line) {
   constexpr std::string_view kBlanks = " \t";
   line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
@@ -114,7 +118,7 @@ void setProperty(Device& device, std::string_view key, std::string_view value) {
   if (key == "device") device.device = value;
 }
 
-// Absent for a line of fewer than two tokens.
+// Absent if the line has fewer than two tokens.
 std::optional<Device> parseDevice(std::string_view line) {
   Device device{.serial = std::string(takeToken(line)), .state = std::string(takeToken(line))};
   if (device.state.empty()) return std::nullopt;

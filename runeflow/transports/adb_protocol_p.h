@@ -1,8 +1,8 @@
-// The conversation with the adb server over a connected stream socket.
+// The adb server's protocol on a connected stream socket.
 //
-// A request goes out as its length in four hexadecimal digits and its bytes; the answer is "OKAY"
-// or another word of four bytes with a reason behind it, written like a request. Nothing here
-// closes the socket.
+// A request is its length in four hexadecimal digits, followed by its bytes. The answer is "OKAY",
+// or another word of four bytes and then a reason, which has a length in front like a request. No
+// function here closes the socket.
 #pragma once
 
 #include <cstdint>
@@ -14,13 +14,14 @@
 
 namespace runeflow::ADBTransport {
 
-// Asks for the list of devices. `host` and `port` only serve the messages.
+// Requests the list of devices. `host` and `port` appear only in the error messages.
 std::expected<std::vector<Device>, ADBError> requestDevices(int socket, std::string_view host,
                                                             std::uint16_t port);
 
-// Asks for a service; on success nothing behind the "OKAY" has been read.
+// Requests a service. On success, reads nothing after the "OKAY".
 std::expected<void, ADBError> requestService(int socket, std::string_view request);
 
+// Returns one device per line of `text`. Skips lines with fewer than two tokens.
 std::vector<Device> parseDeviceList(std::string_view text);
 
 }  // namespace runeflow::ADBTransport

@@ -88,7 +88,8 @@ std::expected<int, ADBError> connectLogcat(std::string_view serial, std::string_
                                            std::uint16_t port, std::string_view command) {
   auto socket = connectToServer(host, port, kStreamTimeoutSeconds);
   if (!socket) return std::unexpected(socket.error());
-  // One after the other: the server drops a request that comes before its first answer was read.
+  // The second request waits for the answer to the first: the server drops a request that arrives
+  // before the client has read that answer.
   for (const auto& request :
        {fmt::format("host:transport:{}", serial), fmt::format("shell:{}", command)}) {
     if (const auto accepted = requestService(socket->get(), request); !accepted) {

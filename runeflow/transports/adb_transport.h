@@ -1,20 +1,25 @@
-// A client of the adb server, the daemon of Android's debug bridge on the developer's machine.
-//
-// It lists the devices that the server knows, chooses one, and opens a stream on which a shell
-// command runs on it: normally a logcat whose threadtime text LogcatDecoder reads. The server only
-// listens on loopback unless told otherwise; a host that is not loopback is reached as well.
-//
-//   const auto found = ADBTransport::devices(defaultHost, defaultPort);
-//   if (!found) return fail(found.error().message());
-//   const auto target = ADBTransport::pickTarget(*found);
-//   if (!target) return fail(ADBError::noDevices().message());
-//   if (!target->isReady()) return fail(ADBError::deviceNotReady(...).message());
-//   const auto fd = ADBTransport::connectLogcat(target->serial, ..., "logcat -v threadtime");
-//
-// All functions may run on any number of threads at once. Those with a host and a port block their
-// thread; only the connection itself has a time limit (3 s for a list, 5 s for a stream), a server
-// that accepts and then keeps silent is waited for. A server that closes the connection ends the
-// call with an error and raises no SIGPIPE.
+/// \file
+/// A client of the adb server, the part of Android's debug bridge that runs on the developer's
+/// machine.
+///
+/// The client lists the devices that the server knows, chooses one, and opens a stream on which a
+/// shell command runs on that device. The command is normally a logcat that prints the threadtime
+/// text that LogcatDecoder reads. By default the server listens only on loopback; the functions
+/// connect to any address.
+///
+///     namespace adb = ADBTransport;
+///     const auto found = adb::devices(adb::defaultHost, adb::defaultPort);
+///     if (!found) return fail(found.error().message());
+///     const auto target = adb::pickTarget(*found);
+///     if (!target) return fail(adb::ADBError::noDevices().message());
+///     if (!target->isReady()) return fail(adb::ADBError::deviceNotReady(…).message());
+///     const auto fd = adb::connectLogcat(target->serial, …, "logcat -v threadtime");
+///
+/// Any number of threads may call the functions at once. The functions that take a host and a port
+/// block their thread. Only connecting has a time limit, for each address of the host: 3 s in
+/// devices() and 5 s in connectLogcat(). If a server accepts the connection and then stays silent,
+/// the call waits without limit. If the server closes the connection, the call returns an error and
+/// raises no SIGPIPE.
 #pragma once
 
 #include <cstdint>
@@ -27,69 +32,111 @@
 #include <variant>
 #include <vector>
 
+/// Lists Android devices and opens streams from them.
 namespace runeflow::ADBTransport {
 
+class ADBError;
+
+/// The address on which an adb server listens by default.
 inline constexpr std::string_view defaultHost = "127.0.0.1";
+/// The TCP port on which an adb server listens by default.
 inline constexpr std::uint16_t defaultPort = 5037;
 
-// A device or emulator as the server lists it. Text that is not UTF-8 comes with U+FFFD in place.
+/// A device or emulator as the server lists it. Invalid UTF-8 in a text is replaced by U+FFFD.
 struct Device {
-  std::string serial;
-  std::string state;  // "device" when ready; other words ("offline", "unauthorized") when not
-  std::optional<std::string> product = std::nullopt;
-  std::optional<std::string> model = std::nullopt;
-  std::optional<std::string> device = std::nullopt;
+  std::string serial;  ///< The serial number by which the server addresses the device.
+  std::string state;   ///< "device" when ready; otherwise another word ("offline", "unauthorized").
+  std::optional<std::string> product = std::nullopt;  ///< The product name, if listed.
+  std::optional<std::string> model = std::nullopt;    ///< The model name, if listed.
+  std::optional<std::string> device = std::nullopt;   ///< The device code name, if listed.
 
+  /// Returns true if the serial begins with "emulator-".
   bool isEmulator() const { return serial.starts_with("emulator-"); }
+  /// Returns true if commands can be run on the device: its state is "device".
   bool isReady() const { return state == "device"; }
-  std::string displayName() const;  // "Pixel_7 (emulator-5554)", or the serial alone
+  /// Returns a name for the user: "Pixel_7 (emulator-5554)", or the serial if no model is listed.
+  std::string displayName() const;
 
   bool operator==(const Device&) const = default;
 };
 
+/// Returns the devices in the server's order. The list is empty if the server knows none. Fails
+/// with `ServerUnreachable` or `ProtocolFailure`.
+std::expected<std::vector<Device>, ADBError> devices(std::string_view host, std::uint16_t port);
+
+/// Chooses a device from `devices`. With a `serial`, returns the device with exactly that serial,
+/// whatever its state; absent if there is no such device. If `serial` is absent or empty, returns
+/// the first ready emulator, else the first ready device, else the first device; absent only if
+/// the list is empty. The caller must check whether the chosen device is ready.
+std::optional<Device> pickTarget(std::span<const Device> devices,
+                                 std::optional<std::string_view> serial = std::nullopt);
+
+/// Starts `command` in the shell of the device with `serial`. Returns a file descriptor, in
+/// blocking mode, that yields the command's output. The stream ends when the command ends or the
+/// device goes away. Closing the descriptor ends the command.
+///
+/// The caller owns the descriptor. The caller closes it or passes it to CaptureSession::run(),
+/// whose reader closes it when it ends. Fails with `ServerUnreachable`, `DeviceNotFound` or
+/// `ProtocolFailure`.
+std::expected<int, ADBError> connectLogcat(std::string_view serial, std::string_view host,
+                                           std::uint16_t port, std::string_view command);
+
+/// The error of devices() and connectLogcat().
 class ADBError {
  public:
+  /// The server could not be connected to, or the connection broke before it answered.
   struct ServerUnreachable {
-    std::string text;  // a complete sentence, as in the next two
+    std::string text;  ///< A complete sentence for the user.
     bool operator==(const ServerUnreachable&) const = default;
   };
+  /// The server rejected a request, or its answer could not be read.
   struct ProtocolFailure {
-    std::string text;
+    std::string text;  ///< The reason: the server's own text, or a phrase if it gave none.
     bool operator==(const ProtocolFailure&) const = default;
   };
+  /// The server does not know the device.
   struct DeviceNotFound {
-    std::string text;
+    std::string text;  ///< The server's own text.
     bool operator==(const DeviceNotFound&) const = default;
   };
+  /// The device is listed but not ready. No function here returns this case; it serves callers of
+  /// pickTarget().
   struct DeviceNotReady {
-    std::string serial;
-    std::string state;
+    std::string serial;  ///< The device's serial.
+    std::string state;   ///< The device's state in the list.
     bool operator==(const DeviceNotReady&) const = default;
   };
+  /// No device is listed. No function here returns this case; it serves callers of pickTarget().
   struct NoDevices {
     bool operator==(const NoDevices&) const = default;
   };
+  /// One of the five cases.
   using Value =
       std::variant<ServerUnreachable, ProtocolFailure, DeviceNotFound, DeviceNotReady, NoDevices>;
 
+  /// Makes a `ServerUnreachable`; `text` is a complete sentence for the user.
   static ADBError serverUnreachable(std::string text) {
     return ADBError(ServerUnreachable{std::move(text)});
   }
+  /// Makes a `ProtocolFailure`; message() puts "adb protocol error: " before `text`.
   static ADBError protocolFailure(std::string text) {
     return ADBError(ProtocolFailure{std::move(text)});
   }
+  /// Makes a `DeviceNotFound`; `text` is shown to the user unchanged.
   static ADBError deviceNotFound(std::string text) {
     return ADBError(DeviceNotFound{std::move(text)});
   }
-  // The next two are for callers of pickTarget; no function here returns them.
+  /// Makes a `DeviceNotReady`.
   static ADBError deviceNotReady(std::string serial, std::string state) {
     return ADBError(DeviceNotReady{std::move(serial), std::move(state)});
   }
+  /// Makes a `NoDevices`.
   static ADBError noDevices() { return ADBError(NoDevices{}); }
 
+  /// Returns the case, to be visited. The reference is valid as long as the error.
   const Value& value() const { return value_; }
 
-  // For the user.
+  /// Returns a message for the user.
   std::string message() const;
 
   bool operator==(const ADBError&) const = default;
@@ -98,20 +145,5 @@ class ADBError {
   explicit ADBError(Value value) : value_(std::move(value)) {}
   Value value_;
 };
-
-// The devices in the server's order; an empty list when there is none.
-std::expected<std::vector<Device>, ADBError> devices(std::string_view host, std::uint16_t port);
-
-// Starts `command` in the device's shell. The descriptor, in blocking mode, yields the command's
-// output and ends with the command or with the device. The caller owns it: it closes it, or hands
-// it to a CaptureSession, which closes it at the end of its reader. Closing it ends the command.
-std::expected<int, ADBError> connectLogcat(std::string_view serial, std::string_view host,
-                                           std::uint16_t port, std::string_view command);
-
-// With a serial, the device of exactly that serial in whatever state. Without (or with an empty
-// one) the first ready emulator, else the first ready device, else the first device, which is then
-// not ready.
-std::optional<Device> pickTarget(std::span<const Device> devices,
-                                 std::optional<std::string_view> serial = std::nullopt);
 
 }  // namespace runeflow::ADBTransport

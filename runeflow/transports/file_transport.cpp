@@ -9,7 +9,7 @@
 namespace runeflow::FileTransport {
 
 int openForReading(std::string_view path) {
-  // The system would stop at the NUL and open another file than the one asked for.
+  // open() would stop at the NUL and open a file other than the requested one.
   if (path.find('\0') != std::string_view::npos) {
     errno = ENOENT;
     return -1;

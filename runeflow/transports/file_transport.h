@@ -1,27 +1,33 @@
-// Saved logs as byte streams: a file opened for reading, to be captured like a live connection.
-//
-// The caller owns the returned descriptor: it closes it, or hands it to a CaptureSession, which
-// closes it at the end of its reader. All functions may run on any thread. A path is UTF-8 text,
-// given to the system as it stands.
+/// \file
+/// Saved logs as byte streams: opens a file, which a CaptureSession then reads like a live
+/// connection.
+///
+/// The caller owns the returned file descriptor. The caller closes it or passes it to
+/// CaptureSession::run(), whose reader closes it when it ends. All functions may be called from any
+/// thread. A path is UTF-8 text and goes to the operating system unchanged.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <string_view>
 
+/// Opens saved logs.
 namespace runeflow::FileTransport {
 
+/// Opens the file at `path` and returns a read-only descriptor, which is not closed on exec.
+/// Returns -1 if the file cannot be opened; errno is then as open() set it. A path that contains a
+/// NUL names no file: the result is -1 with errno ENOENT.
+int openForReading(std::string_view path);
+
+/// An open file and its length.
 struct OpenFile {
-  int fd;
-  std::int64_t byteCount;  // 0 also when the file's size cannot be told
+  int fd;                  ///< The descriptor, owned by the caller.
+  std::int64_t byteCount;  ///< The length in bytes when opened, or 0 if it cannot be determined.
   bool operator==(const OpenFile&) const = default;
 };
 
-// A descriptor in read-only mode; -1 when the file cannot be opened, with errno as open() set it.
-// A path that contains a NUL names no file: -1 with errno ENOENT.
-int openForReading(std::string_view path);
-
-// The same with the file's present length; absent when the file cannot be opened, errno as above.
+/// Opens the file as openForReading() does and determines its length. Absent if the file cannot be
+/// opened; errno is then set as for openForReading().
 std::optional<OpenFile> openForReadingWithSize(std::string_view path);
 
 }  // namespace runeflow::FileTransport

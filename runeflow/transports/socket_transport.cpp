@@ -23,9 +23,9 @@ struct FreeAddresses {
 };
 using AddressList = std::unique_ptr<addrinfo, FreeAddresses>;
 
-// Null when the host has no address.
+// Returns null if the host cannot be resolved.
 AddressList resolve(std::string_view host, std::uint16_t port) {
-  // The resolver would stop at the NUL and look up another host than the one asked for.
+  // The resolver would stop at the NUL and look up a host other than the requested one.
   if (host.find('\0') != std::string_view::npos) return nullptr;
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
@@ -38,7 +38,7 @@ AddressList resolve(std::string_view host, std::uint16_t port) {
 }
 
 ConnectError failure(int errorNumber) {
-  // The text of strerror().
+  // The category returns the text of strerror().
   return ConnectError::failed(std::generic_category().message(errorNumber));
 }
 

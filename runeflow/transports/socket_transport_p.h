@@ -1,4 +1,4 @@
-// The part of SocketTransport that follows the resolver.
+// The steps of SocketTransport::connect() other than name resolution.
 #pragma once
 
 #include <netdb.h>
@@ -11,10 +11,12 @@
 
 namespace runeflow::SocketTransport {
 
-// Whole milliseconds for poll(), never its negative "without end"; absent for what is not a number.
+// Returns `seconds` as whole milliseconds for poll(). Never returns a negative number, which poll()
+// takes as an infinite wait. Absent if `seconds` is NaN.
 std::optional<int> pollTimeout(double seconds);
 
-// Tries the addresses of the list (null for an empty one) in turn, each for up to `timeoutMs`.
+// Tries the addresses of the list in turn, each for up to `timeoutMs` milliseconds. A null pointer
+// is an empty list. If no address connects, returns the error of the last one.
 std::expected<FileDescriptor, ConnectError> connectToFirst(const addrinfo* addresses,
                                                            int timeoutMs);
 

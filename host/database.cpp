@@ -1,4 +1,4 @@
-#include "database.h"
+#include "host/database.h"
 
 #include <algorithm>
 #include <array>
@@ -7,18 +7,17 @@
 #include <fstream>
 #include <string_view>
 
-#include "failure.h"
+#include "host/failure.h"
 
-namespace cli {
+namespace host {
 
 using runeflow::EventStore;
 using runeflow::SourceDescriptor;
+using runeflow::StoreFault;
 
 namespace {
 
-constexpr std::array<std::string_view, 2> kKinds = {"logcat", "dlt"};
-
-// SQLite looks into a file only when it first uses it; a user wants to know at once.
+// SQLite reads a file at the first statement only; a user wants to know at once.
 void requireDatabaseFile(const std::string& path) {
   std::error_code error;
   const auto status = std::filesystem::status(path, error);
@@ -41,15 +40,11 @@ void requireDatabaseFile(const std::string& path) {
 runeflow::StoreInfo inspected(const std::string& path) {
   requireDatabaseFile(path);
   auto info = EventStore::inspect(path);
-  if (info.error.empty() || info.error.starts_with("no such")) return info;
+  if (info.fault == StoreFault::none || info.fault == StoreFault::noEvents) return info;
   const bool mayNotWrite =
-      info.error.find("readonly") != std::string::npos || info.error.starts_with("unable to open");
-  fail("cannot read {}: {}{}", path, info.error,
+      info.fault == StoreFault::readOnly || info.fault == StoreFault::cannotOpen;
+  fail("cannot read {}: {}{}", path, info.faultText,
        mayNotWrite ? "; it needs write permission for the file and its folder, too" : "");
-}
-
-bool hasIndex(const runeflow::StoreInfo& info, const runeflow::StoreColumn& column) {
-  return std::ranges::find(info.indexes, "i_" + column.sql()) != info.indexes.end();
 }
 
 EventStore openStore(const std::string& path, bool create, const SourceDescriptor& descriptor) {
@@ -60,33 +55,31 @@ EventStore openStore(const std::string& path, bool create, const SourceDescripto
 
 }  // namespace
 
-const SourceDescriptor& descriptorNamed(const std::string& id) {
-  if (id == "dlt") return SourceDescriptor::dlt();
-  if (id == "logcat") return SourceDescriptor::logcat();
-  fail("'{}' is no kind of source; there are logcat and dlt", id);
-}
-
-std::optional<std::string> kindOf(const runeflow::StoreInfo& info) {
-  for (const auto kind : kKinds) {
-    const auto columns = descriptorNamed(std::string(kind)).indexedColumns();
-    const bool isComplete =
-        std::ranges::all_of(columns, [&](const auto& c) { return hasIndex(info, c); });
-    if (isComplete && info.indexes.size() == columns.size()) return std::string(kind);
-  }
-  return std::nullopt;
+const LogKind* kindOf(const runeflow::StoreInfo& info) {
+  const auto hasIndexesOf = [&](const LogKind& kind) {
+    const auto columns = kind.descriptor().indexedColumns();
+    return info.indexes.size() == columns.size() &&
+           std::ranges::is_permutation(info.indexedColumns, columns);
+  };
+  const auto kinds = LogKind::all();
+  const auto found = std::ranges::find_if(kinds, hasIndexesOf);
+  return found == kinds.end() ? nullptr : &*found;
 }
 
 EventStore openDatabase(const std::string& path, const std::string& source) {
   const auto info = inspected(path);
-  if (!info.hasEvents) fail("{} holds no log records; it was not made by runeflow", path);
-  const auto kind = source.empty() ? kindOf(info) : source;
-  if (!kind)
-    fail("cannot tell what {} holds from its indexes; name it with --source logcat or dlt", path);
-  return openStore(path, false, descriptorNamed(*kind));
+  if (info.fault == StoreFault::noEvents) {
+    fail("{} holds no log records; it was not made by runeflow", path);
+  }
+  const auto* kind = source.empty() ? kindOf(info) : &LogKind::named(source);
+  if (!kind) {
+    fail("cannot tell from its indexes what {} holds; name it with --source {}", path,
+         kindIds(" or "));
+  }
+  return openStore(path, false, kind->descriptor());
 }
 
-void requireThatSqliteTakes(EventStore& store, const runeflow::LogQuery& query,
-                            const std::string& path) {
+void failIfRefused(EventStore& store, const runeflow::LogQuery& query, const std::string& path) {
   if (!store.matchingSeqsQueryPlan(query, 0).empty()) return;
   if (!EventStore::inspect(path).hasFullText) {
     fail("{} has no full-text index; ask it without words, or capture it anew", path);
@@ -96,17 +89,18 @@ void requireThatSqliteTakes(EventStore& store, const runeflow::LogQuery& query,
 
 EventStore openForCapture(const std::string& path, const SourceDescriptor& descriptor) {
   std::error_code ignored;
-  const bool exists = std::filesystem::exists(path, ignored);
-  const auto info = exists ? inspected(path) : runeflow::StoreInfo();
-  if (exists && !info.isEmpty && !info.hasEvents) {
-    fail("{} is somebody else's database; capture into a file of its own", path);
-  }
-  if (const auto kind = kindOf(info); kind && *kind != descriptor.id()) {
-    fail("{} already holds {} records; capture {} into a database of its own", path, *kind,
-         descriptor.id());
+  if (std::filesystem::exists(path, ignored)) {
+    const auto info = inspected(path);
+    if (!info.isEmpty && info.fault == StoreFault::noEvents) {
+      fail("{} is somebody else's database; capture into a file of its own", path);
+    }
+    if (const auto* kind = kindOf(info); kind && kind->id != descriptor.id()) {
+      fail("{} already holds {} records; capture {} into a database of its own", path, kind->id,
+           descriptor.id());
+    }
   }
   auto store = openStore(path, true, descriptor);
-  if (!EventStore::inspect(path).hasEvents) {
+  if (EventStore::inspect(path).fault != StoreFault::none) {
     fail(
         "cannot make the tables of {}; check for free space, permission and other programs using "
         "it",
@@ -123,4 +117,4 @@ const runeflow::FieldDescriptor& fieldNamed(const SourceDescriptor& descriptor,
   fail("there is no field '{}'; {} records have {}", name, descriptor.displayName(), names);
 }
 
-}  // namespace cli
+}  // namespace host

@@ -1,0 +1,17 @@
+// Standard output as a place that can fail.
+#pragma once
+
+#include <cstdio>
+
+#include "host/failure.h"
+
+namespace cli {
+
+inline constexpr const char* kCannotWrite = "cannot write the output; is its disk full?";
+
+// Writes out what was printed so far. Fails if it cannot be written.
+inline void flushOutput() {
+  if (std::fflush(stdout) != 0) host::fail("{}", kCannotWrite);
+}
+
+}  // namespace cli

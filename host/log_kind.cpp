@@ -1,0 +1,60 @@
+#include "host/log_kind.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/failure.h"
+#include "runeflow/decoders/dlt_decoder.h"
+#include "runeflow/decoders/logcat_decoder.h"
+
+namespace host {
+namespace {
+
+using runeflow::DLTDecoder;
+using runeflow::LogcatDecoder;
+using runeflow::SourceDescriptor;
+
+template <class Decoder>
+std::unique_ptr<runeflow::RowDecoder> make(runeflow::Clock now) {
+  return std::make_unique<Decoder>(std::move(now));
+}
+
+// A recording comes first: its messages may hold lines of logcat text.
+constexpr LogKind kKinds[] = {
+    {"dlt", SourceDescriptor::dlt, make<DLTDecoder>, DLTDecoder::sampleSize,
+     DLTDecoder::looksLikeRecording},
+    {"logcat", SourceDescriptor::logcat, make<LogcatDecoder>, LogcatDecoder::sampleSize,
+     LogcatDecoder::looksLikeThreadtime},
+};
+
+}  // namespace
+
+const LogKind& LogKind::dlt() {
+  return kKinds[0];
+}
+
+const LogKind& LogKind::logcat() {
+  return kKinds[1];
+}
+
+std::span<const LogKind> LogKind::all() {
+  return kKinds;
+}
+
+const LogKind& LogKind::named(std::string_view id) {
+  const auto* found = std::ranges::find(kKinds, id, &LogKind::id);
+  if (found == std::end(kKinds))
+    fail("'{}' is not a kind of log; the kinds are {}", id, kindIds(" and "));
+  return *found;
+}
+
+std::string kindIds(std::string_view separator) {
+  std::string ids;
+  for (const auto& kind : kKinds) {
+    if (!ids.empty()) ids += separator;
+    ids += kind.id;
+  }
+  return ids;
+}
+
+}  // namespace host

@@ -1,0 +1,114 @@
+#include "host/stream.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <vector>
+
+#include "host/failure.h"
+#include "host/target.h"
+#include "runeflow/transports/adb_transport.h"
+#include "runeflow/transports/file_transport.h"
+#include "runeflow/transports/socket_transport.h"
+
+namespace host {
+
+using runeflow::FileDescriptor;
+namespace ADBTransport = runeflow::ADBTransport;
+
+namespace {
+
+constexpr std::uint16_t kDltPort = 3490;
+constexpr double kDltConnectSeconds = 5;
+
+// Returns null while more bytes are needed to tell.
+const LogKind* recognised(Bytes head) {
+  const auto kinds = LogKind::all();
+  const auto found =
+      std::ranges::find_if(kinds, [head](const LogKind& kind) { return kind.recognises(head); });
+  return found == kinds.end() ? nullptr : &*found;
+}
+
+// Reads until the stream is recognised, the largest sample is full or the stream ends.
+void recogniseStream(Stream& stream) {
+  const auto most = std::ranges::max(LogKind::all(), {}, &LogKind::sampleSize).sampleSize;
+  std::vector<std::uint8_t> piece(most);
+  while (stream.head.size() < most) {
+    const auto size = ::read(stream.fd.get(), piece.data(), most - stream.head.size());
+    if (size < 0) fail("cannot read {}: {}", stream.name, systemError(errno));
+    if (size == 0) break;
+    stream.head.insert(stream.head.end(), piece.begin(), piece.begin() + size);
+    stream.kind = recognised(stream.head);
+    if (stream.kind) return;
+  }
+  fail(
+      "{} is neither logcat threadtime text nor a DLT recording; name what it holds with --format "
+      "{}",
+      stream.name, kindIds(" or --format "));
+}
+
+ADBTransport::Device pickDevice(const std::vector<ADBTransport::Device>& devices,
+                                const std::string& serial) {
+  if (devices.empty()) fail("{}", ADBTransport::ADBError::noDevices().message());
+  const auto device = ADBTransport::pickTarget(devices, serial);
+  if (!device) {
+    std::string serials;
+    for (const auto& known : devices) serials += (serials.empty() ? "" : ", ") + known.serial;
+    fail("no device has the serial '{}'; attached: {}", serial, serials);
+  }
+  if (!device->isReady()) {
+    fail("{}", ADBTransport::ADBError::deviceNotReady(device->serial, device->state).message());
+  }
+  return *device;
+}
+
+}  // namespace
+
+Stream openFile(const std::string& path, const LogKind* kind) {
+  const bool isStandardInput = path == "-";
+  Stream stream{
+      .fd = FileDescriptor(isStandardInput ? ::dup(STDIN_FILENO)
+                                           : runeflow::FileTransport::openForReading(path)),
+      .name = isStandardInput ? "standard input" : path,
+      .kind = kind};
+  if (!stream.fd) fail("cannot open {}: {}", stream.name, systemError(errno));
+  struct stat status{};
+  if (::fstat(stream.fd.get(), &status) == 0) {
+    if (S_ISDIR(status.st_mode)) fail("{} is a directory; name the files in it", stream.name);
+    if (S_ISREG(status.st_mode)) stream.size = status.st_size;
+  }
+  if (!stream.kind) recogniseStream(stream);
+  return stream;
+}
+
+Stream connectToDlt(const std::string& target) {
+  const auto [host, port] = parseTarget(target, kDltPort);
+  const auto socket = runeflow::SocketTransport::connect(host, port, kDltConnectSeconds);
+  if (!socket) fail("{}:{}: {}", host, port, socket.error().message());
+  return {.fd = FileDescriptor(*socket),
+          .name = fmt::format("{}:{}", host, port),
+          .kind = &LogKind::dlt()};
+}
+
+Stream connectToAdb(const std::string& target, const std::string& serial,
+                    const std::string& command) {
+  const auto [host, port] = target.empty() ? HostAndPort{std::string(ADBTransport::defaultHost),
+                                                         ADBTransport::defaultPort}
+                                           : parseTarget(target, ADBTransport::defaultPort);
+  const auto devices = ADBTransport::devices(host, port);
+  if (!devices) fail("{}", devices.error().message());
+  const auto device = pickDevice(*devices, serial);
+  const auto socket = ADBTransport::connectLogcat(device.serial, host, port, command);
+  if (!socket) fail("{}", socket.error().message());
+  Stream stream{
+      .fd = FileDescriptor(*socket), .name = device.displayName(), .kind = &LogKind::logcat()};
+  if (serial.empty() && devices->size() > 1) {
+    stream.note = fmt::format("taking {} of {} devices; --serial names another", stream.name,
+                              devices->size());
+  }
+  return stream;
+}
+
+}  // namespace host

@@ -1,0 +1,35 @@
+// The byte streams that a capture reads: files, standard input, a DLT daemon, the adb server.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/log_kind.h"
+#include "runeflow/platform/file_descriptor.h"
+
+namespace host {
+
+// An open stream, and the bytes that were read from it to recognise its kind.
+struct Stream {
+  runeflow::FileDescriptor fd;
+  std::string name;     // for messages
+  const LogKind* kind;  // never null once the stream is open
+  std::vector<std::uint8_t> head = {};
+  std::optional<std::int64_t> size = std::nullopt;  // bytes, of a regular file
+  std::string note = {};                            // for the user, if not empty
+};
+
+// Opens a file, or standard input for "-". `kind` is null for a file whose first bytes tell.
+Stream openFile(const std::string& path, const LogKind* kind);
+
+// `target` is HOST[:PORT], with an IPv6 address in brackets if a port follows.
+Stream connectToDlt(const std::string& target);
+
+// Connects to the device with that serial. With an empty serial, picks the most likely device;
+// if there are several, the stream's note says which.
+Stream connectToAdb(const std::string& target, const std::string& serial,
+                    const std::string& command);
+
+}  // namespace host
