@@ -27,7 +27,7 @@ using runeflow::FileDescriptor;
 
 namespace {
 
-constexpr int kPipeSize = 1 << 20;  // so that reader and pump seldom wait for each other
+constexpr int kPipeSize = 1 << 20;  // large enough that reader and pump seldom wait for each other
 constexpr int kFirstRetrySeconds = 1;
 constexpr int kLastRetrySeconds = 30;
 
@@ -40,7 +40,8 @@ Stream connectLive(const CaptureOptions& options) {
                        : host::connectToDlt(options.dltTarget);
 }
 
-// Runs streams through one session, one after the other, until they end or the user interrupts.
+// Captures streams through one session, one after the other, until they end or the user
+// interrupts.
 class Capture {
  public:
   Capture(const CaptureOptions& options, std::vector<Stream> streams)
@@ -59,7 +60,7 @@ class Capture {
       if (pumped.end == StreamEnd::failed) {
         progress_.say(
             fmt::format("cannot read {} to its end: {}", stream.name, systemError(pumped.error)));
-        hasFailed = !options_.isLive();  // a live stream ends as it likes
+        hasFailed = !options_.isLive();  // a live stream may end at any time
       }
       if (pumped.end == StreamEnd::interrupted) break;
       if (options_.reconnects) reconnectUntilInterrupted();
@@ -124,8 +125,8 @@ class Capture {
     }
   }
 
-  // On a thread of its own: a server may accept and then keep silent for ever, which must not keep
-  // the user from interrupting. One that is left behind ends with the process.
+  // Connects on another thread, because a server may accept the connection and stay silent, and the
+  // user must be able to interrupt. A thread that is left waiting ends with the process.
   std::future<Stream> connectAside() const {
     std::packaged_task<Stream()> connect([options = options_] { return connectLive(options); });
     auto stream = connect.get_future();
@@ -165,7 +166,7 @@ int capture(const CaptureOptions& options) {
                       (options.dltTarget.empty() ? 0 : 1);
   if (sources != 1) fail("name what to capture: files, -, --dlt HOST or --adb, one of them");
   if (options.reconnects && !options.isLive()) fail("--reconnect goes with --dlt or --adb");
-  // A reader that gives up closes its pipe; that must end the pump and not the process.
+  // A reader that ends early closes its pipe. This must end the pump, not the process.
   std::signal(SIGPIPE, SIG_IGN);
   return Capture(options, openStreams(options)).run();
 }

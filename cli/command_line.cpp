@@ -17,7 +17,7 @@ namespace {
 
 using host::fail;
 
-// A subcommand under construction, with the options that `run` will get.
+// A subcommand, and the options that parsing fills in.
 template <class Options>
 struct Subcommand {
   Subcommand(CLI::App& app, const char* name, const char* description)
@@ -37,7 +37,7 @@ struct Subcommand {
     return command->add_flag(name, (*options).*flag, description);
   }
 
-  // Parsing ends with `run`, after `finish` has completed the options.
+  // Makes parsing call `finish` to complete the options, and then `run`.
   void runs(
       int (*run)(const Options&), int& exitCode,
       std::function<void(Options&)> finish = [](Options&) {}) {
@@ -110,7 +110,8 @@ void addQuery(CLI::App& app, int& exitCode) {
   query.addDatabase();
   command->add_option("QUERY", options.text, "Such as: 'level:warn \"disk full\" NOT tag:chatty'")
       ->type_name("");
-  // Further words belong to the query. As a list of texts, CLI11 would split "[a,b]".
+  // Further words belong to the query. They are not a list option, because CLI11 would split
+  // "[a,b]".
   command->allow_extras();
   query.addSource();
   command->add_option("--after", options.after, "Only records with a greater seq")

@@ -21,7 +21,7 @@ using runeflow::EventStore;
 
 namespace {
 
-constexpr int kLabelColumns = 24;  // in front of a bar
+constexpr int kLabelColumns = 24;  // before a bar
 
 struct Summary {
   runeflow::StoreInfo info;
@@ -124,7 +124,7 @@ int clear(const ClearOptions& options) {
   const auto oldest = store.minSeq();
   const auto newest = store.maxSeq();
   store.clear();
-  // A capture may have stored new records since, with numbers from 1 on.
+  // A capture may have stored new records since then, with seqs from 1 on.
   if (records > 0 && store.minSeq() == oldest && store.maxSeq() >= newest) {
     host::fail("could not clear {}; is it read-only, or held by another program?",
                options.database);

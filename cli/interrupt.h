@@ -1,12 +1,12 @@
-// Ctrl-C as something to wait for instead of something that strikes.
+// Ctrl-C as an event that a loop can wait for.
 #pragma once
 
 #include "runeflow/platform/file_descriptor.h"
 
 namespace cli {
 
-// From its making on, SIGINT and SIGTERM no longer end the process but make fd() readable. Made
-// before other threads start, so that they inherit the blocked signals.
+// While an object exists, SIGINT and SIGTERM do not end the process; they make fd() readable. The
+// caller must construct it before other threads start, because they inherit the blocked signals.
 class Interrupt {
  public:
   Interrupt();
@@ -14,10 +14,10 @@ class Interrupt {
   int fd() const { return fd_.get(); }
   bool isRequested() const;
 
-  // Waits until the interrupt comes or the time is over; true when it came.
+  // Waits for the interrupt. Returns false if it has not come when the time is over.
   bool waitFor(int milliseconds) const;
 
-  // From now on the signals end the process again: what is left to do may be given up.
+  // Lets the signals end the process again, for work that a second Ctrl-C may abandon.
   void restoreSignals() const;
 
  private:

@@ -12,7 +12,7 @@ std::string jsonLine(const nlohmann::ordered_json& value) {
   const auto text = value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
   std::string line;
   line.reserve(text.size());
-  // JSON may hold these as they are, a terminal takes them for commands.
+  // JSON allows these characters, but a terminal may take them for commands.
   for (std::size_t i = 0; i < text.size(); ++i) {
     if (const auto control = c1ControlAt(text, i)) {
       line += fmt::format("\\u{:04x}", *control);

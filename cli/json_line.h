@@ -1,4 +1,4 @@
-// JSON as the command prints it.
+// JSON for a line of output.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
@@ -6,7 +6,8 @@
 
 namespace cli {
 
-// On one line, without a control character in it; bytes that are not UTF-8 become U+FFFD.
+// Returns the value as one line of JSON without control characters. Bytes that are not UTF-8 become
+// U+FFFD.
 std::string jsonLine(const nlohmann::ordered_json& value);
 
 }  // namespace cli

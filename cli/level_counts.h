@@ -1,4 +1,4 @@
-// How many records there are of each level.
+// The number of records of each level.
 #pragma once
 
 #include <array>
@@ -11,8 +11,8 @@ namespace cli {
 
 using LevelCounts = std::array<std::pair<runeflow::RuneflowLogLevel, std::int64_t>, 6>;
 
-// Counts by ranges, which the index on the level answers: of a level there are as many as of it and
-// above, less those above.
+// Counts the records at or above each level, which the index on the level answers, and subtracts
+// the count of the level above.
 inline LevelCounts countLevels(runeflow::EventStore& store, const runeflow::LogQuery& matching) {
   using namespace runeflow;
   LevelCounts counts{};

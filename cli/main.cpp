@@ -15,7 +15,7 @@ namespace {
 constexpr int kUsageOrInputError = 2;
 
 int complain(const char* sentence) {
-  // Not by fmt::print, which throws if standard error cannot be written.
+  // Not with fmt::print, which throws if standard error cannot be written.
   std::fputs(fmt::format("runeflow: {}\n", sentence).c_str(), stderr);
   return kUsageOrInputError;
 }
@@ -29,7 +29,7 @@ int main(int argc, char** argv) {
     return exitCode;
   } catch (const host::Failure& failure) {
     return complain(failure.what());
-  } catch (const std::system_error&) {  // of fmt::print
+  } catch (const std::system_error&) {  // thrown by fmt::print
     return complain(cli::kCannotWrite);
   } catch (const std::exception& unexpected) {
     return complain(unexpected.what());

@@ -1,4 +1,4 @@
-// Standard output as a place that can fail.
+// Standard output, and its failure.
 #pragma once
 
 #include <cstdio>
@@ -9,7 +9,7 @@ namespace cli {
 
 inline constexpr const char* kCannotWrite = "cannot write the output; is its disk full?";
 
-// Writes out what was printed so far. Fails if it cannot be written.
+// Flushes standard output. Fails if it cannot be written.
 inline void flushOutput() {
   if (std::fflush(stdout) != 0) host::fail("{}", kCannotWrite);
 }

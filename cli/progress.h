@@ -1,4 +1,4 @@
-// The one line about a running capture that a terminal shows, and the library's log beside it.
+// The line on standard error that shows how far a capture is, and the library's log above it.
 #pragma once
 
 #include <chrono>
@@ -13,12 +13,12 @@
 
 namespace cli {
 
-// Draws on standard error when that is a terminal (and NO_COLOR is not set), a few times a second;
-// otherwise draws nothing.
-// The library's log lines are printed above it while it lives; repeats of a line are only counted.
+// Redraws a few times a second. Draws nothing if standard error is not a terminal or NO_COLOR is
+// set. While the object exists, it prints the lines of the library's log; it counts repeats of a
+// line and prints their number.
 class Progress {
  public:
-  // `totalBytes` is absent for a stream whose length nobody knows.
+  // `totalBytes` is absent if the length of a stream is unknown.
   Progress(const runeflow::CaptureSession& session, std::optional<std::int64_t> totalBytes);
   ~Progress();
   Progress(const Progress&) = delete;
@@ -26,11 +26,11 @@ class Progress {
 
   void tick();
 
-  // Prints a line of its own above the progress.
+  // Prints a line above the progress.
   void say(const std::string& line);
 
-  // Takes the drawing away and prints what the capture came to; of a capped database, what it
-  // holds.
+  // Erases the line and prints the sums of the capture, and how many records a capped database
+  // keeps.
   void summarise(std::optional<std::int64_t> recordsKept);
 
  private:
@@ -45,9 +45,10 @@ class Progress {
   bool draws_;
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 
-  std::mutex mutex_;  // the log comes from the reader's thread; guards what follows
+  std::mutex mutex_;  // guards the members below; the log comes from the reader's thread
   std::chrono::steady_clock::time_point lastDrawn_;
-  std::deque<std::pair<std::chrono::steady_clock::time_point, std::int64_t>> samples_;  // of rows
+  std::deque<std::pair<std::chrono::steady_clock::time_point, std::int64_t>>
+      samples_;  // rows stored
   bool isDrawn_ = false;
   std::string lastLogged_;
   std::int64_t repeats_ = 0;

@@ -27,14 +27,14 @@ namespace {
 constexpr std::size_t kPageRecords = 1'000;
 constexpr int kFollowMilliseconds = 200;
 
-// The user's pager, as the stream to print on. While it runs Ctrl-C is the pager's, and its leaving
-// early ends the printing, not the process.
+// The user's pager. While it runs, Ctrl-C is left to the pager, and a pager that ends early ends
+// the printing, not the process.
 class Pager {
  public:
   Pager() {
     const char* wanted = std::getenv("PAGER");  // NOLINT(concurrency-mt-unsafe)
     command_ = wanted && *wanted ? wanted : "less";
-    // Shows colours, and needs no key for a single page. NOLINTNEXTLINE(concurrency-mt-unsafe)
+    // R shows colours; F ends at once if one page is enough. NOLINTNEXTLINE(concurrency-mt-unsafe)
     ::setenv("LESS", "FRX", 0);
     pipe_ = ::popen(command_.c_str(), "w");
     if (!pipe_)
@@ -51,7 +51,7 @@ class Pager {
   std::FILE* stream() { return pipe_; }
 
   void wait() {
-    constexpr int kNotFound = 127;  // the shell's answer for a command that it cannot find
+    constexpr int kNotFound = 127;  // the shell's exit code for a command that it cannot find
     const int status = ::pclose(std::exchange(pipe_, nullptr));
     if (WIFEXITED(status) && WEXITSTATUS(status) == kNotFound) {
       host::fail("cannot start the pager '{}'; set PAGER to one that is installed", command_);
@@ -97,7 +97,8 @@ Records recordAt(EventStore& store, std::int64_t seq) {
   return store.fetchRange(seq, seq);
 }
 
-// Whether the store was cleared, which numbers its records anew, since the newest one was `newest`.
+// Returns whether the store was cleared since `newest` was its newest record. A cleared store
+// numbers its records from 1 again.
 bool isRenumbered(EventStore& store, const Records& newest, const Records& latest) {
   if (newest.empty()) return false;
   const auto seq = newest.front().seq;
@@ -155,9 +156,9 @@ int query(const QueryOptions& options) {
   }
   if (options.counts) return count(store, parsed, options);
 
-  // Following begins now, unless older records are asked for.
+  // --follow shows only new records unless the options ask for older ones.
   const bool wantsOld = !options.follows || options.after || options.last;
-  // Known before the matches are: none that is stored in between gets lost.
+  // Read before the matches, so that records stored in between are shown, too.
   const auto followsFrom = std::max(store.maxSeq(), after);
   const auto seqs = wantsOld ? store.matchingSeqs(parsed, after) : std::vector<std::int64_t>();
   if (options.usesPager && isTerminal(stdout)) {
@@ -165,7 +166,7 @@ int query(const QueryOptions& options) {
     try {
       printTo(pager.stream(), store, parsed, options, chosen(seqs, options), followsFrom);
     } catch (const std::system_error&) {
-      // The user has left the pager.
+      // The user has quit the pager.
     }
     pager.wait();
   } else {

@@ -19,12 +19,12 @@ using runeflow::RuneflowLogLevel;
 namespace {
 
 constexpr std::size_t kWidestColumn = 28;
-// Marking costs words times text; more and longer ones help nobody's eye.
+// Marking takes time proportional to words times text.
 constexpr std::size_t kMostHighlightedWords = 64;
 constexpr std::size_t kLongestHighlightedWord = 128;
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 
-// Whole seconds, rounded down, and the microseconds after them.
+// Returns whole seconds since 1970, rounded down, and the microseconds after them.
 std::pair<std::time_t, std::int64_t> split(runeflow::Timestamp timestamp) {
   const auto total = runeflow::microsecondsSinceEpoch(timestamp).value_or(0);
   const auto fraction =
@@ -67,28 +67,29 @@ bool isLetterOrDigit(char c) {
   return (lowerAscii(c) >= 'a' && lowerAscii(c) <= 'z') || (c >= '0' && c <= '9');
 }
 
-// Whether the index finds a word that stands in `text` from `start` to `end`: at the beginning of
-// one of its words only, and one of less than three characters only as the whole of it.
-bool isFoundByIndex(std::string_view text, std::size_t start, std::size_t end) {
+// Returns whether full text finds a query word that stands in `text` from `start` to `end`. It
+// finds a word at the beginning of a longer one only if the query word is a prefix word.
+bool isFoundByIndex(std::string_view text, std::size_t start, std::size_t end, bool isPrefixWord) {
   const auto isWithinWord = [text](std::size_t at) {
     return at > 0 && at < text.size() && isLetterOrDigit(text[at - 1]) && isLetterOrDigit(text[at]);
   };
-  return !isWithinWord(start) && (end - start >= 3 || !isWithinWord(end));
+  return !isWithinWord(start) && (isPrefixWord || !isWithinWord(end));
 }
 
-// Sets the bytes of `covered` where `word` stands in `text`. With `matchCase` the text is searched
-// too, and so are its words from within.
+// Sets the bytes of `covered` at which `word` stands in `text`. With `matchCase` that is anywhere,
+// otherwise only where full text finds it.
 void cover(std::vector<bool>& covered, std::string_view text, std::string_view word,
            bool matchCase) {
   const auto same = [matchCase](char a, char b) {
     return a == b || (!matchCase && lowerAscii(a) == lowerAscii(b));
   };
+  const bool isPrefixWord = runeflow::LogQuery::isPrefixWord(word);
   std::size_t at = 0;
   while (at < text.size()) {
     const auto found = std::ranges::search(text.substr(at), word, same);
     if (found.empty()) return;
     at = static_cast<std::size_t>(found.data() - text.data());
-    if (matchCase || isFoundByIndex(text, at, at + word.size())) {
+    if (matchCase || isFoundByIndex(text, at, at + word.size(), isPrefixWord)) {
       std::fill_n(covered.begin() + static_cast<std::ptrdiff_t>(at), word.size(), true);
       at += word.size();
     } else {
@@ -158,7 +159,7 @@ void RecordPrinter::print(std::span<const FetchedRow> records) {
   }
 }
 
-// Columns grow with what they have to hold and never shrink, so that pages line up.
+// Widens the columns to the longest texts. They never shrink, so that pages line up.
 void RecordPrinter::fitColumnsTo(std::span<const FetchedRow> records) {
   for (auto& column : columns_) {
     for (const auto& record : records) {

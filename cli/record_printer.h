@@ -1,4 +1,4 @@
-// Records as a user reads them, and as programs do.
+// Prints records, for people and for programs.
 #pragma once
 
 #include <cstdio>
@@ -18,9 +18,9 @@ std::string utcTime(runeflow::Timestamp timestamp);
 std::string localTime(runeflow::Timestamp timestamp);
 
 enum class RecordFormat {
-  people,  // local time, level letter, table fields in columns, words of the query highlighted
-  plain,   // one line a record, tab-separated: seq, UTC time, level, every field, message
-  json,    // one object a line
+  people,  // local time, level letter, table fields in columns, the query's words highlighted
+  plain,   // a line per record, separated by tabs: seq, UTC time, level, every field, message
+  json,    // an object per line
   csv      // RFC 4180 with a header line
 };
 
@@ -50,14 +50,14 @@ class RecordPrinter {
     std::string name;
     std::int64_t slot;
     bool isInTable;
-    std::size_t width = 0;  // in columns of the terminal
+    std::size_t width = 0;  // in terminal columns
   };
 
   std::vector<Column> columns_;
   RecordFormat format_;
   Highlighting highlighting_;
   std::FILE* out_;
-  bool isGuarded_;  // for a terminal, also by a pager: no control characters, not even in CSV
+  bool isGuarded_;  // the output reaches a terminal: no control characters, not even in CSV
 };
 
 }  // namespace cli

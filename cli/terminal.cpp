@@ -27,7 +27,7 @@ bool isTerminal(std::FILE* stream) {
 }
 
 bool showsColour(std::FILE* stream) {
-  // Read before any other thread runs.
+  // Called before any other thread runs.
   const char* noColor = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe)
   return isTerminal(stream) && (!noColor || !*noColor);
 }
@@ -40,7 +40,7 @@ int terminalWidth(std::FILE* stream) {
 }
 
 std::optional<unsigned> c1ControlAt(std::string_view text, std::size_t at) {
-  constexpr unsigned char kLead = 0xC2;  // of the two bytes, of which the second is the number
+  constexpr unsigned char kLead = 0xC2;  // the first of two bytes; the second is the number
   if (at + 1 >= text.size() || static_cast<unsigned char>(text[at]) != kLead) return std::nullopt;
   const auto number = static_cast<unsigned char>(text[at + 1]);
   if (number < 0x80 || number > 0x9F) return std::nullopt;

@@ -1,4 +1,4 @@
-// What a terminal can show, and what must be kept from it.
+// Text for a terminal: its colours and widths, and the escaping of control characters.
 #pragma once
 
 #include <cstdint>
@@ -11,10 +11,10 @@ namespace cli {
 
 bool isTerminal(std::FILE* stream);
 
-// On a terminal, and not with NO_COLOR in the environment.
+// Returns whether `stream` is a terminal and NO_COLOR is not set in the environment.
 bool showsColour(std::FILE* stream);
 
-// In columns; 80 when the stream does not say.
+// Returns the width in columns, or 80 if the stream does not tell.
 int terminalWidth(std::FILE* stream);
 
 namespace colour {
@@ -28,26 +28,28 @@ inline constexpr std::string_view kBlue = "\x1b[34m";
 inline constexpr std::string_view kHighlight = "\x1b[1;30;43m";
 }  // namespace colour
 
-// The text on one line: backslashes and control characters, which a stranger's device may have sent
-// to steer the terminal, as escapes ("\n", "\x1b").
+// Returns the text with backslashes and control characters escaped ("\n", "\x1b"): a log may hold
+// sequences that steer the terminal.
 std::string onOneLine(std::string_view text);
 
-// The number of the C1 control character (U+0080 to U+009F) that begins there; absent for another.
+// Returns the C1 control character (U+0080 to U+009F) that begins at `at`; absent for any other.
 std::optional<unsigned> c1ControlAt(std::string_view text, std::size_t at);
 
-// "1 record", "2 records".
+// Returns "1 record", "2 records".
 std::string counted(std::int64_t count, std::string_view noun);
 
-// Columns that a text takes, a code point each; wide characters are counted as one.
+// Returns the number of code points, which is the number of columns unless characters are wide.
 std::size_t columnsOf(std::string_view text);
 
-// The text, filled up with blanks or cut with "…" to that many columns.
+// Returns the text padded with blanks to that many columns, or cut and ended with "…".
 std::string fitted(std::string_view text, std::size_t columns);
 
-// What a line on standard output leaves to a bar behind so many columns; from 1 to 40.
+// Returns how long a bar may be on a line of standard output of which `taken` columns are used: 1
+// to 40.
 int barColumns(std::size_t taken);
 
-// A horizontal bar of at most `columns`, as long as `value` is of `most`; at least a sliver for 1.
+// Returns a horizontal bar whose share of `columns` is that of `value` in `most`. A value of 1 or
+// more gets at least an eighth of a column.
 std::string bar(std::int64_t value, std::int64_t most, int columns);
 
 }  // namespace cli

@@ -23,8 +23,7 @@ namespace {
 
 constexpr std::size_t kWidestValue = 40;
 
-// The library counts values over all records only; among matching ones each value is counted by
-// itself.
+// The library counts values over all records only; for a query, each value is counted separately.
 std::vector<ValueCount> slotValues(EventStore& store, const runeflow::StoreColumn& column,
                                    const LogQuery& matching, const ValuesOptions& options) {
   if (matching.isEmpty() && options.prefix.empty()) {
@@ -70,7 +69,7 @@ void printValues(const std::vector<ValueCount>& values, bool isJson) {
       const nlohmann::ordered_json object = {{"value", value}, {"count", count}};
       fmt::print("{}\n", jsonLine(object));
     } else if (isTerminal(stdout)) {
-      constexpr std::size_t kCountColumns = 13;  // the count and the blanks beside it
+      constexpr std::size_t kCountColumns = 13;  // the count and the blanks around it
       fmt::print("{}  {:>9}  {}\n", fitted(onOneLine(value), width), count,
                  bar(count, values.front().count, barColumns(width + kCountColumns)));
     } else {

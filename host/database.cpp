@@ -32,7 +32,7 @@ void requireDatabaseFile(const std::string& path) {
   std::array<char, kMagic.size()> head{};
   file.read(head.data(), head.size());
   const auto size = static_cast<std::size_t>(file.gcount());
-  // An empty file is an empty database.
+  // SQLite takes an empty file for an empty database.
   if (size != 0 && std::string_view(head.data(), size) != kMagic)
     fail("{} is not a database", path);
 }

@@ -19,7 +19,7 @@ std::unique_ptr<runeflow::RowDecoder> make(runeflow::Clock now) {
   return std::make_unique<Decoder>(std::move(now));
 }
 
-// A recording comes first: its messages may hold lines of logcat text.
+// DLT comes first, because the messages of a recording may hold lines of logcat text.
 constexpr LogKind kKinds[] = {
     {"dlt", SourceDescriptor::dlt, make<DLTDecoder>, DLTDecoder::sampleSize,
      DLTDecoder::looksLikeRecording},

@@ -23,7 +23,7 @@ namespace {
 constexpr std::uint16_t kDltPort = 3490;
 constexpr double kDltConnectSeconds = 5;
 
-// Returns null while more bytes are needed to tell.
+// Returns the kind that recognises `head`, or null.
 const LogKind* recognised(Bytes head) {
   const auto kinds = LogKind::all();
   const auto found =
@@ -31,7 +31,8 @@ const LogKind* recognised(Bytes head) {
   return found == kinds.end() ? nullptr : &*found;
 }
 
-// Reads until the stream is recognised, the largest sample is full or the stream ends.
+// Reads until a kind recognises the stream. Fails if none does at the end of the stream or after
+// the largest sample.
 void recogniseStream(Stream& stream) {
   const auto most = std::ranges::max(LogKind::all(), {}, &LogKind::sampleSize).sampleSize;
   std::vector<std::uint8_t> piece(most);

@@ -16,7 +16,7 @@ namespace {
 
 using testing::ElementsAre;
 
-constexpr std::size_t kSmallStack = 2 << 20;  // as little as hosts give their threads
+constexpr std::size_t kSmallStack = 2 << 20;  // the smallest stack that hosts give their threads
 constexpr std::size_t kMainStack = 8 << 20;
 const std::string kMatch = "seq IN (SELECT rowid FROM events_fts WHERE events_fts MATCH ?)";
 
@@ -149,14 +149,15 @@ TEST(QueryParser, lexesByUserPerceivedCharacters) {
       {R"("" AND ""(NOT)", {Tok::and_(), Tok::lparen(), Tok::not_()}},
       {"a\r\nb\u0085c", {w("a"), w("b"), w("c")}},
       {R"("(a" "b) )", {w("(a"), w("b) ")}},
-      // A mark makes a quote, parenthesis or keyword an ordinary character, and goes with a blank.
+      // A combining mark makes a quote, parenthesis or keyword ordinary text. A mark behind a blank
+      // belongs to the blank.
       {"\"\u0301a b", {w("\"\u0301a"), w("b")}},
       {"(\u0301 NOT\u0301 a \u0301b", {w("(\u0301"), w("NOT\u0301"), w("a"), w("b")}},
       {"a\xFF\xE2\x82(", {w("a\uFFFD\uFFFD"), Tok::lparen()}}};
   for (const auto& [text, toks] : rows) EXPECT_TRUE(QueryParser::lex(text) == toks) << text;
 }
 
-// Beside the examples of the guide.
+// Cases that docs/query-language.md does not show.
 TEST(QueryParser, understandsWhatUsersType) {
   for (const auto* nothing : {"", " \u00A0\r\n", "NOT", "(", ") NOT ) OR AND (()"}) {
     EXPECT_EQ(parsed(nothing), "all") << nothing;
@@ -168,7 +169,7 @@ TEST(QueryParser, understandsWhatUsersType) {
       {"((a) (b)) c", R"(text "a b c")"},
       {"a (b c OR d", R"(and(text "a", or(text "b c", text "d")))"},
       {"a tag:x b OR c", R"(or(and(text "a", tag = "x", text "b"), text "c"))"},
-      // A condition that yields nothing ends its group.
+      // An empty group, or a NOT without an operand, ends the run of conditions that contains it.
       {"a () b OR c", R"(and(text "a", or(text "b", text "c")))"},
       {"a NOT AND b OR c", R"(and(text "a", or(text "b", text "c")))"},
       {"(a ()) b OR c", R"(or(text "a b", text "c"))"},
@@ -194,6 +195,7 @@ TEST(QueryParser, asksOnlyForQueryableFields) {
       {}, std::nullopt);
   EXPECT_EQ(QueryParser::leaf("time:5", source, true), text("time:5", FullTextMode::fts(), true));
   EXPECT_EQ(QueryParser::leaf("hidden:5", source, false), text("hidden:5"));
+  EXPECT_EQ(QueryParser::leaf("ctx.k\xFF:v\xE2", source, false), context("k\xFF", "v\xE2"));
   EXPECT_EQ(QueryParser::leaf("STRASSE:x", source, false),
             QueryNode::field({StoreColumn::message(), FieldOp::equals, Bind::text("x")}));
 }
@@ -228,7 +230,7 @@ TEST(QueryParser, readsTheExamplesOfItsGuideAsWritten) {
   EXPECT_GT(examples, 20) << RUNEFLOW_QUERY_GUIDE;
 }
 
-// Every operation on the query; nested and wide ones must neither crash nor take long.
+// Runs every operation on the query. Deep and wide trees must neither crash nor take long.
 void exercise(const LogQuery& query) {
   const auto compiled = query.compile();
   EXPECT_EQ(static_cast<std::size_t>(std::ranges::count(compiled.clause, '?')),
@@ -286,6 +288,86 @@ TEST(QueryParser, skipsOnlyWhatLiesBeyondTheLimit) {
   }
 }
 
+TEST(QueryParser, keepsThreeLevelsForWhatFollows) {
+  constexpr std::size_t kDeepest = QueryParser::maxDepth - 3;
+  const auto nots = repeated(kDeepest, "NOT ");
+  const auto groups = repeated(kDeepest, "tag:x (");
+  const std::pair<std::string, std::size_t> depths[] = {
+      {nots + "a", kDeepest},
+      {nots + "NOT a", 0},
+      {nots + "tag:x tag:y OR tag:z) tag:w", QueryParser::maxDepth},
+      {groups + "pid:1", kDeepest},
+      {groups + "NOT tid:1 pid:1", kDeepest}};
+  for (const auto& [typed, depth] : depths) {
+    const auto query = QueryParser::parse(typed, SourceDescriptor::logcat(), false);
+    EXPECT_EQ(depthOf(query.root), depth) << typed.substr(typed.size() - 20);
+  }
+  const std::pair<std::string, std::string> sameTrees[] = {
+      {nots + "NOT a", ""},
+      {nots + "(a tag:x)", ""},
+      {"tag:x OR " + nots + "a b", "tag:x OR b"},
+      {repeated(QueryParser::maxDepth, "(") + nots + "a", nots + "a"},
+      {groups + "tag:x (pid:1)", groups + "tag:x"},
+      {groups + "pid:1 tag:y", repeated(kDeepest - 1, "tag:x (") + "tag:x"},
+      {repeated(kDeepest + 3, "(a "), repeated(kDeepest + 1, "(a ")}};
+  for (const auto& [typed, same] : sameTrees) {
+    EXPECT_TRUE(parsed(typed) == parsed(same)) << typed.substr(typed.size() - 20);
+  }
+  EXPECT_EQ(parsed(repeated(kDeepest + 2, "(a ")).size(),
+            parsed(repeated(kDeepest, "(a ")).size() + 2);
+}
+
+TEST(LogQuery, sqliteTakesTheDocumentedSizes) {
+  const test::TemporaryFolder folder;
+  auto store = EventStore::open(folder.file("a.db"), true, SourceDescriptor::logcat());
+  ASSERT_TRUE(store);
+  store->insert(std::vector{test::row("a", "x")});
+  using Nest = QueryNode (*)(const QueryNode& leaf, const QueryNode& inner);
+  const std::tuple<int, const char*, Nest> rows[] = {
+      {39, "b", [](const auto&, const auto& inner) { return QueryNode::not_(inner); }},
+      {26, "a", [](const auto& leaf, const auto& inner) { return QueryNode::or_({leaf, inner}); }},
+      {26, "a", [](const auto& leaf, const auto& inner) { return QueryNode::and_({leaf, inner}); }},
+      {76, "a", [](const auto& leaf, const auto& inner) { return QueryNode::or_({inner, leaf}); }},
+      {15, "b", [](const auto& leaf, const auto& inner) {
+         return QueryNode::not_(QueryNode::or_({leaf, inner}));
+       }}};
+  std::vector<LogQuery> queries = {
+      {QueryNode::and_(std::vector(993, text("a", FullTextMode::fts(), true)))}};
+  for (const auto& [levels, word, nest] : rows) {
+    const auto leaf = text(word, FullTextMode::fts(), true);
+    LogQuery query{leaf};
+    for (int i = 0; i < levels; ++i) query.root = nest(leaf, query.root);
+    queries.push_back(std::move(query));
+  }
+  for (const auto& query : queries) {
+    SCOPED_TRACE(query.compile().clause.substr(0, 80));
+    EXPECT_FALSE(store->matchingSeqsQueryPlan(query, 0).empty());
+    EXPECT_THAT(store->distinctValues(StoreColumn::slot(0), query, "x", 1), ElementsAre("x"));
+  }
+}
+
+TEST(LogQuery, findsContextKeysThatJsonEscapes) {
+  const test::TemporaryFolder folder;
+  auto store = EventStore::open(folder.file("a.db"), true, SourceDescriptor::logcat());
+  ASSERT_TRUE(store && store->jsonAvailable());
+  const std::vector<std::string> keys = {"a",    "a/b",   R"(a\b)", R"(a\/b)",
+                                         "a\tb", "a\x01", "é.[0] b"};
+  for (const auto& key : keys) {
+    const LogRow::Context ctx{{key, "v/"}, {"other", "w"}, {"say \"hi\"", key}};
+    store->insert(std::vector{test::row("m", std::nullopt, RuneflowLogLevel::Info, ctx)});
+  }
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    const LogQuery query{context(keys[i], "v/")};
+    EXPECT_THAT(store->matchingSeqs(query, 0), ElementsAre(i + 1)) << keys[i];
+    const auto scan = query.withContextAsSubstringScan();
+    EXPECT_THAT(store->matchingSeqs(scan, 0), ElementsAre(i + 1)) << keys[i];
+  }
+  // Only the scan finds a key that contains a double quote.
+  const LogQuery quoted{context("say \"hi\"", "a")};
+  EXPECT_EQ(store->countMatching(quoted), 0);
+  EXPECT_EQ(store->countMatching(quoted.withContextAsSubstringScan()), 1);
+}
+
 TEST(LogQuery, hostsMayNestTenThousandDeep) {
   const auto nested = [](int levels) {
     auto root = QueryNode::and_({text("a"), context("k", "v")});
@@ -296,7 +378,8 @@ TEST(LogQuery, hostsMayNestTenThousandDeep) {
     return LogQuery{std::move(root)};
   };
 #ifdef __SANITIZE_THREAD__
-  constexpr int kLevels = 1'000;  // it stores the whole stack with every counter that is made
+  // The sanitizer stores the whole call stack for every reference counter that is created.
+  constexpr int kLevels = 1'000;
 #else
   constexpr int kLevels = 10'000;
 #endif

@@ -31,7 +31,7 @@ constexpr std::size_t kReaderStack = std::size_t{4} << 20;
 
 }  // namespace
 
-// The only state that a session and its running readers touch together.
+// The state that a session shares with its running readers.
 class CaptureSession::Shared {
  public:
   class MaxBytesBox {
@@ -57,13 +57,13 @@ class CaptureSession::Shared {
   std::atomic<std::int64_t> rowsLost = 0;
 };
 
-// What one reader thread owns.
+// Everything that one reader thread touches.
 class CaptureSession::Reader {
  public:
   Reader(const CaptureSession& session, std::shared_ptr<Semaphore> previous, int fd,
          DecoderFactory makeDecoder, FinishCallback onFinish)
       : previous_(std::move(previous)),
-        finished_(session.readerFinished_),
+        finished_(session.readerGate_),
         fd_(fd),
         dbPath_(session.dbPath_),
         descriptor_(session.descriptor_),
@@ -78,7 +78,7 @@ class CaptureSession::Reader {
     }
     try {
       capture();
-    } catch (const std::exception& failure) {  // of the host's decoder, or for want of memory
+    } catch (const std::exception& failure) {  // thrown by the host's decoder or by an allocation
       AppLog::logError(AppLog::lifecycle(), "reader: ended by an exception: {}", failure.what());
     }
     release();
@@ -179,18 +179,18 @@ void CaptureSession::setMaxBytes(std::int64_t maxBytes) {
 }
 
 void CaptureSession::run(int fd, DecoderFactory makeDecoder, FinishCallback onFinish) {
-  const auto before = std::exchange(readerFinished_, std::make_shared<Semaphore>());
+  const auto before = std::exchange(readerGate_, std::make_shared<Semaphore>());
   auto reader =
       std::make_shared<Reader>(*this, before, fd, std::move(makeDecoder), std::move(onFinish));
   std::move_only_function<void()> body = [reader] { reader->run(); };
   if (!startThread({"runeflow.log-reader", kReaderStack}, body)) {
-    readerFinished_ = before;  // the next reader still has that one to wait for
+    readerGate_ = before;  // the next reader has to wait for that one
     reader->giveUp();
   }
 }
 
 CaptureProgress CaptureSession::progress() const {
-  // Loaded before the rows decoded, so that they never seem to be more.
+  // Loaded before rowsDecoded, so that their sum never exceeds it.
   const std::int64_t stored = shared_->rowsStored;
   const std::int64_t lost = shared_->rowsLost;
   return {shared_->bytesRead, shared_->rowsDecoded, stored, lost};

@@ -1,19 +1,14 @@
-// Turns a readable byte stream into stored records.
-//
-// run() hands a file descriptor to a reader thread of its own, which reads it to its end, decodes
-// it, stores the records in batches and keeps the database under a size cap. There is no stop call:
-// a host ends a capture by ending the stream (shutdown() on a socket, closing the writing end of a
-// pipe).
-//
-// One session belongs to one database file, which must exist with its schema
-// (EventStore::open(path, true, descriptor)). Its streams run one after the other: a new reader
-// waits up to 5 s for the previous one. Readers do not keep the session alive, nor does its
-// destruction stop them. run() is for one thread at a time; everything else may be called from any
-// thread.
-//
-// A reader that cannot start says so in the log (AppLog, category "lifecycle"), a batch that cannot
-// be written is logged by the store and lost, and a stream that can no longer be read has simply
-// ended. The records stored before stay in every case.
+/// \file
+/// Turns a readable byte stream into stored records.
+///
+///     auto store = EventStore::open("phone.db", true, SourceDescriptor::logcat());
+///     CaptureSession session("phone.db", SourceDescriptor::logcat());
+///     session.run(fd, [] { return std::make_unique<LogcatDecoder>(std::chrono::system_clock::now);
+///     },
+///                 [] { /* the stream has ended, its records are stored */ });
+///
+/// There is no stop call: a host ends a capture by ending the stream, with shutdown() on a socket
+/// or by closing the writing end of a pipe.
 #pragma once
 
 #include <cstdint>
@@ -28,36 +23,55 @@ namespace runeflow {
 
 class Semaphore;
 
-// What the readers of one session have done so far.
+/// What the readers of one session have done so far.
 struct CaptureProgress {
-  std::int64_t bytesRead = 0;
-  std::int64_t rowsDecoded = 0;
-  std::int64_t rowsStored = 0;
-  std::int64_t rowsLost = 0;  // their batch could not be written; the log says why
+  std::int64_t bytesRead = 0;    ///< Bytes read from the streams.
+  std::int64_t rowsDecoded = 0;  ///< Records that the decoders returned.
+  std::int64_t rowsStored = 0;   ///< Records in committed batches.
+  std::int64_t rowsLost = 0;     ///< Records whose batch could not be written; the log says why.
 };
 
+/// Captures streams into one database file, one stream after the other.
+///
+/// run() starts a reader: a thread that reads a stream to its end, decodes it, stores the records
+/// in batches and keeps the database under a size cap. A new reader waits up to 5 s for the
+/// previous one of the session. A reader does not keep the session alive, and destroying the
+/// session does not stop it.
+///
+/// One thread at a time may call run(); the other members may be called from any thread.
+///
+/// A reader that cannot start writes a line to the log (AppLog, category "lifecycle"). A batch that
+/// cannot be written is logged by the store and lost. A read error ends the stream. Records stored
+/// before stay in every case.
 class CaptureSession {
  public:
+  /// Returns the decoder of a stream; must not return null.
   using DecoderFactory = std::move_only_function<std::unique_ptr<RowDecoder>()>;
+  /// Called when a reader has ended.
   using FinishCallback = std::move_only_function<void()>;
 
+  /// The database at `dbPath` must exist with its schema before run() is called: open it with
+  /// EventStore::open(dbPath, true, descriptor).
   CaptureSession(std::string dbPath, SourceDescriptor descriptor);
   ~CaptureSession();
   CaptureSession(const CaptureSession&) = delete;
   CaptureSession& operator=(const CaptureSession&) = delete;
 
-  // The cap on the database's used bytes; below 1 there is none. Running readers follow it from
-  // their next batch on: at or above the cap every batch deletes the 10,000 oldest records.
+  /// Sets the cap on the used bytes of the database; below 1 there is none, which is the default.
+  /// Running readers apply a new cap after their next batch. A batch that finds the used bytes at
+  /// or above the cap is followed by a trim of the 10,000 oldest records.
   void setMaxBytes(std::int64_t maxBytes);
 
-  // Starts a reader and returns at once. The reader owns `fd` from here on and closes it.
-  // `makeDecoder` must give a decoder; it is called once, when the database has been opened.
-  // `onFinish` (may be empty) is called when the reader has ended for whatever reason, and must not
-  // throw. Both run on the reader thread, with SIGINT and the like blocked as in it; the next
-  // reader may already run while `onFinish` does. When the system has no thread left, `onFinish`
-  // runs before run() returns.
+  /// Starts a reader and returns at once. The reader owns `fd` and closes it when it ends.
+  ///
+  /// The reader calls `makeDecoder` once, after it has opened the database, and `onFinish`, which
+  /// may be empty, when it has ended for any reason. `onFinish` must not throw. Both run on the
+  /// reader's thread, which blocks SIGINT and the other asynchronous signals. The next reader may
+  /// run while `onFinish` does. If the system cannot start a thread, `onFinish` runs before run()
+  /// returns.
   void run(int fd, DecoderFactory makeDecoder, FinishCallback onFinish = nullptr);
 
+  /// Returns the sums over all readers of the session.
   CaptureProgress progress() const;
 
  private:
@@ -66,7 +80,7 @@ class CaptureSession {
 
   std::string dbPath_;
   SourceDescriptor descriptor_;
-  std::shared_ptr<Semaphore> readerFinished_;  // released when the reader started last ends
+  std::shared_ptr<Semaphore> readerGate_;  // released when the reader started last ends
   std::shared_ptr<Shared> shared_;             // with the running readers
 };
 

@@ -51,7 +51,9 @@ class [[nodiscard]] Async {
     return async;
   }
 
+  /// A moved-from object may only be assigned to or destroyed.
   Async(Async&&) noexcept = default;
+  /// Discards the present result, if there is one.
   Async& operator=(Async&&) noexcept = default;
 
   /// Blocks until the work is done and returns its result.

@@ -9,31 +9,32 @@
 namespace runeflow {
 namespace {
 
-constexpr std::size_t kPrefixCharacters = 3;  // from this length on a word finds longer ones too
-
-bool hasCharacters(std::string_view text, std::size_t count) {
-  unicode::CharacterReader characters(text);
-  while (count > 0 && !characters.next().empty()) --count;
-  return count == 0;
-}
-
-void appendQuoted(std::string& out, std::string_view text) {
-  out += '"';
+std::string quotedForFts(std::string_view text) {
+  std::string quoted = "\"";
   for (const char c : text) {
-    if (c == '"') out += '"';
-    out += c;
+    if (c == '"') quoted += '"';
+    quoted += c;
   }
-  out += '"';
+  return quoted + '"';
 }
 
 std::string ftsExpression(std::span<const std::string_view> words) {
   std::string expression;
   for (const auto word : words) {
     if (!expression.empty()) expression += ' ';
-    appendQuoted(expression, word);
-    if (hasCharacters(word, kPrefixCharacters)) expression += '*';
+    expression += quotedForFts(word);
+    if (LogQuery::isPrefixWord(word)) expression += '*';
   }
   return expression;
+}
+
+// json_extract() compares the label of a path with the key as the stored JSON text spells it. The
+// path therefore contains the escape sequences of the store. A double quote cannot be
+// written: SQLite ends the label at the first double quote, even if it is doubled.
+std::string jsonPath(std::string_view key) {
+  std::string path = "$.\"";
+  for (const char& c : key) path += c == '"' ? "\"\"" : escapeJson({&c, 1});
+  return path + '"';
 }
 
 std::string containing(std::string_view text) {
@@ -49,8 +50,8 @@ std::string_view textOf(const std::optional<Bind>& value) {
   return text ? std::string_view(*text) : std::string_view{};
 }
 
-// Writes the clause from left to right. Every piece with a "?" goes through condition(), so that
-// placeholders and binds stay in step.
+// Writes the clause from left to right. condition() writes every piece that contains a "?", which
+// keeps placeholders and binds in the same order.
 class Compiler {
  public:
   void write(const QueryNode& node) {
@@ -70,8 +71,8 @@ class Compiler {
   LogQuery::Compiled take() && { return std::move(compiled_); }
 
  private:
-  // Not part of write(), whose frame every level of the tree takes once more. A list of no
-  // conditions holds for every record.
+  // Writes a node without children; an empty list matches every record. The function is not inlined
+  // into write(), because each level of the tree takes another stack frame of write().
   [[gnu::noinline]] void writeLeaf(const QueryNode& node) {
     std::visit(overloaded{
                    [&](const FieldPredicate& predicate) { field(predicate); },
@@ -122,9 +123,7 @@ class Compiler {
                 Bind::text(containing(jsonMember(predicate.key, predicate.value))));
       return;
     }
-    std::string path = "$.";
-    appendQuoted(path, predicate.key);
-    condition("json_extract(ctx, ?)", Bind::text(std::move(path)));
+    condition("json_extract(ctx, ?)", Bind::text(jsonPath(predicate.key)));
     condition(" = ?", Bind::text(predicate.value));
   }
 
@@ -144,7 +143,8 @@ class Compiler {
                term.mode.value());
   }
 
-  // The index folds case, so it finds the candidates and instr() keeps those of the exact case.
+  // The index ignores case. It finds the candidates, and instr() keeps the records whose message
+  // contains each word in its exact case.
   void match(std::string_view text, bool matchCase) {
     const auto words = unicode::words(text);
     if (matchCase) compiled_.clause += '(';
@@ -170,7 +170,7 @@ QueryNode withChildren(const QueryNode& node, std::vector<QueryNode> children) {
   return QueryNode::not_(std::move(children.front()));
 }
 
-// The tree with every childless node replaced by what `rewriteLeaf` makes of it.
+// Returns the tree with every node that has no children replaced by the result of `rewriteLeaf`.
 QueryNode rewritten(const QueryNode& node, QueryNode (*rewriteLeaf)(const QueryNode&)) {
   if (node.children().empty()) return rewriteLeaf(node);
   std::vector<QueryNode> children;
@@ -270,6 +270,14 @@ std::string LogQuery::escapeLike(std::string_view text) {
 
 std::string LogQuery::ftsMatch(std::string_view text) {
   return ftsExpression(unicode::words(text));
+}
+
+bool LogQuery::isPrefixWord(std::string_view word) {
+  unicode::CharacterReader characters(word);
+  for (std::size_t i = 0; i < prefixCharacters; ++i) {
+    if (characters.next().empty()) return false;
+  }
+  return true;
 }
 
 }  // namespace runeflow

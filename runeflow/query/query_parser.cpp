@@ -10,12 +10,12 @@
 namespace runeflow::QueryParser {
 namespace {
 
-// Cuts a valid UTF-8 text into tokens, one at a time.
+// Cuts a valid UTF-8 text into tokens, one per call. The text must outlive the lexer.
 class Lexer {
  public:
   explicit Lexer(std::string_view text) : characters_(text) {}
 
-  // Absent at the end of the text.
+  // Returns the next token; absent at the end of the text.
   std::optional<Tok> next() {
     while (true) {
       const auto character = nextCharacter();
@@ -41,7 +41,7 @@ class Lexer {
     return held_.empty() ? characters_.next() : std::exchange(held_, {});
   }
 
-  // The end of the text, an empty character here, ends a word within quotes too.
+  // An empty character means the end of the text, which ends a word even inside quotes.
   bool endsWord(std::string_view character) const {
     return character.empty() || (!inQuotes_ && (character == "(" || character == ")" ||
                                                 unicode::isWhiteSpace(character)));
@@ -57,7 +57,7 @@ class Lexer {
   }
 
   unicode::CharacterReader characters_;
-  std::string_view held_;  // the character that ended a word
+  std::string_view held_;  // the character that ended the last word, to be read again
   std::string word_;
   bool inQuotes_ = false;
   bool wasQuoted_ = false;
@@ -74,8 +74,8 @@ struct Tree {
   std::size_t depth = 0;
 };
 
-// What AND or OR joins. For AND neighbouring `fts` terms are merged as they come: a node for every
-// word of a long line would take fifty times the line's memory.
+// Collects the operands of an AND or OR. An AND merges neighbouring `fts` terms at once, because a
+// node for each word of a long line would take fifty times the memory of the line.
 class Operands {
  public:
   Operands(Combinator combinator, bool matchCase)
@@ -99,11 +99,12 @@ class Operands {
     }
   }
 
-  // Leave no operand behind.
+  // Returns the operands and empties the collection.
   std::vector<QueryNode> takeNodes() {
     endTerm();
     return std::exchange(nodes_, {});
   }
+  // Returns the operands joined into one tree and empties the collection; absent if it is empty.
   std::optional<Tree> take() {
     auto nodes = takeNodes();
     const std::size_t depth = std::exchange(depth_, 0) + (nodes.size() > 1 ? 1 : 0);
@@ -121,9 +122,9 @@ class Operands {
 
   Combinator combinator_;
   bool matchCase_;
-  std::size_t depth_ = 0;  // of the deepest operand
+  std::size_t depth_ = 0;  // the depth of the deepest operand
   std::vector<QueryNode> nodes_;
-  std::optional<std::string> term_;  // the texts of the terms that came last
+  std::optional<std::string> term_;  // the joined texts of the latest `fts` terms
 };
 
 Tree negated(Tree tree, std::size_t times) {
@@ -131,8 +132,9 @@ Tree negated(Tree tree, std::size_t times) {
   return {std::move(tree.root), tree.depth + times};
 }
 
-// Reads the tokens from left to right and keeps the open groups in a list, so that their number
-// costs no stack. A group is runs of conditions joined by OR.
+// Reads the tokens from left to right. The open groups are kept in a list, because recursion would
+// take stack for each of them. A group consists of runs joined by OR, and a run of conditions
+// joined by AND.
 class BoolParser {
  public:
   BoolParser(std::string_view text, const SourceDescriptor& descriptor, bool matchCase)
@@ -142,26 +144,32 @@ class BoolParser {
     Operands conditions(Combinator::and_, matchCase_);
     while (tok_) {
       if (auto tree = parseOr()) conditions.add(*std::move(tree));
-      take<Tok::Rparen>();  // a stray one
+      take<Tok::Rparen>();  // a stray parenthesis
     }
     auto tree = conditions.take();
     return {tree ? std::move(tree->root) : QueryNode::all()};
   }
 
  private:
-  // A group that gets this deep may get an AND and an OR on top, and the text another AND.
+  // Three levels stay free: later conditions may add an AND and an OR above the condition, and
+  // parse() another AND after a stray parenthesis.
   static constexpr std::size_t kDeepestCondition = maxDepth - 3;
 
   struct Group {
-    std::size_t nots;   // in front of its parenthesis
-    std::size_t depth;  // ANDs, ORs and NOTs that lie above its conditions in any case
-    Operands run;
-    Operands branches;
-    std::size_t wraps = 0;  // groups around this one that hold nothing else so far
+    std::size_t nots;       // NOTs in front of its parenthesis
+    std::size_t depth;      // ANDs, ORs and NOTs outside the group that lie above its conditions
+    Operands run;           // the conditions since the last OR
+    Operands branches;      // the finished runs
+    std::size_t wraps = 0;  // open parentheses around this group with nothing else in them so far
+
+    // The number of ANDs, ORs and NOTs above the operand that comes next.
+    std::size_t operandDepth() const {
+      return depth + (run.isEmpty() ? 0 : 1) + (branches.isEmpty() ? 0 : 1);
+    }
   };
 
-  // Runs joined by OR, with all groups in them. A group that turns out empty ends the run that it
-  // stands in.
+  // Parses runs joined by OR, including the groups in them, up to a stray closing parenthesis or
+  // the end of the text. An empty group ends the run that contains it.
   std::optional<Tree> parseOr() {
     openGroup(0, 0);
     bool runGoesOn = true;
@@ -175,18 +183,20 @@ class BoolParser {
       take<Tok::Rparen>();
       runGoesOn = tree.has_value();
       auto& group = groups_.back();
-      if (tree && group.depth + tree->depth <= kDeepestCondition) group.run.add(*std::move(tree));
+      if (tree && group.operandDepth() + tree->depth <= kDeepestCondition) {
+        group.run.add(*std::move(tree));
+      }
     }
   }
 
-  // Adds a condition to the run or opens a group; false where neither begins.
+  // Adds a condition to the run, opens a group, or skips an operand that would lie too deep.
+  // Returns false if the next token ends the run.
   bool readCondition() {
     if (take<Tok::And>()) return true;
     auto& group = groups_.back();
     std::size_t nots = 0;
     while (take<Tok::Not>()) ++nots;
-    const std::size_t depth =
-        group.depth + nots + (group.run.isEmpty() ? 0 : 1) + (group.branches.isEmpty() ? 0 : 1);
+    const std::size_t depth = group.operandDepth() + nots;
     const bool isGroup = at<Tok::Lparen>();
     if (depth == group.depth && take<Tok::Lparen>()) {
       ++group.wraps;
@@ -214,7 +224,8 @@ class BoolParser {
     if (auto branch = group.run.take()) group.branches.add(*std::move(branch));
   }
 
-  // What the innermost group stands for; absent when it is empty.
+  // Closes the innermost group, or one of the parentheses around it. Returns the tree of the group;
+  // absent if the group is empty.
   std::optional<Tree> endGroup() {
     auto& group = groups_.back();
     auto tree = group.branches.take();
@@ -227,7 +238,7 @@ class BoolParser {
     return tree;
   }
 
-  // A word, or a group to its closing parenthesis.
+  // Skips a word, or a group up to its closing parenthesis.
   void skipOperand() {
     if (take<Tok::Word>() || !at<Tok::Lparen>()) return;
     std::size_t open = 0;
@@ -253,10 +264,10 @@ class BoolParser {
   void advance() { tok_ = lexer_.next(); }
 
   Lexer lexer_;
-  std::optional<Tok> tok_;  // the next one; absent at the end
+  std::optional<Tok> tok_;  // the next token; absent at the end of the text
   const SourceDescriptor& descriptor_;
   bool matchCase_;
-  std::vector<Group> groups_;  // open ones, the innermost last
+  std::vector<Group> groups_;  // the open groups, the innermost last
 };
 
 struct NameAndValue {
@@ -264,7 +275,8 @@ struct NameAndValue {
   std::string_view value;
 };
 
-// Cut at the first colon that is a character by itself; absent without one and for an empty value.
+// Splits `word` at its first colon. A colon that carries a combining mark, or is joined to the
+// character before it, does not count. Absent without a colon and for an empty value.
 std::optional<NameAndValue> splitAtColon(std::string_view word) {
   auto colon = word.find(':');
   while (colon != std::string_view::npos && !unicode::standsAlone(word, colon)) {

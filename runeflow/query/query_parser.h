@@ -1,14 +1,25 @@
-// The query language: turns the line a user types into a LogQuery, and lists the words that a
-// viewer highlights.
-//
-// Words are searched in the message, `name:value` tests a field of the source, `ctx.key:value` the
-// record's context map; AND, OR, NOT and parentheses combine them, double quotes keep a stretch
-// together. Parsing never fails: what fits no rule is searched as text, a token that fits nowhere
-// is skipped. Text is read by user-perceived characters, bytes that are not UTF-8 as U+FFFD.
-//
-// All functions are pure and may run on any thread; the deepest query that can be typed takes at
-// most 2 MiB of its stack when built with optimisation. Time and memory follow the length of the
-// text.
+/// \file
+/// The query language: parse() turns the line that a user types into a LogQuery, and
+/// highlightTerms() lists the words that a viewer highlights.
+///
+///     const auto query = QueryParser::parse("level:warn \"disk full\" NOT tag:Net",
+///                                           SourceDescriptor::logcat(), false);
+///     const auto words = QueryParser::highlightTerms(query.root);  // "disk", "full"
+///
+/// A plain word searches the message, `name:value` tests a field of the source, and `ctx.key:value`
+/// tests the record's context map. AND, OR, NOT and parentheses combine these conditions. Between
+/// two double quotes, blanks, parentheses and keywords are ordinary text; a colon keeps its
+/// meaning. Parsing never fails: a word that is no condition on a field or a key is searched as
+/// text, and an operator or parenthesis without its counterpart is skipped. docs/query-language.md
+/// describes the language for users.
+///
+/// The text is read by user-perceived characters (Unicode extended grapheme clusters). parse() and
+/// lex() read bytes that are not UTF-8 as U+FFFD. leaf(), contextPredicate() and fieldPredicate()
+/// expect valid UTF-8 and copy other bytes unchanged into the condition.
+///
+/// All functions are pure and may run on any thread. The deepest query that can be typed takes at
+/// most 2 MiB of stack in an optimised build. Time and memory are proportional to the length of the
+/// text.
 #pragma once
 
 #include <cstddef>
@@ -23,43 +34,85 @@
 #include "runeflow/model/source_descriptor.h"
 #include "runeflow/query/log_query.h"
 
+/// \namespace runeflow::QueryParser
+/// The query language and the steps of its parser.
 namespace runeflow::QueryParser {
 
-// How many ANDs, ORs and NOTs may lie above a condition in the tree of a typed query; parentheses
-// alone add none. A NOT or a group that would lie deeper is skipped, with what stands in it.
+/// Returns the query that `text` stands for. `descriptor` names the fields of the source, and
+/// `matchCase` applies to every full-text term. The root is `all` if `text` contains no condition.
+LogQuery parse(std::string_view text, const SourceDescriptor& descriptor, bool matchCase);
+
+/// Returns the words of all full-text terms in order. Negated and repeated words are included.
+std::vector<std::string> highlightTerms(const QueryNode& node);
+
+/// The largest depth of a tree that parse() returns. The depth of a condition is the number of
+/// ANDs, ORs and NOTs above it; parentheses alone do not count.
+///
+/// parse() skips a NOT or a group, with everything in it, if it would put a condition deeper than
+/// maxDepth - 3. The count includes the AND and the OR that join the group to conditions before it,
+/// even if the words on both sides of the AND later merge into one term. Three levels stay free for
+/// the text that follows: it may add an AND, an OR, and, after a stray closing parenthesis, another
+/// AND.
 inline constexpr std::size_t maxDepth = 2'000;
 
+/// Returns the condition that one word stands for: a condition on the context map, else one on a
+/// field, else a full-text term of the whole word.
+QueryNode leaf(std::string_view word, const SourceDescriptor& descriptor, bool matchCase);
+
+/// Returns the condition of a `ctx.key:value` word. The value is everything after the first colon.
+/// Absent for any other word, and if the key or the value is empty.
+std::optional<ContextPredicate> contextPredicate(std::string_view word);
+
+/// Returns the condition of a `name:value` word. The value is everything after the first colon.
+///
+/// Absent if `name` is not a queryable field of `descriptor`, if the value is empty, if the field
+/// is the level and the value is not the name of a level, and if the field is the timestamp.
+std::optional<FieldPredicate> fieldPredicate(std::string_view word,
+                                             const SourceDescriptor& descriptor);
+
+/// Returns the raw value of the RuneflowLogLevel with the name or short name `text`, in any case.
+/// Absent if there is no such level.
+std::optional<std::int64_t> levelValue(std::string_view text);
+
+/// A token of the query language.
 class Tok {
  public:
+  /// A word, without the double quotes that were typed around it or in it.
   struct Word {
-    std::string text;
+    std::string text;  ///< The characters of the word; never empty in the result of lex().
     bool operator==(const Word&) const = default;
   };
+  /// An opening parenthesis.
   struct Lparen {
     bool operator==(const Lparen&) const = default;
   };
+  /// A closing parenthesis.
   struct Rparen {
     bool operator==(const Rparen&) const = default;
   };
+  /// The keyword AND.
   struct And {
     bool operator==(const And&) const = default;
   };
+  /// The keyword OR.
   struct Or {
     bool operator==(const Or&) const = default;
   };
+  /// The keyword NOT.
   struct Not {
     bool operator==(const Not&) const = default;
   };
+  /// The alternatives.
   using Value = std::variant<Word, Lparen, Rparen, And, Or, Not>;
 
-  static Tok word(std::string text) { return Tok(Word{std::move(text)}); }
-  static Tok lparen() { return Tok(Lparen{}); }
-  static Tok rparen() { return Tok(Rparen{}); }
-  static Tok and_() { return Tok(And{}); }
-  static Tok or_() { return Tok(Or{}); }
-  static Tok not_() { return Tok(Not{}); }
+  static Tok word(std::string text) { return Tok(Word{std::move(text)}); }  ///< See Word.
+  static Tok lparen() { return Tok(Lparen{}); }                             ///< See Lparen.
+  static Tok rparen() { return Tok(Rparen{}); }                             ///< See Rparen.
+  static Tok and_() { return Tok(And{}); }                                  ///< See And.
+  static Tok or_() { return Tok(Or{}); }                                    ///< See Or.
+  static Tok not_() { return Tok(Not{}); }                                  ///< See Not.
 
-  const Value& value() const { return value_; }
+  const Value& value() const { return value_; }  ///< The alternative that this token holds.
   bool operator==(const Tok&) const = default;
 
  private:
@@ -67,35 +120,21 @@ class Tok {
   Value value_;
 };
 
-enum class Combinator { and_, or_ };
-
-// `matchCase` goes into every full-text term. The root is `all` when nothing usable was typed.
-LogQuery parse(std::string_view text, const SourceDescriptor& descriptor, bool matchCase);
-
+/// Cuts `text` into tokens. AND, OR and NOT are keywords only in upper case and without quotes.
 std::vector<Tok> lex(std::string_view text);
 
-// The words of all full-text terms in order, negated and repeated ones too.
-std::vector<std::string> highlightTerms(const QueryNode& node);
-
-// Absent for no node, the node itself for one, else `and` or `or` over the list.
-std::optional<QueryNode> reduce(std::vector<QueryNode> nodes, Combinator combinator);
-
-// The list with every run of neighbouring `fts` terms made one term, its words joined by blanks.
-// The new terms take `matchCase`, whatever the old ones had.
+/// Returns `nodes` with every run of neighbouring `fts` terms merged into one term, whose text is
+/// their texts joined by blanks. The merged terms take `matchCase`, whatever the old terms had.
 std::vector<QueryNode> coalesceFullText(std::vector<QueryNode> nodes, bool matchCase);
 
-// The condition that one word stands for: on the context map, else on a field, else full text.
-QueryNode leaf(std::string_view word, const SourceDescriptor& descriptor, bool matchCase);
+/// The operator that joins a list of nodes.
+enum class Combinator {
+  and_,  ///< All nodes must match.
+  or_    ///< At least one node must match.
+};
 
-// Of a `ctx.key:value` word; absent for any other and when key or value is empty.
-std::optional<ContextPredicate> contextPredicate(std::string_view word);
-
-// Of a `name:value` word; absent when the name is not that of a queryable field, the value is empty
-// or, for the level, no level's name, and for the timestamp always.
-std::optional<FieldPredicate> fieldPredicate(std::string_view word,
-                                             const SourceDescriptor& descriptor);
-
-// The raw value of a RuneflowLogLevel by its name or short name, in any case.
-std::optional<std::int64_t> levelValue(std::string_view text);
+/// Returns `nodes` joined by `combinator`. A single node is returned as it is. Absent if the list
+/// is empty.
+std::optional<QueryNode> reduce(std::vector<QueryNode> nodes, Combinator combinator);
 
 }  // namespace runeflow::QueryParser

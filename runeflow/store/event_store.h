@@ -13,8 +13,8 @@
 ///
 /// - For a list of all records that shows a page at a time, use `minSeq()` and `maxSeq()` for its
 ///   length and `fetchRange(first, last)` for the visible part.
-/// - For a filtered list, call `matchingSeqs(query, 0)` once and `fetch(seqs)` for the visible
-/// part.
+/// - For a filtered list, call `matchingSeqs(query, 0)` once, and `fetch(seqs)` for what is
+/// visible.
 /// - For new records, call `matchingSeqs(query, after)` with the largest seq known.
 /// - For a number alone, use `count()` or `countMatching(query)`.
 /// - For completing the values of a field, use `distinctValues()` or `distinctValuesWithCounts()`.
@@ -84,8 +84,9 @@ struct StoreInfo {
 /// connection waits up to 5 s for locks of other connections.
 ///
 /// Writes report failure in the diagnostic log (AppLog, category "store"), not to the caller; a
-/// batch or trim that fails leaves the database as it was. A read that fails returns 0 or an empty
-/// list and logs nothing. An inert, closed or moved-from store stores and finds nothing.
+/// batch or trim that fails leaves the database as it was. A read that fails returns what it has
+/// read until then, usually 0 or an empty list, and logs nothing. An inert, closed or moved-from
+/// store stores and finds nothing.
 class EventStore {
  public:
   /// Opens the file at `path`. With `create` true, makes the file if it does not exist and creates
@@ -103,7 +104,9 @@ class EventStore {
   /// Returns a store without a connection.
   static EventStore inert(SourceDescriptor descriptor);
 
+  /// A moved-from store is inert.
   EventStore(EventStore&&) noexcept;
+  /// Closes the present connection first.
   EventStore& operator=(EventStore&&) noexcept;
   ~EventStore();
 

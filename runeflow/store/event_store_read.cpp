@@ -20,7 +20,7 @@ constexpr int kMessageColumn = 11;  // then ctx
 
 constexpr std::int64_t kMostRowsReserved = 4096;
 
-// Absent unless the text is a JSON object with nothing but strings in it.
+// Returns absence unless the text is a JSON object whose values are all strings.
 std::optional<LogRow::Context> parseContext(std::string_view text) {
   const auto document = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (!document.is_object()) return std::nullopt;
@@ -32,9 +32,9 @@ std::optional<LogRow::Context> parseContext(std::string_view text) {
   return ctx;
 }
 
-// Reads the rows that a statement steps to. The views are kept from row to row: making them takes
-// longer than setting them. Converting, it makes a row where the list keeps it: moving a row that
-// was written a moment ago takes longer than writing it.
+// Converts to the record of the row at which a statement stands. emplace_back() then constructs the
+// record in its place in the list; constructing it elsewhere and moving it takes longer. The views
+// are members because constructing them for every row takes longer, too.
 class RowReader {
  public:
   explicit RowReader(const Statement& statement) : statement_(statement) {}
@@ -43,7 +43,7 @@ class RowReader {
     statement_.readTexts(kFirstSlotColumn, slots_);
     statement_.readTexts(kMessageColumn, messageAndContext_);
     const auto& [message, ctx] = messageAndContext_;
-    // The level is read in 32 bits; a number that is no level counts as Info.
+    // Only the low 32 bits of the level count; any number but 0 to 5 reads as Info.
     const auto level =
         levelFromRawValue(static_cast<std::int32_t>(statement_.integer(kLevelColumn)));
     return {timestampFromMicroseconds(statement_.integer(kTimestampColumn)),
@@ -71,7 +71,7 @@ int bindAll(Statement& statement, int index, const std::vector<Bind>& binds) {
   return index;
 }
 
-// The statement of matchingSeqs() behind `prefix`.
+// Prepares `prefix` followed by the statement of matchingSeqs().
 Statement prepareMatching(OpenDatabase* database, const char* prefix, const LogQuery& query,
                           std::int64_t after) {
   const auto [clause, binds] = query.compile();
@@ -146,7 +146,7 @@ std::vector<FetchedRow> EventStore::fetchRange(std::int64_t first, std::int64_t 
   if (!statement) return {};
   statement.bind(1, first);
   statement.bind(2, last);
-  // Counted without overflow: the bounds may be the ends of the range of 64 bits.
+  // The bounds may be the ends of the range of 64 bits; last - first must not overflow.
   const bool isShort =
       first <= last && (first >= 0 || last < 0) && last - first < kMostRowsReserved;
   return readRows(statement, isShort ? last - first + 1 : 0);

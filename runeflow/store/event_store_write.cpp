@@ -140,7 +140,8 @@ void EventStore::insert(std::span<const LogRow> rows) {
 }
 
 void EventStore::clear() {
-  if (!database_) return AppLog::logError(AppLog::store(), "clear: DELETE failed: no database handle");
+  if (!database_)
+    return AppLog::logError(AppLog::store(), "clear: DELETE failed: no database handle");
   auto& connection = database_->connection;
   if (!connection.execute("DELETE FROM events;")) {
     AppLog::logError(AppLog::store(), "clear: DELETE failed: {}", connection.errorText());

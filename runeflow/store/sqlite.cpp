@@ -128,7 +128,7 @@ int Connection::errorCode() const {
 }
 
 std::string Connection::errorText() const {
-  return sqlite3_errmsg(handle_.get());  // of no connection: "out of memory"
+  return sqlite3_errmsg(handle_.get());
 }
 
 Transaction::Transaction(Connection& connection)
