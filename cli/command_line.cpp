@@ -17,6 +17,10 @@ namespace {
 
 using host::fail;
 
+std::string kindIds() {
+  return host::joinKinds(&host::LogKind::id, " or ");
+}
+
 // A subcommand, and the options that parsing fills in.
 template <class Options>
 struct Subcommand {
@@ -28,8 +32,7 @@ struct Subcommand {
   }
 
   void addSource() {
-    const auto description =
-        fmt::format("{}, if the database does not tell", host::kindIds(" or "));
+    const auto description = fmt::format("{}, if the database does not tell", kindIds());
     command->add_option("--source", options->source, description)->type_name("KIND");
   }
 
@@ -75,9 +78,9 @@ void addCapture(CLI::App& app, int& exitCode) {
       ->required()
       ->type_name("PATH");
   command
-      ->add_option("--format", options.format,
-                   fmt::format("What the files hold ({}), if their first bytes do not tell",
-                               host::kindIds(" or ")))
+      ->add_option(
+          "--format", options.format,
+          fmt::format("What the files hold ({}), if their first bytes do not tell", kindIds()))
       ->type_name("KIND");
   command
       ->add_option("--max-bytes", *maxBytes,

@@ -56,13 +56,9 @@ EventStore openStore(const std::string& path, bool create, const SourceDescripto
 }  // namespace
 
 const LogKind* kindOf(const runeflow::StoreInfo& info) {
-  const auto hasIndexesOf = [&](const LogKind& kind) {
-    const auto columns = kind.descriptor().indexedColumns();
-    return info.indexes.size() == columns.size() &&
-           std::ranges::is_permutation(info.indexedColumns, columns);
-  };
   const auto kinds = LogKind::all();
-  const auto found = std::ranges::find_if(kinds, hasIndexesOf);
+  const auto found = std::ranges::find_if(
+      kinds, [&](const LogKind& kind) { return info.hasIndexesOf(kind.descriptor()); });
   return found == kinds.end() ? nullptr : &*found;
 }
 
@@ -74,7 +70,7 @@ EventStore openDatabase(const std::string& path, const std::string& source) {
   const auto* kind = source.empty() ? kindOf(info) : &LogKind::named(source);
   if (!kind) {
     fail("cannot tell from its indexes what {} holds; name it with --source {}", path,
-         kindIds(" or "));
+         joinKinds(&LogKind::id, " or "));
   }
   return openStore(path, false, kind->descriptor());
 }

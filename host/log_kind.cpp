@@ -21,20 +21,20 @@ std::unique_ptr<runeflow::RowDecoder> make(runeflow::Clock now) {
 
 // DLT comes first, because the messages of a recording may hold lines of logcat text.
 constexpr LogKind kKinds[] = {
-    {"dlt", SourceDescriptor::dlt, make<DLTDecoder>, DLTDecoder::sampleSize,
+    {"dlt", "a DLT recording", SourceDescriptor::dlt, make<DLTDecoder>, DLTDecoder::sampleSize,
      DLTDecoder::looksLikeRecording},
-    {"logcat", SourceDescriptor::logcat, make<LogcatDecoder>, LogcatDecoder::sampleSize,
-     LogcatDecoder::looksLikeThreadtime},
+    {"logcat", "logcat threadtime text", SourceDescriptor::logcat, make<LogcatDecoder>,
+     LogcatDecoder::sampleSize, LogcatDecoder::looksLikeThreadtime},
 };
 
 }  // namespace
 
 const LogKind& LogKind::dlt() {
-  return kKinds[0];
+  return named("dlt");
 }
 
 const LogKind& LogKind::logcat() {
-  return kKinds[1];
+  return named("logcat");
 }
 
 std::span<const LogKind> LogKind::all() {
@@ -44,17 +44,17 @@ std::span<const LogKind> LogKind::all() {
 const LogKind& LogKind::named(std::string_view id) {
   const auto* found = std::ranges::find(kKinds, id, &LogKind::id);
   if (found == std::end(kKinds))
-    fail("'{}' is not a kind of log; the kinds are {}", id, kindIds(" and "));
+    fail("'{}' is not a kind of log; the kinds are {}", id, joinKinds(&LogKind::id, " and "));
   return *found;
 }
 
-std::string kindIds(std::string_view separator) {
-  std::string ids;
+std::string joinKinds(std::string_view LogKind::* text, std::string_view separator) {
+  std::string joined;
   for (const auto& kind : kKinds) {
-    if (!ids.empty()) ids += separator;
-    ids += kind.id;
+    if (!joined.empty()) joined += separator;
+    joined += kind.*text;
   }
-  return ids;
+  return joined;
 }
 
 }  // namespace host

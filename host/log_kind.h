@@ -17,7 +17,8 @@ namespace host {
 using Bytes = std::span<const std::uint8_t>;
 
 struct LogKind {
-  std::string_view id;  // as users name it, and the id of its descriptor
+  std::string_view id;    // as users name it, and the id of its descriptor
+  std::string_view form;  // what a stream of this kind is, for messages
   const runeflow::SourceDescriptor& (*descriptor)();
   std::unique_ptr<runeflow::RowDecoder> (*makeDecoder)(runeflow::Clock now);
   std::size_t sampleSize;            // how many bytes of a stream `recognises` examines at most
@@ -33,7 +34,7 @@ struct LogKind {
   static const LogKind& named(std::string_view id);
 };
 
-// The ids of all kinds, joined by `separator`.
-std::string kindIds(std::string_view separator);
+// The ids or forms of all kinds, joined by `separator`.
+std::string joinKinds(std::string_view LogKind::* text, std::string_view separator);
 
 }  // namespace host

@@ -44,10 +44,8 @@ void recogniseStream(Stream& stream) {
     stream.kind = recognised(stream.head);
     if (stream.kind) return;
   }
-  fail(
-      "{} is neither logcat threadtime text nor a DLT recording; name what it holds with --format "
-      "{}",
-      stream.name, kindIds(" or --format "));
+  fail("{} is neither {}; name what it holds with --format {}", stream.name,
+       joinKinds(&LogKind::form, " nor "), joinKinds(&LogKind::id, " or --format "));
 }
 
 ADBTransport::Device pickDevice(const std::vector<ADBTransport::Device>& devices,

@@ -169,7 +169,7 @@ TEST_F(Command, whatCannotBeDoneIsOneSentenceAndExitCodeTwo) {
       {"capture missing.log --db b.db", "cannot open missing.log: No such file or directory"},
       {"capture . --db b.db", ". is a directory"},
       {"capture text --db b.db",
-       "text is neither logcat threadtime text nor a DLT recording; name what it holds with "
+       "text is neither a DLT recording nor logcat threadtime text; name what it holds with "
        "--format"},
       {"capture rec.dlt --db a.db", "a.db already holds logcat records"},
       {"capture a.log rec.dlt --db b.db", "a.log holds logcat records but rec.dlt holds dlt"},

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <exception>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <utility>
@@ -34,23 +33,7 @@ constexpr std::size_t kReaderStack = std::size_t{4} << 20;
 // The state that a session shares with its running readers.
 class CaptureSession::Shared {
  public:
-  class MaxBytesBox {
-   public:
-    void set(std::int64_t maxBytes) {
-      const std::lock_guard lock(mutex_);
-      maxBytes_ = maxBytes;
-    }
-    std::int64_t get() const {
-      const std::lock_guard lock(mutex_);
-      return maxBytes_;
-    }
-
-   private:
-    mutable std::mutex mutex_;
-    std::int64_t maxBytes_ = 0;  // guarded by mutex_
-  };
-
-  MaxBytesBox maxBytesBox;
+  std::atomic<std::int64_t> maxBytes = 0;
   std::atomic<std::int64_t> bytesRead = 0;
   std::atomic<std::int64_t> rowsDecoded = 0;
   std::atomic<std::int64_t> rowsStored = 0;
@@ -81,14 +64,12 @@ class CaptureSession::Reader {
     } catch (const std::exception& failure) {  // thrown by the host's decoder or by an allocation
       AppLog::logError(AppLog::lifecycle(), "reader: ended by an exception: {}", failure.what());
     }
-    release();
-    finish();
+    end();
   }
 
   void giveUp() {
     AppLog::logError(AppLog::lifecycle(), "reader: the system gave no thread; not starting");
-    release();
-    finish();
+    end();
   }
 
  private:
@@ -103,12 +84,6 @@ class CaptureSession::Reader {
       return;
     }
     readToEnd();
-  }
-
-  void release() {
-    store_.reset();
-    decoder_.reset();
-    fd_.reset();
   }
 
   void readToEnd() {
@@ -141,13 +116,16 @@ class CaptureSession::Reader {
     shared_->rowsLost += static_cast<std::int64_t>(batch_.size()) - stored;
     batch_.clear();
     lastFlush_ = SteadyClock::now();
-    if (const auto maxBytes = shared_->maxBytesBox.get(); maxBytes >= 1) {
+    if (const auto maxBytes = shared_->maxBytes.load(); maxBytes >= 1) {
       store_->trimOldest(maxBytes, kTrimChunk);
     }
   }
 
-  // The semaphore comes first: the next reader does not wait for the host's callback.
-  void finish() {
+  // The semaphore comes before the host's callback, so that the next reader does not wait for it.
+  void end() {
+    store_.reset();
+    decoder_.reset();
+    fd_.reset();
     finished_->release();
     if (onFinish_) onFinish_();
   }
@@ -175,7 +153,7 @@ CaptureSession::CaptureSession(std::string dbPath, SourceDescriptor descriptor)
 CaptureSession::~CaptureSession() = default;
 
 void CaptureSession::setMaxBytes(std::int64_t maxBytes) {
-  shared_->maxBytesBox.set(maxBytes);
+  shared_->maxBytes = maxBytes;
 }
 
 void CaptureSession::run(int fd, DecoderFactory makeDecoder, FinishCallback onFinish) {

@@ -81,7 +81,7 @@ class CaptureSession {
   std::string dbPath_;
   SourceDescriptor descriptor_;
   std::shared_ptr<Semaphore> readerGate_;  // released when the reader started last ends
-  std::shared_ptr<Shared> shared_;             // with the running readers
+  std::shared_ptr<Shared> shared_;         // with the running readers
 };
 
 }  // namespace runeflow

@@ -188,25 +188,12 @@ Timestamp toTimestamp(const DateAndTime& time, std::int64_t year, LocalTimeZone&
 }
 
 std::optional<RuneflowLogLevel> toLevel(std::string_view field) {
+  using enum RuneflowLogLevel;
+  constexpr std::string_view kLetters = "VDISWEFA";
+  constexpr std::array kLevels{Trace, Debug, Info, Info, Warning, Error, Fatal, Fatal};
   if (field.size() != 1) return std::nullopt;
-  switch (field[0]) {
-    case 'V':
-      return RuneflowLogLevel::Trace;
-    case 'D':
-      return RuneflowLogLevel::Debug;
-    case 'I':
-    case 'S':
-      return RuneflowLogLevel::Info;
-    case 'W':
-      return RuneflowLogLevel::Warning;
-    case 'E':
-      return RuneflowLogLevel::Error;
-    case 'F':
-    case 'A':
-      return RuneflowLogLevel::Fatal;
-    default:
-      return std::nullopt;
-  }
+  const auto at = kLetters.find(field[0]);
+  return at == std::string_view::npos ? std::nullopt : std::optional(kLevels[at]);
 }
 
 bool isNumericText(std::string_view text) {

@@ -48,7 +48,6 @@ SourceRef sourceFrom(SimctlDeviceList::Device&& simulator, const std::string& os
       .name = std::move(simulator.name),
       .osVersion = osVersion,
       .udid = std::move(simulator.udid),
-      .model = std::nullopt,
       .streamable = true,
       .symbol = std::move(symbol),
   };

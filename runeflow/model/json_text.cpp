@@ -6,48 +6,20 @@
 #include "runeflow/platform/unicode_p.h"
 
 namespace runeflow {
-namespace {
-
-void appendEscaped(std::string& out, std::string_view text) {
-  for (const char c : text) {
-    switch (c) {
-      case '"':
-      case '\\':
-      case '/':
-        out += '\\';
-        out += c;
-        break;
-      case '\b':
-        out += "\\b";
-        break;
-      case '\f':
-        out += "\\f";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          fmt::format_to(std::back_inserter(out), "\\u{:04x}", static_cast<unsigned>(c));
-        } else {
-          out += c;
-        }
-    }
-  }
-}
-
-}  // namespace
-
 std::string escapeJson(std::string_view text) {
+  constexpr std::string_view kCharacters = "\"\\/\b\f\n\r\t";
+  constexpr std::string_view kLetters = "\"\\/bfnrt";
   std::string out;
   out.reserve(text.size());
-  appendEscaped(out, text);
+  for (const char c : text) {
+    if (const auto at = kCharacters.find(c); at != std::string_view::npos) {
+      out += {'\\', kLetters[at]};
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+      fmt::format_to(std::back_inserter(out), "\\u{:04x}", static_cast<unsigned>(c));
+    } else {
+      out += c;
+    }
+  }
   return out;
 }
 

@@ -13,8 +13,6 @@ SourceRef SourceRef::thisMac() {
       .id = "mac",
       .name = hostName().value_or("This Mac"),
       .osVersion = "macOS " + versionText(runeflow::osVersion()),
-      .udid = std::nullopt,
-      .model = std::nullopt,
       .streamable = true,
       .symbol = "laptopcomputer",
   };
@@ -42,14 +40,9 @@ std::string SourceRef::symbolForDeviceType(std::string_view type) {
 std::size_t std::hash<runeflow::SourceRef>::operator()(
     const runeflow::SourceRef& source) const noexcept {
   std::size_t seed = static_cast<std::size_t>(source.kind) * 2 + (source.streamable ? 1 : 0);
-  const auto mix = [&seed](const auto& field) {
-    seed = seed * 31 + std::hash<std::remove_cvref_t<decltype(field)>>{}(field);
+  const auto mix = [&seed](const auto&... fields) {
+    ((seed = seed * 31 + std::hash<std::remove_cvref_t<decltype(fields)>>{}(fields)), ...);
   };
-  mix(source.id);
-  mix(source.name);
-  mix(source.osVersion);
-  mix(source.udid);
-  mix(source.model);
-  mix(source.symbol);
+  mix(source.id, source.name, source.osVersion, source.udid, source.model, source.symbol);
   return seed;
 }

@@ -31,10 +31,10 @@ struct SourceRef {
   std::string osVersion;  ///< The operating system shown to the user, for example "iOS 17.2".
   /// The unique device identifier (UDID) of a simulator or device. Absent for the Mac, and for a
   /// device whose UDID the developer tools do not report.
-  std::optional<std::string> udid;
+  std::optional<std::string> udid = std::nullopt;
   /// The marketing name of a device. Absent for other kinds, and if the developer tools report
   /// none.
-  std::optional<std::string> model;
+  std::optional<std::string> model = std::nullopt;
   bool streamable;     ///< True if logs can be captured from the source at present.
   std::string symbol;  ///< The SF Symbols name of the source's icon.
 

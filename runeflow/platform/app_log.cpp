@@ -15,17 +15,9 @@ namespace runeflow::AppLog {
 namespace {
 
 spdlog::level::level_enum spdlogLevel(Level level) {
-  switch (level) {
-    case Level::debug:
-      return spdlog::level::debug;
-    case Level::info:
-      return spdlog::level::info;
-    case Level::error:
-      return spdlog::level::err;
-    case Level::off:
-      return spdlog::level::off;
-  }
-  return spdlog::level::off;
+  using enum spdlog::level::level_enum;
+  constexpr spdlog::level::level_enum kLevels[] = {debug, info, err, off};
+  return kLevels[static_cast<std::size_t>(level)];
 }
 
 Level levelOf(spdlog::level::level_enum level) {

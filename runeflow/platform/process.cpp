@@ -104,13 +104,15 @@ class ChildProcess {
 struct Pipe {
   FileDescriptor readEnd;
   FileDescriptor writeEnd;
-};
 
-std::optional<Pipe> makePipe() {
-  std::array<int, 2> ends{};
-  if (::pipe2(ends.data(), O_CLOEXEC) != 0) return std::nullopt;
-  return Pipe{FileDescriptor(ends[0]), FileDescriptor(ends[1])};
-}
+  bool open() {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) return false;
+    readEnd.reset(ends[0]);
+    writeEnd.reset(ends[1]);
+    return true;
+  }
+};
 
 std::vector<std::uint8_t> readToEnd(int fd) {
   std::vector<std::uint8_t> bytes;
@@ -129,11 +131,7 @@ std::optional<ProcessResult> runProcess(const std::string& program,
                                         const std::vector<std::string>& arguments,
                                         StandardOutput standardOutput) {
   Pipe pipe;
-  if (standardOutput == StandardOutput::captured) {
-    auto made = makePipe();
-    if (!made) return std::nullopt;
-    pipe = std::move(*made);
-  }
+  if (standardOutput == StandardOutput::captured && !pipe.open()) return std::nullopt;
   const auto pid = SpawnPlan(pipe.writeEnd.get()).spawn(program, arguments);
   if (!pid) return std::nullopt;
   ChildProcess child(*pid);

@@ -74,6 +74,9 @@ struct StoreInfo {
   std::string faultText;                ///< The same in SQLite's words; empty for `none`.
   bool hasFullText = false;             ///< The full-text index is there.
   std::vector<std::string> indexes;     ///< Names of the indexes of `events`, in order of creation.
+
+  /// Returns whether the indexes are those that a store with this descriptor has, and no others.
+  bool hasIndexesOf(const SourceDescriptor& descriptor) const;
   std::vector<StoreColumn>
       indexedColumns;  ///< The columns whose index carries the store's name for it.
 };

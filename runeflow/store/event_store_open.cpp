@@ -40,35 +40,16 @@ std::string indexName(const StoreColumn& column) {
   return "i_" + column.sql();
 }
 
-std::optional<StoreColumn> columnOfIndex(const std::string& name) {
-  std::vector<StoreColumn> columns = {StoreColumn::level(), StoreColumn::timestamp(),
-                                      StoreColumn::message()};
-  for (int slot = 0; slot < static_cast<int>(LogRow::slotCount); ++slot) {
-    columns.push_back(StoreColumn::slot(slot));
-  }
-  const auto found = std::ranges::find(columns, name, indexName);
-  return found == columns.end() ? std::nullopt : std::optional(*found);
-}
-
 StoreFault faultOf(const Connection& connection) {
-  if (!connection) return StoreFault::cannotOpen;
-  switch (connection.errorCode()) {
-    case SQLITE_ERROR:  // no such table, no such column
-      return StoreFault::noEvents;
-    case SQLITE_NOTADB:
-      return StoreFault::notADatabase;
-    case SQLITE_CORRUPT:
-      return StoreFault::damaged;
-    case SQLITE_CANTOPEN:
-      return StoreFault::cannotOpen;
-    case SQLITE_READONLY:
-      return StoreFault::readOnly;
-    case SQLITE_BUSY:
-    case SQLITE_LOCKED:
-      return StoreFault::locked;
-    default:
-      return StoreFault::other;
-  }
+  static constexpr std::pair<int, StoreFault> kFaults[] = {
+      {SQLITE_ERROR, StoreFault::noEvents},  // no such table, no such column
+      {SQLITE_NOTADB, StoreFault::notADatabase}, {SQLITE_CORRUPT, StoreFault::damaged},
+      {SQLITE_CANTOPEN, StoreFault::cannotOpen}, {SQLITE_READONLY, StoreFault::readOnly},
+      {SQLITE_BUSY, StoreFault::locked},
+  };
+  const auto* found =
+      std::ranges::find(kFaults, connection.errorCode(), [](const auto& row) { return row.first; });
+  return found == std::end(kFaults) ? StoreFault::other : found->second;
 }
 
 }  // namespace
@@ -97,7 +78,7 @@ StoreInfo EventStore::inspect(const std::string& path) {
   StoreInfo info;
   Connection db = openFile(path, SQLITE_OPEN_READONLY);
   const auto failed = [&] {
-    info.fault = faultOf(db);
+    info.fault = db ? faultOf(db) : StoreFault::cannotOpen;
     info.faultText = db ? db.errorText() : "unable to open database file";
     return info;
   };
@@ -110,10 +91,13 @@ StoreInfo EventStore::inspect(const std::string& path) {
   Statement names = db.prepare(
       "SELECT name FROM sqlite_schema WHERE type='index' AND tbl_name='events' ORDER BY rowid");
   while (names && names.stepsToRow()) {
-    const auto& name = info.indexes.emplace_back(names.text(0));
-    if (const auto column = columnOfIndex(name)) info.indexedColumns.push_back(*column);
+    info.indexes.push_back(names.optionalText(0).value_or(""));
   }
   return info;
+}
+
+bool StoreInfo::hasIndexesOf(const SourceDescriptor& descriptor) const {
+  return std::ranges::is_permutation(indexes, descriptor.indexedColumns(), {}, {}, indexName);
 }
 
 EventStore EventStore::inert(SourceDescriptor descriptor) {

@@ -3,7 +3,6 @@
 #include <string_view>
 #include <utility>
 
-#include "runeflow/platform/overloaded_p.h"
 #include "runeflow/query/log_query.h"
 #include "runeflow/store/sqlite_p.h"
 
@@ -46,11 +45,7 @@ void Statement::bind(int index, const std::optional<std::string_view>& text) {
 }
 
 void Statement::bind(int index, const Bind& value) {
-  std::visit(overloaded{
-                 [&](const std::string& text) { bind(index, text); },
-                 [&](std::int64_t number) { bind(index, number); },
-             },
-             value.value());
+  std::visit([&](const auto& content) { bind(index, content); }, value.value());
 }
 
 void Statement::bindInt32(int index, std::int32_t value) {
@@ -62,14 +57,9 @@ void Statement::bindNull(int index) {
 }
 
 Statement::Step Statement::step() {
-  switch (sqlite3_step(handle_.get())) {
-    case SQLITE_ROW:
-      return Step::row;
-    case SQLITE_DONE:
-      return Step::done;
-    default:
-      return Step::error;
-  }
+  const int result = sqlite3_step(handle_.get());
+  if (result == SQLITE_ROW) return Step::row;
+  return result == SQLITE_DONE ? Step::done : Step::error;
 }
 
 void Statement::reset() {
@@ -78,10 +68,6 @@ void Statement::reset() {
 
 std::int64_t Statement::integer(int column) const {
   return sqlite3_column_int64(handle_.get(), column);
-}
-
-std::string Statement::text(int column) const {
-  return std::string(textOf(handle_.get(), column).value_or(std::string_view()));
 }
 
 std::optional<std::string> Statement::optionalText(int column) const {

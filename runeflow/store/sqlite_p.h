@@ -43,7 +43,6 @@ class Statement {
 
   // Columns count from 0; NULL reads as 0.
   std::int64_t integer(int column) const;
-  std::string text(int column) const;  // NULL reads as the empty text
   std::optional<std::string> optionalText(int column) const;
   // Reads the texts of consecutive columns, NULL as absent. The views are valid until the next
   // step.

@@ -71,10 +71,6 @@ std::optional<std::string> readText(int socket) {
   return unicode::decodeLossily(*bytes);
 }
 
-bool contains(std::string_view text, std::string_view part) {
-  return text.find(part) != std::string_view::npos;
-}
-
 // Returns the length in bytes of the newline character at the start of `text`, or 0 if there is
 // none. CR LF counts as two newlines, which does no harm because empty lines are dropped.
 std::size_t newlineLength(std::string_view text) {
@@ -112,12 +108,6 @@ std::string_view takeToken(std::string_view& line) {
   return token;
 }
 
-void setProperty(Device& device, std::string_view key, std::string_view value) {
-  if (key == "product") device.product = value;
-  if (key == "model") device.model = value;
-  if (key == "device") device.device = value;
-}
-
 // Absent if the line has fewer than two tokens.
 std::optional<Device> parseDevice(std::string_view line) {
   Device device{.serial = std::string(takeToken(line)), .state = std::string(takeToken(line))};
@@ -125,7 +115,11 @@ std::optional<Device> parseDevice(std::string_view line) {
   for (auto token = takeToken(line); !token.empty(); token = takeToken(line)) {
     const std::size_t colon = token.find(':');
     if (colon == std::string_view::npos) continue;
-    setProperty(device, token.substr(0, colon), token.substr(colon + 1));
+    const auto key = token.substr(0, colon);
+    const auto value = token.substr(colon + 1);
+    if (key == "product") device.product = value;
+    if (key == "model") device.model = value;
+    if (key == "device") device.device = value;
   }
   return device;
 }
@@ -166,7 +160,7 @@ std::expected<void, ADBError> requestService(int socket, std::string_view reques
   }
   if (*status == "OKAY") return {};
   auto reason = readText(socket).value_or(fmt::format("adb rejected '{}'", request));
-  if (contains(reason, "not found") || contains(reason, "no devices")) {
+  if (reason.contains("not found") || reason.contains("no devices")) {
     return std::unexpected(ADBError::deviceNotFound(std::move(reason)));
   }
   return std::unexpected(ADBError::protocolFailure(std::move(reason)));

@@ -43,16 +43,10 @@ ConnectError failure(int errorNumber) {
 }
 
 ConnectError classify(int errorNumber) {
-  switch (errorNumber) {
-    case ENETUNREACH:
-    case ETIMEDOUT:
-    case EHOSTUNREACH:
-      return ConnectError::unreachable();
-    case ECONNREFUSED:
-      return ConnectError::refused();
-    default:
-      return failure(errorNumber);
-  }
+  if (errorNumber == ECONNREFUSED) return ConnectError::refused();
+  const bool isUnreachable =
+      errorNumber == ENETUNREACH || errorNumber == ETIMEDOUT || errorNumber == EHOSTUNREACH;
+  return isUnreachable ? ConnectError::unreachable() : failure(errorNumber);
 }
 
 std::expected<void, ConnectError> awaitConnection(int socket, int timeoutMs) {
