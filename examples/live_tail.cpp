@@ -28,8 +28,9 @@ std::int64_t printNew(EventStore& store, const LogQuery& query, std::int64_t see
   for (const auto& [seq, row] : store.fetch(seqs)) {
     std::string line(row.message());  // a stranger's text: no control characters to the terminal
     std::ranges::replace_if(line, [](unsigned char c) { return c < ' ' || c >= 0x7f; }, '?');
-    std::cout << seq << ' ' << line << std::endl;
+    std::cout << seq << ' ' << line << '\n';
   }
+  std::cout.flush();
   return std::max(newest, seqs.empty() ? 0 : seqs.back());
 }
 
