@@ -1,4 +1,6 @@
-// The yardstick: the same work done by the barest program, with SQLite's C interface and no more.
+// Input and databases for the benchmarks. Most benchmarks compare the library with a bare program,
+// their yardstick: the least code that does the same work, in plain C++ or with SQLite's C
+// interface.
 #pragma once
 
 #include <fcntl.h>
@@ -18,14 +20,15 @@
 
 namespace bench {
 
-// ROWS in the environment sets the size of the work.
+// Returns the environment variable ROWS, which sets the size of the work, or `usual` if it is
+// unset.
 inline int rowCount(int usual) {
   const char* rows = std::getenv("ROWS");
   return rows ? std::atoi(rows) : usual;
 }
 
-// Lines of about 117 bytes with the mix of a phone's log: 40 tags, 50 pids, words of varied
-// frequency.
+// Returns lines of about 112 bytes with the mix of a phone's log: 40 tags, 50 pids, and words of
+// different frequencies.
 inline std::string logcatLines(int count) {
   constexpr std::string_view kLevels = "VDDDIIIIWE";
   constexpr std::string_view kWords[] = {"connect", "surface", "wake",   "lock",
@@ -60,8 +63,8 @@ class Folder {
   std::filesystem::path path_;
 };
 
-// A connection with the store's settings, used without a check: a yardstick that fails shows it by
-// its counts.
+// A connection with the settings of the store. Ignores the return codes of SQLite, because the bare
+// program checks nothing.
 class BareDatabase {
  public:
   explicit BareDatabase(const std::string& path) {
@@ -86,7 +89,8 @@ class BareDatabase {
   sqlite3* db_ = nullptr;
 };
 
-// Stores rows that stand ready in memory, 1,024 a transaction, binding without copying.
+// Stores `rows` with 1,024 rows per transaction, as a capture does. Binds the texts without copying
+// them.
 inline void insertBare(const std::string& path, const std::vector<runeflow::LogRow>& rows) {
   constexpr std::size_t kBatch = 1'024;
   BareDatabase db(path);

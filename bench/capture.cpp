@@ -1,5 +1,5 @@
-// A whole capture, from bytes in a file to records in the database, beside a bare loop that stores
-// the same rows from memory.
+// Compares a whole capture, from bytes in a file to records in the database, with a bare program: a
+// loop that stores the same rows from memory.
 #include <fmt/format.h>
 
 #include <fstream>

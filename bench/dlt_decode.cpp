@@ -1,4 +1,5 @@
-// Decoding a DLT recording into rows, beside a bare decode of the same bytes that makes no texts.
+// Compares the decoding of a DLT recording into rows with a bare program: a loop that reads the
+// same fields and copies no texts.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -21,7 +22,7 @@ namespace {
 using bench::Bytes;
 
 constexpr std::size_t kMessages = 1'000'000;
-constexpr std::size_t kPiece = 65'536;  // what the capture session reads at once
+constexpr std::size_t kPiece = 65'536;  // bytes that a capture reads at once
 constexpr int kRounds = 7;
 
 template <class T>
@@ -31,7 +32,7 @@ T at(const std::uint8_t* bytes) {
   return value;
 }
 
-// A message as fields that point into the recording.
+// The fields of one message. The texts point into the recording.
 struct BareMessage {
   double time;
   std::uint32_t level;
@@ -65,9 +66,9 @@ void readArguments(const std::uint8_t* p, const std::uint8_t* end, unsigned coun
   }
 }
 
-// The yardstick: every field of every message is read, into records that point into the recording
-// and are thrown away after as many as one piece holds; in one run, without a check and without a
-// text.
+// The bare program. Reads every field of every message into records that point into the recording.
+// Discards the records as soon as there are as many as one piece holds. Processes the recording in
+// one call, checks nothing and copies no text.
 std::uint64_t decodeBare(Bytes recording) {
   constexpr std::size_t kRecords = kPiece / bench::kDltMessageSize;
   std::vector<BareMessage> records;

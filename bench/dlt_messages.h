@@ -1,4 +1,4 @@
-// A DLT recording made for measuring.
+// Generates a DLT recording for the benchmarks. All its messages have the same layout.
 #pragma once
 
 #include <bit>

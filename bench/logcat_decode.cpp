@@ -1,4 +1,5 @@
-// Decoding logcat text into rows, beside a bare decode of the same lines that makes no texts.
+// Compares the decoding of logcat text into rows with a bare program: a loop that reads the same
+// fields and copies no texts.
 #include <fmt/format.h>
 
 #include <cstring>
@@ -13,7 +14,7 @@
 
 namespace {
 
-constexpr std::size_t kPiece = 65'536;  // what the capture session reads at once
+constexpr std::size_t kPiece = 65'536;  // bytes that a capture reads at once
 constexpr int kRounds = 7;
 
 std::uint64_t number(const char*& p, char end) {
@@ -26,9 +27,9 @@ void skipBlanks(const char*& p) {
   while (*p == ' ') ++p;
 }
 
-// A line as fields that point into the text.
+// The fields of one line. The texts point into the input.
 struct BareLine {
-  std::int64_t milliseconds;  // of a year of months with 31 days
+  std::int64_t milliseconds;  // in a year whose months all have 31 days
   char level;
   std::string_view pid, tid, tag, message;
 };
@@ -40,9 +41,9 @@ std::string_view field(const char*& p) {
   return {start, static_cast<std::size_t>(p - start)};
 }
 
-// The yardstick: memchr finds the line, every field is cut and the time computed, into records that
-// point into the text and are thrown away after as many as one piece holds; in one run, without a
-// check and without a text.
+// The bare program. Finds each line with memchr, splits it into fields and computes its time, in
+// records that point into the input. Discards the records as soon as there are as many as one piece
+// holds. Processes the input in one call, checks nothing and copies no text.
 std::uint64_t decodeBare(std::string_view text) {
   constexpr std::size_t kRecords = kPiece / 110;
   std::vector<BareLine> records;

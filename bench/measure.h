@@ -1,4 +1,4 @@
-// Timing for benchmarks that stand beside their own yardstick.
+// Times the library and the bare program (the least code that does the same work) in turn.
 #pragma once
 
 #include <algorithm>
@@ -16,15 +16,15 @@ double secondsOf(Work& work) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// Of an even number, the upper one of the two in the middle.
+// Returns the larger of the two middle values if the number of values is even.
 inline double median(std::vector<double> values) {
   const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
   std::nth_element(values.begin(), middle, values.end());
   return *middle;
 }
 
-// The median seconds of each piece of work. They run in turn, round after round, so that a machine
-// that slows down for a while slows them all alike.
+// Returns the median running time of each piece of work in seconds. The pieces run in turn, round
+// after round: if the machine slows down for a while, it slows all of them.
 template <class... Work>
 std::array<double, sizeof...(Work)> medianSeconds(int rounds, Work... work) {
   std::array<std::vector<double>, sizeof...(Work)> seconds;

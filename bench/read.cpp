@@ -1,5 +1,5 @@
-// Every read of the store beside its bare statement, both on connections of their own to one
-// database.
+// Compares the store's queries and fetches with a bare program: an equivalent SQL statement, run
+// through SQLite's C interface. The two use separate connections to one database.
 #include <fmt/format.h>
 
 #include <cstring>
@@ -17,9 +17,9 @@ namespace {
 constexpr int kRounds = 200;
 constexpr const char* kColumns = "seq,ts,level,s0,s1,s2,s3,s4,s5,s6,s7,message,ctx";
 
-volatile std::int64_t sink = 0;  // keeps the bare reads from being optimised away
+volatile std::int64_t sink = 0;  // keeps the compiler from removing the reads
 
-// Prepares, binds, steps to the end touching every column, finalizes.
+// Prepares `sql`, binds `binds`, steps through all rows, reads every column, and finalizes.
 void readBare(bench::BareDatabase& db, const std::string& sql, const std::vector<Bind>& binds) {
   sqlite3_stmt* statement = db.prepare(sql);
   int index = 1;

@@ -1,5 +1,5 @@
-// A reader polls every 16 ms, as a viewer's table does, while a capture writes at full speed into
-// the same database.
+// Reads from a database every 16 ms, as the table of a log viewer does, while a capture writes to
+// it at full speed. Fails if a read misses stored records or returns them out of order.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -22,10 +22,11 @@ namespace {
 constexpr std::chrono::milliseconds kPoll{16};
 constexpr std::int64_t kNewest = 200;
 
+// A seq is the number of a record: its SQLite rowid.
 struct Findings {
   std::int64_t reads = 0;
-  std::int64_t failed = 0;      // a read that came back empty although there are records
-  std::int64_t disordered = 0;  // a seq seen twice, or before a smaller one
+  std::int64_t failed = 0;      // reads that missed stored records
+  std::int64_t disordered = 0;  // records whose seq is not above the one before
   std::vector<double> fetchMilliseconds;
 };
 
@@ -38,7 +39,7 @@ void readOnce(EventStore& store, const LogQuery& query, std::int64_t& seen, Find
   const auto matching = store.countMatching(query);
   ++findings.reads;
   if (last == 0) return;
-  const bool mustMatch = last > 1'000;  // of every 40 records one has the tag
+  const bool mustMatch = last > 1'000;  // about one record in 40 has the tag
   if (records.empty() || (mustMatch && matching == 0) || last < seen) ++findings.failed;
   for (std::size_t i = 1; i < records.size(); ++i) {
     if (records[i].seq <= records[i - 1].seq) ++findings.disordered;
@@ -49,7 +50,7 @@ void readOnce(EventStore& store, const LogQuery& query, std::int64_t& seen, Find
 }  // namespace
 
 int main() {
-  const int seconds = bench::rowCount(60);  // here ROWS is the number of seconds
+  const int seconds = bench::rowCount(60);  // here ROWS sets the number of seconds
   const bench::Folder folder;
   const auto path = folder.file("a.db");
   bench::createDatabase(path, SourceDescriptor::logcat());

@@ -1,4 +1,4 @@
-// Captures from a DLT daemon and prints the records that match, as they are stored, until Ctrl-C.
+// Captures from a DLT daemon and prints each new record that matches a query. Ctrl-C ends it.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,12 +21,12 @@ using std::chrono::system_clock;
 
 volatile std::sig_atomic_t isEnding = 0;  // set by Ctrl-C
 
-// Prints the matches after `seen` and returns the seq to ask from next time.
+// Prints the matching records whose seq (SQLite rowid) is above `seen`. Returns the next `seen`.
 std::int64_t printNew(EventStore& store, const LogQuery& query, std::int64_t seen) {
-  const auto newest = store.maxSeq();  // read first: a record stored after it is asked for again
+  const auto newest = store.maxSeq();  // read first, so that later records are not skipped
   const auto seqs = store.matchingSeqs(query, seen);
   for (const auto& [seq, row] : store.fetch(seqs)) {
-    std::string line(row.message());  // a stranger's text: no control characters to the terminal
+    std::string line(row.message());  // untrusted text: keep control characters out
     std::ranges::replace_if(line, [](unsigned char c) { return c < ' ' || c >= 0x7f; }, '?');
     std::cout << seq << ' ' << line << '\n';
   }
@@ -48,17 +48,17 @@ int main(int argc, char** argv) {
   const LogQuery recent{QueryNode::and_(
       {query.root, QueryNode::field({StoreColumn::timestamp(), FieldOp::greaterOrEqual,
                                      Bind::int_(anHourAgo)})})};
-  // Before run(): a record that a capture stores from now on has a greater seq.
+  // Called before run(): records that the capture stores later have a greater seq.
   auto seen = printNew(*store, recent, 0);
 
   CaptureSession session(argv[3], descriptor);
-  for (; !isEnding; std::this_thread::sleep_for(1s)) {  // again when the stream has ended
+  for (; !isEnding; std::this_thread::sleep_for(1s)) {  // reconnects when a stream has ended
     const auto socket = SocketTransport::connect(argv[1], port, 5);
     if (!socket) {
       std::cerr << socket.error().message() << '\n';
       continue;
     }
-    const FileDescriptor ours(::dup(*socket));  // to end the stream; the reader closes its own
+    const FileDescriptor ours(::dup(*socket));  // for shutdown(); the reader closes *socket
     const auto ended = std::make_shared<std::promise<void>>();
     const auto end = ended->get_future();
     // The reader makes a decoder for this stream and destroys it at the end of the stream.

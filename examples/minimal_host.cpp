@@ -1,4 +1,4 @@
-// Captures a saved logcat file into a database, then asks it a question.
+// Captures a saved logcat file into a database, then prints the records that match a query.
 #include <chrono>
 #include <future>
 #include <iostream>

@@ -1,5 +1,6 @@
-// Any bytes as the answers of an adb server: every call ends, a list holds only what was sent, and
-// an accepted service leaves the stream behind its "OKAY" untouched.
+// Takes any bytes as the answers of an adb server. Every call must return, the device list must not
+// hold more devices than the answer has room for, and a request for a service must not read beyond
+// the "OKAY" that accepts it.
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -22,8 +23,8 @@ void require(bool condition) {
   if (!condition) std::abort();
 }
 
-// A connection on which all of the server's answers have arrived. `answers` must fit the socket's
-// buffer, as nobody reads while they are sent.
+// A connection whose server has sent `answers` and will send no more. `answers` must fit into the
+// socket's buffer, because nobody reads while they are sent.
 struct Connection {
   FileDescriptor client;
   FileDescriptor server;
@@ -69,7 +70,8 @@ void checkService(std::string_view answers) {
   if (accepted) require(readRest(connection.client.get()) == answers.substr(4));
 }
 
-// Lines are read one by one, whatever stands around them.
+// The lines of a device list must not influence each other: two halves must give the same devices
+// alone and joined by a line feed.
 void checkParts(std::string_view text) {
   using runeflow::ADBTransport::parseDeviceList;
   const auto first = text.substr(0, text.size() / 2);
@@ -82,7 +84,7 @@ void checkParts(std::string_view text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  constexpr std::size_t kRoom = 72 << 10;  // above the longest list that four digits can announce
+  constexpr std::size_t kRoom = 72 << 10;  // more than 8 + 0xffff, the longest answer with a list
   const std::string_view answers(reinterpret_cast<const char*>(data), std::min(size, kRoom));
   checkList(answers);
   checkService(answers);

@@ -1,5 +1,5 @@
-// Any bytes through both readers of the device catalog: the result is sorted by name, and every id
-// begins as its kind says.
+// Passes any bytes to both parsers of the device catalog. The result must be sorted by name, every
+// source must have a symbol, and every id must begin with the prefix of its kind.
 #include <algorithm>
 #include <cstdlib>
 

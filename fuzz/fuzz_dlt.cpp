@@ -1,4 +1,5 @@
-// However a DLT stream is cut, its rows are the same, and their texts are UTF-8.
+// Decodes any bytes as a DLT stream, whole and cut in two. Both ways must give the same rows, and
+// the texts of the rows must be valid UTF-8.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -13,7 +14,7 @@ using runeflow::DLTDecoder;
 using runeflow::LogRow;
 using runeflow::unicode::isValidUtf8;
 
-// The first two bytes say where to cut the rest.
+// The first two bytes of the input give the position of the cut in the bytes after them.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 2) return 0;
   const std::span<const std::uint8_t> stream(data + 2, size - 2);

@@ -1,4 +1,5 @@
-// Any typed bytes parse into a query whose clause SQLite prepares, in every rewriting.
+// Parses any bytes as a typed query. SQLite must be able to prepare its clause, also after the
+// full-text and context conditions are rewritten as substring scans.
 #include <sqlite3.h>
 
 #include <algorithm>
@@ -18,8 +19,9 @@ void require(bool holds) {
   if (!holds) std::abort();
 }
 
-// SQLite limits how deep parentheses nest (its parser's stack holds 100 symbols) and how long a
-// chain of ANDs or ORs is (1,000). Every link of a chain has two blanks.
+// Returns true if `clause` is well within two limits of SQLite: the nesting depth of parentheses
+// (the parser's stack holds 100 symbols) and the length of a chain of ANDs or ORs (1,000). Each
+// link of a chain contains two spaces.
 bool isWithinSqliteLimits(std::string_view clause) {
   int depth = 0;
   int deepest = 0;
@@ -30,7 +32,7 @@ bool isWithinSqliteLimits(std::string_view clause) {
   return deepest < 20 && std::ranges::count(clause, ' ') < 1'800;
 }
 
-// The schema of a store's database, laid down in memory.
+// Returns a new in-memory database with the tables of a store.
 sqlite3* emptyEvents() {
   sqlite3* db = nullptr;
   require(sqlite3_open(":memory:", &db) == SQLITE_OK);
@@ -46,7 +48,7 @@ sqlite3* emptyEvents() {
 
 using Statement = std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)>;
 
-// Null when SQLite refuses the text.
+// Returns null if SQLite cannot prepare `sql`.
 Statement prepare(sqlite3* db, const std::string& sql) {
   sqlite3_stmt* statement = nullptr;
   sqlite3_prepare_v2(db, sql.c_str(), static_cast<int>(sql.size()), &statement, nullptr);

@@ -1,5 +1,6 @@
-// Asks a store of 1,000 records random queries: the number of matches and the list of matches must
-// be of one mind. The argument is how many queries; a failure prints the query and its seed.
+// Runs random queries on a store of 1,000 records. countMatching() and matchingSeqs() must agree on
+// the number of matches. The argument is the number of queries. The seed is fixed, so every run
+// asks the same queries. A failure prints the query and its number.
 #include <unistd.h>
 
 #include <cstdio>
@@ -80,8 +81,8 @@ int main(int argc, char** argv) {
     const auto seqs = store.matchingSeqs(query, 0);
     matching += count > 0;
     if (count != static_cast<std::int64_t>(seqs.size())) {
-      std::printf("differ (%lld, %zu) at query %ld: %s\n", static_cast<long long>(count),
-                  seqs.size(), i, text.c_str());
+      std::printf("countMatching() is %lld, matchingSeqs() returns %zu for query %ld: %s\n",
+                  static_cast<long long>(count), seqs.size(), i, text.c_str());
       exitCode = 1;
     }
   }

@@ -1,4 +1,5 @@
-// Runs a fuzz target over the files of the folders it is given, for compilers without libFuzzer.
+// Runs a fuzz target on every file in the folders that the arguments name. Used where libFuzzer is
+// not available.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -22,5 +23,5 @@ int main(int argc, char** argv) {
     }
   }
   std::printf("%d inputs replayed\n", replayed);
-  return replayed > 0 ? EXIT_SUCCESS : EXIT_FAILURE;  // an empty corpus would check nothing
+  return replayed > 0 ? EXIT_SUCCESS : EXIT_FAILURE;  // an empty corpus tests nothing
 }

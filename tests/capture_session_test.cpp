@@ -59,7 +59,7 @@ class Capturing : public testing::Test {
     return test::sql(path_, statement);
   }
 
-  // Runs a stream and waits for its end.
+  // Captures the stream `fd` and blocks until its reader has ended.
   void capture(CaptureSession& session, int fd) {
     session.run(fd, logcat, [this] { finished_.release(); });
     finished_.acquire();
@@ -91,11 +91,11 @@ TEST_F(Capturing, everyCompleteRecordIsStoredInOrder) {
   EXPECT_EQ(progress.bytesRead, static_cast<std::int64_t>(lines(30'000).size() + 10));
 }
 
-TEST_F(Capturing, theCapHoldsAndMayChangeInMidStream) {
+TEST_F(Capturing, sizeCapIsKeptAndMayChangeInMidStream) {
   CaptureSession session(path_, SourceDescriptor::logcat());
   Pipe pipe;
   session.run(pipe.reading.release(), logcat, [this] { finished_.release(); });
-  session.setMaxBytes(4'000'000);  // also of the running reader
+  session.setMaxBytes(4'000'000);  // applies to the running reader, too
   pipe.write(lines(50'000, "a line that takes its room in the database"));
   pipe.writing.reset();
   finished_.acquire();
@@ -107,7 +107,7 @@ TEST_F(Capturing, theCapHoldsAndMayChangeInMidStream) {
   EXPECT_THAT(ask("INSERT INTO events_fts(events_fts) VALUES('integrity-check')"), IsEmpty());
 }
 
-TEST_F(Capturing, aReaderThatCannotStartSaysSoAndFinishes) {
+TEST_F(Capturing, aReaderThatCannotStartLogsTheCauseAndFinishes) {
   const auto missing = folder_.file("missing.db");
   CaptureSession session(missing, SourceDescriptor::logcat());
   capture(session, -1);
@@ -137,7 +137,7 @@ TEST_F(Capturing, readersOfOneSessionTakeTurns) {
   EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
-TEST_F(Capturing, aReaderThatHangsIsWaitedForFiveSecondsOnly) {
+TEST_F(Capturing, aNewReaderWaitsFiveSecondsForOneThatHangs) {
   CaptureSession session(path_, SourceDescriptor::logcat());
   Pipe hanging;
   session.run(hanging.reading.release(), logcat, [this] { finished_.release(); });
@@ -154,7 +154,7 @@ TEST_F(Capturing, aReaderThatHangsIsWaitedForFiveSecondsOnly) {
   finished_.acquire();
 }
 
-TEST_F(Capturing, theSessionMayDieAndTheThreadIsAsPromised) {
+TEST_F(Capturing, aReaderOutlivesItsSessionOnAThreadWithNameStackAndBlockedSignals) {
   Pipe pipe;
   std::string name(16, '\0');
   std::size_t stackSize = 0;

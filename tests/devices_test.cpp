@@ -27,7 +27,8 @@ using testing::SizeIs;
 using Texts = std::pair<std::string_view, std::string_view>;
 using DevicesTest = test::LeavesNothingBehind;
 
-// The beginnings of two documents, each within the first of its devices.
+// The beginnings of a simctl and a devicectl document. Each ends inside the object of its first
+// device; the tests append the rest.
 const std::string kSimulator =
     R"({"devices":{".SimRuntime.":[{"udid":"","name":"","state":"Booted")";
 const std::string kPhone = R"({"result":{"devices":[{"hardwareProperties":{"reality":"physical"})";
@@ -60,14 +61,14 @@ TEST(DeviceCatalog, bootedSimulatorsAreListedByName) {
     "x.iOS-17-2": [{"udid": "0", "name": "A", "state": "Booted"}]}})"));
   std::string ids;
   for (const auto& source : list) ids += source.id + " ";
-  // By code point, not by UTF-16 unit; equal names in the order of their runtimes.
+  // Sorted by code point, not by UTF-16 code unit. Equal names are in the order of their runtimes.
   ASSERT_EQ(ids, "sim:8 sim:1 sim:6 sim:2 sim:5 sim:9 ");
   constexpr auto kKind = SourceRef::Kind::simulator;
   EXPECT_EQ(list[2], (SourceRef{kKind, "sim:6", "iPad", "iOS 17.2", "6", {}, true, "ipad"}));
   EXPECT_EQ(list[3].symbol + " of " + list[3].osVersion, "appletv of visionOS 1.0");
 }
 
-TEST(DeviceCatalog, physicalDevicesAreListedWithWhatIsKnown) {
+TEST(DeviceCatalog, physicalDevicesAreListedWithTheirKnownProperties) {
   const auto list = parseDevices(bytes(kPhone + R"(},
     {"identifier": "I1", "deviceProperties": {"name": "Phone", "osVersionNumber": "17.4"},
      "hardwareProperties": {"marketingName": "iPhone 15 Pro", "deviceType": "iPhone", "udid": "U1",
@@ -89,7 +90,7 @@ TEST(DeviceCatalog, physicalDevicesAreListedWithWhatIsKnown) {
                                 true, "iphone"}));
 }
 
-TEST(DeviceCatalog, oneFaultAnywhereEmptiesTheResult) {
+TEST(DeviceCatalog, oneFaultAnywhereInTheDocumentEmptiesTheResult) {
   const auto fail = [](const std::string& start, const std::vector<std::string_view>& ends) {
     for (const auto end : ends) {
       EXPECT_THAT(parseSimulators(bytes(start + std::string(end))), IsEmpty()) << start << end;
@@ -106,8 +107,8 @@ TEST(DeviceCatalog, oneFaultAnywhereEmptiesTheResult) {
                 R"(},{"connectionProperties":{"tunnelState":{}}}]}})"});
 }
 
-TEST(DeviceCatalog, nestingIsBounded) {
-  const auto nested = [](std::size_t more) {  // than the four levels of `kSimulator`
+TEST(DeviceCatalog, nestingDepthIsLimited) {
+  const auto nested = [](std::size_t more) {  // levels, besides the four of `kSimulator`
     const auto brackets = std::string(more, '[') + std::string(more, ']');
     return parseSimulators(bytes(kSimulator + R"(,"unknown":"[\"[","deep":)" + brackets + "}]}}"));
   };
@@ -117,14 +118,15 @@ TEST(DeviceCatalog, nestingIsBounded) {
 }
 
 TEST_F(DevicesTest, programsGiveOutputAndExitStatus) {
-  ::signal(SIGPIPE, SIG_IGN);  // as many hosts do; the programs must not inherit it
+  // Many hosts (programs that use the library) ignore SIGPIPE. Child processes must not inherit it.
+  ::signal(SIGPIPE, SIG_IGN);
   constexpr auto kCaptured = StandardOutput::captured;
   const std::tuple<const char*, std::optional<int>, std::string> rows[] = {
       {"printf out; echo err >&2; exit 3", 3, "out"},
       {"kill -PIPE $$; echo alive", std::nullopt, ""},
       {"head -c 300000 /dev/zero | tr '\\0' x", 0, std::string(300'000, 'x')},
       {"cat; readlink /proc/self/fd/0 /proc/self/fd/2", 0, "/dev/null\n/dev/null\n"},
-      // 3 is the folder being listed.
+      // Descriptor 3 is the folder that ls reads.
       {"ls /proc/self/fd; grep SigBlk: /proc/self/status | tr -dc 1-9a-f", 0, "0\n1\n2\n3\n"},
       {"(sleep 0.1; printf late) & printf early", 0, "earlylate"}};
   for (const auto& [script, status, output] : rows) {
@@ -139,7 +141,8 @@ TEST_F(DevicesTest, programsGiveOutputAndExitStatus) {
 }
 
 TEST_F(DevicesTest, discoveryWithoutTheToolsFindsNothing) {
-  if (std::filesystem::exists("/usr/bin/xcrun")) GTEST_SKIP() << "the developer tools are here";
+  if (std::filesystem::exists("/usr/bin/xcrun"))
+    GTEST_SKIP() << "this machine has the developer tools";
   EXPECT_FALSE(DeviceCatalog::toolExists("simctl").get());
   EXPECT_EQ(DeviceCatalog::runJSON({"simctl"}).get(), std::nullopt);
   for (int i = 0; i < 1000; ++i) {
@@ -148,9 +151,10 @@ TEST_F(DevicesTest, discoveryWithoutTheToolsFindsNothing) {
   }
 }
 
-// A coroutine that begins at once; its frame goes when it ends, or when `handle` is destroyed.
+// A coroutine that starts at once. Its frame is destroyed when the coroutine ends, or earlier by
+// handle.destroy().
 struct Task {
-  // NOLINTBEGIN(readability-identifier-naming): the language names these.
+  // NOLINTBEGIN(readability-identifier-naming): the language prescribes these names.
   struct promise_type {
     Task get_return_object() { return {std::coroutine_handle<promise_type>::from_promise(*this)}; }
     std::suspend_never initial_suspend() { return {}; }
@@ -162,12 +166,13 @@ struct Task {
   std::coroutine_handle<promise_type> handle;
 };
 
-// Sends on what it awaits. All a coroutine uses has to be its parameters, which its frame keeps.
+// Awaits `source` and stores the result in `sink`. Both are parameters because the coroutine frame
+// owns its parameters, but not the captures of a lambda.
 Task forward(Async<int> source, std::promise<int> sink) {
   sink.set_value(co_await source);
 }
 
-TEST_F(DevicesTest, workResumesACoroutineOnceUnlessItIsGone) {
+TEST_F(DevicesTest, workResumesACoroutineOnceUnlessItWasDestroyed) {
   const auto gate = std::make_shared<std::latch>(1);
   const auto work = [gate] { return gate->wait(), 7; };
   const Async<int> dropped(work);
@@ -176,11 +181,11 @@ TEST_F(DevicesTest, workResumesACoroutineOnceUnlessItIsGone) {
   auto nothing = sinks[1].get_future();
   forward(Async<int>(work), std::move(sinks[0]));
   forward(Async<int>(work), std::move(sinks[1])).handle.destroy();
-  gate->count_down();  // reached only because no coroutine blocked this thread
+  gate->count_down();  // not reached if a coroutine blocks this thread
   EXPECT_EQ(result.get(), 7);
-  EXPECT_THROW(nothing.get(), std::future_error);  // the promise went with the frame
+  EXPECT_THROW(nothing.get(), std::future_error);  // the promise was destroyed with its frame
 
-  // The result may come before, while and after the coroutine suspends.
+  // The result may arrive before, while or after the coroutine suspends.
   for (int i = 0; i < 2000; ++i) {
     std::promise<int> sink;
     auto answer = sink.get_future();

@@ -17,7 +17,7 @@ using testing::ElementsAre;
 using testing::SizeIs;
 using Buffer = std::vector<std::uint8_t>;
 
-// Type info of a verbose argument.
+// Bits of the type info that precedes each argument of a verbose message.
 constexpr std::uint32_t kBool = 0x10, kSint = 0x20, kUint = 0x40, kFloa = 0x80, kStrg = 0x200,
                         kRawd = 0x400, kVari = 0x800;
 
@@ -41,7 +41,8 @@ Buffer stringArgument(std::string_view characters) {
   return number(kStrg) + number(static_cast<std::uint16_t>(characters.size())) + text(characters);
 }
 
-// One message, its header flags and length following from what is put in.
+// Builds one message. The fields are written in the order of the calls; the header flags and the
+// length follow from them.
 class Dlt {
  public:
   Dlt& storage(std::uint32_t seconds, std::uint32_t microseconds, std::string_view ecu) {
@@ -73,7 +74,8 @@ class Dlt {
   std::uint8_t counter_ = 0;
 };
 
-// The rows of a stream that comes in pieces of at most `size` bytes, the first `first` bytes long.
+// Decodes a stream in pieces, the first of `first` bytes and the others of `size` bytes. The end of
+// the stream may cut a piece short.
 std::vector<LogRow> decode(std::span<const std::uint8_t> stream, std::size_t first = 1 << 20,
                            std::size_t size = 1 << 20) {
   DLTDecoder decoder([] { return test::at(7); });
@@ -106,14 +108,14 @@ TEST(DLTDecoder, headersFillTheSlots) {
                                                 std::nullopt, {}, {}, {}, {}, "7", {}, {}, {}));
 }
 
-TEST(DLTDecoder, identifiersLosePaddingAtTheirEndOnly) {
+TEST(DLTDecoder, identifiersAreTrimmedAtTheirEndOnly) {
   const std::pair<std::string_view, std::optional<std::string>> rows[] = {
       {{"AB\0\0", 4}, "AB"},          {{"A \0 ", 4}, "A"},           {" A B", " A B"},
       {{"\0A\0\0", 4}, {{"\0A", 2}}}, {{"\0 \0 ", 4}, std::nullopt}, {"A\xff  ", "A\uFFFD"}};
   for (const auto& [id, expected] : rows) {
     const std::string ids = std::string(id) + std::string(id);
     const LogRow decoded = decodeOne(Dlt().storage(1, 0, "REC1").ecu(id).extended(0, 0, ids));
-    EXPECT_EQ(decoded.s0(), expected.value_or("REC1"));  // the recorder's stands in
+    EXPECT_EQ(decoded.s0(), expected.value_or("REC1"));  // the ECU of the storage header
     EXPECT_EQ(decoded.s1(), expected);
     EXPECT_EQ(decoded.s2(), expected);
   }
@@ -133,7 +135,7 @@ TEST(DLTDecoder, messageInfoAndTimeBecomeTexts) {
   EXPECT_EQ(texts, "0.0000 0.9999 1.0050 429496.7295 ");
 }
 
-TEST(DLTDecoder, payloadsWithoutArgumentsAreOutlined) {
+TEST(DLTDecoder, payloadsWithoutArgumentsAreShownAsAHexPreviewOrAMessageId) {
   std::string pairs64 = "ab";
   for (int i = 1; i < 64; ++i) pairs64 += " ab";
   const Dlt nonVerbose = Dlt().extended(0, 9);
@@ -149,11 +151,11 @@ TEST(DLTDecoder, payloadsWithoutArgumentsAreOutlined) {
 TEST(DLTDecoder, rendersArguments) {
   const std::tuple<std::uint32_t, Buffer, std::string> rows[] = {
       {kBool | 1, {0}, "false"},
-      {kBool | kUint | 3, {2}, "true"},  // one byte, whatever else is announced
+      {kBool | kUint | 3, {2}, "true"},  // one byte, whatever length the type info gives
       {kUint | kSint | 2, {0xfe, 0xff}, "65534"},
       {kSint | 2, {0xfe, 0xff}, "-2"},
       {kSint | kFloa | 1, {0x80}, "-128"},
-      {kUint | 3 | 0x3f000 | 0x100, {0x2a, 0, 0, 0}, "42"},  // array, coding and the like
+      {kUint | 3 | 0x3f000 | 0x100, {0x2a, 0, 0, 0}, "42"},  // ARAY, FIXP and others are ignored
       {kSint | 4, number(INT64_MIN), "-9223372036854775808"},
       {kUint | 4, Buffer(8, 0xff), "18446744073709551615"},
       {kFloa | 3, number(std::bit_cast<std::uint32_t>(0.1F)), "0.1"},
@@ -161,14 +163,14 @@ TEST(DLTDecoder, rendersArguments) {
       {kStrg | kRawd | kBool, {3, 0, 0, ' ', 0xff}, {"\0 \uFFFD", 5}},
       {kRawd | kUint | 3, {2, 0, 0x0a, 0xff}, "0a ff"}};
   for (const auto& [typeInfo, data, expected] : rows) {
-    // The argument behind it shows how many bytes were used.
+    // The second argument is rendered only if the decoder read the right number of bytes before it.
     EXPECT_EQ(verbose(2, number(typeInfo) + data + stringArgument("|")), expected + " |");
   }
   const Buffer big{0, 0, 0, kSint | 2, 0xff, 0xfe, 0, 0, 2, 0, 0, 2, 'h', 'i'};
   EXPECT_EQ(decodeOne(Dlt().bigEndian().extended(0x41, 2).payload(big)).message(), "-2 hi");
 }
 
-TEST(DLTDecoder, floatsAreTheShortestTextThatReadsBack) {
+TEST(DLTDecoder, floatsBecomeTheShortestTextThatReadsBack) {
   Buffer payload;
   for (const double value : {1.0, -0.0, -3.5, 0.1 + 0.2, 0.0001, 123456789012345.0, 1e-5, 1e16,
                              5e-324, HUGE_VAL, -HUGE_VAL, -std::nan("")}) {
@@ -179,16 +181,16 @@ TEST(DLTDecoder, floatsAreTheShortestTextThatReadsBack) {
       "1.0 -0.0 -3.5 0.30000000000000004 0.0001 123456789012345.0 1e-05 1e+16 5e-324 inf -inf nan");
 }
 
-TEST(DLTDecoder, argumentCountBoundsTheText) {
+TEST(DLTDecoder, argumentCountLimitsTheText) {
   const Buffer three = stringArgument("a") + stringArgument("") + stringArgument("c");
   EXPECT_EQ(verbose(0, three), "a  c");
   EXPECT_EQ(verbose(2, three), "a ");
   EXPECT_EQ(verbose(9, three), "a  c");
-  EXPECT_EQ(verbose(0, three + Buffer(3, 9)), "a  c");  // too few for another type info
+  EXPECT_EQ(verbose(0, three + Buffer(3, 9)), "a  c");  // fewer than the 4 bytes of a type info
   EXPECT_EQ(verbose(3, {1, 2, 3}), "");
 }
 
-TEST(DLTDecoder, whatCannotBeRenderedEndsAsHex) {
+TEST(DLTDecoder, argumentsThatCannotBeDecodedBecomeHex) {
   const std::tuple<std::uint32_t, Buffer, std::string> rows[] = {
       {kVari | kStrg, {1, 0, 'a'}, "x 01 00 61"},
       {kUint | 5, Buffer(8, 0), "x 00 00 00 00 00 00 00 00"},
@@ -204,7 +206,7 @@ TEST(DLTDecoder, whatCannotBeRenderedEndsAsHex) {
   }
 }
 
-TEST(DLTDecoder, dropsMessagesThatTheirHeadersDoNotFitInto) {
+TEST(DLTDecoder, dropsMessagesTooShortForTheirHeaders) {
   const LogRow next = decodeOne(Dlt().counter(99));
   for (const Buffer& bad : {Buffer(Dlt().ecu("ECU")), Buffer(Dlt().ecu("").session(1).timestamp(2)),
                             Buffer(Dlt().timestamp(1).extended(0, 0, "APP1CTX")),
@@ -214,7 +216,8 @@ TEST(DLTDecoder, dropsMessagesThatTheirHeadersDoNotFitInto) {
 }
 
 TEST(DLTDecoder, resumesOneByteAfterALengthBelowFour) {
-  // Read one byte later, each is a message of five bytes that nothing recorded.
+  // From its first byte on, `outOfStep` is a message of length 0; from its second byte on, it is a
+  // message of 5 bytes without a storage header.
   const LogRow found = decodeOne(Dlt().payload({0xee}));
   const Buffer outOfStep{0xaa, 0x20, 0x00, 0x00, 0x05, 0xee};
   EXPECT_THAT(decode(outOfStep), ElementsAre(found));
@@ -222,7 +225,7 @@ TEST(DLTDecoder, resumesOneByteAfterALengthBelowFour) {
   EXPECT_THAT(decode(Buffer(1000, 0) + Buffer{0, 0, 0, 4}), SizeIs(1));
 }
 
-TEST(DLTDecoder, anyCutGivesTheSameRows) {
+TEST(DLTDecoder, pieceBoundariesDoNotChangeTheRows) {
   const Buffer outOfStep{0xaa, 0x20, 0, 0, 5, 0xee};
   const Buffer stream =
       Buffer(Dlt().counter(1).ecu("ECU1").extended(0x41, 1).payload(stringArgument("é"))) +

@@ -1,4 +1,5 @@
-// The example hosts as their readers run them, and the pages that quote them.
+// Runs the example hosts (programs that use the library) as a user does, and checks the code that
+// the documentation quotes.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -33,7 +34,7 @@ std::string contents(const std::string& path) {
   return std::move(text).str();
 }
 
-// The fenced blocks of one language on a page.
+// Returns the contents of the fenced code blocks of `language` in the file `page`.
 std::vector<std::string> blocks(const std::string& page, const std::string& language) {
   const auto text = contents(page);
   const auto fence = "```" + language + "\n";
@@ -78,7 +79,7 @@ TEST(Documentation, showsSqlThatRunsOnADatabase) {
   }
 }
 
-// A DLT daemon's end of the connection.
+// Listens on a free loopback port, in place of a DLT daemon.
 class LoopbackServer {
  public:
   LoopbackServer() : listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -96,7 +97,7 @@ class LoopbackServer {
 
   FileDescriptor accept() const {
     pollfd waiting{.fd = listener_.get(), .events = POLLIN, .revents = 0};
-    EXPECT_EQ(::poll(&waiting, 1, 10'000), 1) << "nobody connects";
+    EXPECT_EQ(::poll(&waiting, 1, 10'000), 1) << "no connection within 10 s";
     return FileDescriptor(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
   }
 
@@ -105,13 +106,14 @@ class LoopbackServer {
   std::uint16_t port_ = 0;
 };
 
-// A DLT message without an extended header; its text is a preview of the payload in hexadecimal.
+// Sends a DLT message without an extended header. The text of its record is the payload in
+// hexadecimal.
 void send(const FileDescriptor& connection, std::uint8_t counter, std::uint8_t payload) {
   const std::array<std::uint8_t, 5> message{0x20, counter, 0, 5, payload};
   EXPECT_EQ(::write(connection.get(), message.data(), message.size()), 5);
 }
 
-TEST(Examples, liveTailPrintsWhatIsStoredConnectsAgainAndEndsOnCtrlC) {
+TEST(Examples, liveTailPrintsNewRecordsReconnectsAndEndsOnCtrlC) {
   const test::TemporaryFolder folder;
   const LoopbackServer server;
   const auto seen = folder.file("seen");
@@ -133,7 +135,8 @@ TEST(Examples, liveTailPrintsWhatIsStoredConnectsAgainAndEndsOnCtrlC) {
   send(connection, 2, 0xbb);
   connection.reset();
   connection = server.accept();
-  // A batch waits for a record that comes 33 ms after the one before.
+  // The reader stores an incomplete batch when a record arrives at least 33 ms after it last stored
+  // one, or when the stream ends. Send records until one appears.
   for (std::uint8_t i = 3; i < 200 && !contents(seen).contains("cc"); ++i, ::usleep(50'000)) {
     send(connection, i, 0xcc);
   }

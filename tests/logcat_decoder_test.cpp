@@ -21,7 +21,7 @@ using testing::IsEmpty;
 
 constexpr double kJuly2023 = 1'688'200'000;
 
-// Reads in a fixed zone, so that the expected instants can be written down.
+// Sets the local time zone to UTC, so that the expected times are constants.
 class LogcatDecoding : public testing::Test {
  protected:
   static void useZone(const char* zone) {
@@ -49,6 +49,7 @@ class LogcatDecoding : public testing::Test {
                        std::string_view pid, std::string_view tid, std::string_view message) {
     return {at(seconds), level, message, {}, LogRow::Slots{tag, pid, tid}};
   }
+  // A raw row: a record that holds a whole undecoded line as its message.
   static LogRow raw(std::string_view text) {
     return {at(kJuly2023), RuneflowLogLevel::Info, text, {}, LogRow::Slots()};
   }
@@ -72,7 +73,7 @@ TEST_F(LogcatDecoding, linesBecomeRows) {
       {"  +1-+01   +10:0:61   1   2   E   t: m", parsed(kTen + 61, Error, "t", "1", "2", "m")},
       {"02-30 00:00:00 1 2 I t: m",
        parsed(kNewYear + (31 + 29) * 86'400, Info, "t", "1", "2", "m")},
-      // The first ": " divides, and what follows it is kept as it is.
+      // The first ": " ends the tag. The message after it is not trimmed.
       {"01-01 10:00:00 1 2 I chatty  : a: b ", parsed(kTen, Info, "chatty", "1", "2", "a: b ")},
       {"01-01 10:00:00 1 2 I Tag:  x ", parsed(kTen, Info, "Tag", "1", "2", " x ")},
       {"01-01 10:00:00 1 2 I Tag:value", parsed(kTen, Info, "Tag", "1", "2", "value")},
@@ -81,7 +82,8 @@ TEST_F(LogcatDecoding, linesBecomeRows) {
       {"01-01 10:00:00 1 2 I no colon ", parsed(kTen, Info, "", "1", "2", "no colon ")},
       {"01-01 10:00:00 1 2 I a:b: c", parsed(kTen, Info, "a:b", "1", "2", "c")},
       {"01-01 10:00:00 1 2 I a\rb: c\r\r", parsed(kTen, Info, "a\rb", "1", "2", "c\r")},
-      // Numeric characters, not only digits, make a pid; separators with a mark separate nothing.
+      // A pid may hold any numeric characters, not only digits. A separator that carries a
+      // combining mark does not separate.
       {"01-01 10:00:00 1² ٣½ I t: m", parsed(kTen, Info, "t", "1²", "٣½", "m")},
       {"01-01 10:00:00 1 2 I a:\u0301 b: c", parsed(kTen, Info, "a:\u0301 b", "1", "2", "c")},
       {"01-01 10:00:00 1 2 I a: \u0301b", parsed(kTen, Info, "a", "1", "2", " \u0301b")},
@@ -97,7 +99,7 @@ TEST_F(LogcatDecoding, linesBecomeRows) {
   }
 }
 
-TEST_F(LogcatDecoding, whatIsNotThreadtimeBecomesARawRow) {
+TEST_F(LogcatDecoding, linesThatAreNotThreadtimeBecomeRawRows) {
   std::istringstream text(
       "hello world\n01-01 10:00:00.000\n01-01\t10:00:00 1 2 I t: m\n"
       "01-01 10:00:00 1 2 II t: m\n01-01 10:00:00 1 2 i t: m\n"
@@ -121,7 +123,7 @@ TEST_F(LogcatDecoding, bannersEmptyLinesAndTheUnfinishedLineGiveNoRow) {
   EXPECT_THAT(decode("a\r\nb\n"), ElementsAre(raw("a"), raw("b")));
 }
 
-TEST_F(LogcatDecoding, itDoesNotMatterHowTheStreamIsCut) {
+TEST_F(LogcatDecoding, pieceBoundariesDoNotChangeTheRows) {
   const std::string text =
       "--------- beginning of main\r\n06-30 10:00:00.123  1  2 I täg: grüße \xF0\x9F\x98\x80\r\n\n"
       "\xE2\x82 raw \xFF\n06-30 10:00:00.124  1  2 E t: last\ntail";
@@ -137,25 +139,25 @@ TEST_F(LogcatDecoding, itDoesNotMatterHowTheStreamIsCut) {
   }
 }
 
-TEST_F(LogcatDecoding, aLineWithoutEndCostsLinearTime) {
+TEST_F(LogcatDecoding, aLongUnfinishedLineTakesLinearTime) {
   auto endless = decoder();
   const std::string piece(4096, 'x');
-  // Searching all that came before on every call would be 50 GB of reading here.
+  // A decoder that searched the whole unfinished line on every call would read 50 GB here.
   for (int i = 0; i < 5'000; ++i) ASSERT_THAT(endless.consume(bytes(piece)), IsEmpty());
   const auto rows = endless.consume(bytes("\n"));
   ASSERT_EQ(rows.size(), 1U);
   EXPECT_EQ(rows[0].message().size(), 5'000 * piece.size());
 }
 
-TEST_F(LogcatDecoding, timesAreThoseOfTheSystemsZone) {
+TEST_F(LogcatDecoding, datesAreLocalTimes) {
   useZone("CET-1CEST,M3.5.0,M10.5.0/3");
   const std::pair<std::string_view, double> table[] = {
       {"01-01 00:30:00", 1'672'529'400},         // winter: UTC+1, still 2022 in UTC
       {"07-01 12:00:00.25", 1'688'205'600.025},  // summer: UTC+2
       {"03-26 01:59:59", 1'679'792'399},
-      {"03-26 03:00:00", 1'679'792'400},  // the clock has gone from 2 to 3
+      {"03-26 03:00:00", 1'679'792'400},  // the clock was set from 02:00 to 03:00
       {"10-29 01:59:59", 1'698'537'599},
-      {"10-29 02:30:00", 1'698'539'400},  // the first of two
+      {"10-29 02:30:00", 1'698'539'400},  // occurs twice; the first one counts
       {"10-29 03:00:00", 1'698'544'800},
       {"12-31 23:59:59", 1'704'063'599},
   };
@@ -166,9 +168,9 @@ TEST_F(LogcatDecoding, timesAreThoseOfTheSystemsZone) {
   }
 }
 
-// Whatever was asked before, a time comes back from the calendar as it went in, unless the clock
-// skipped it.
-TEST_F(LogcatDecoding, everyTimeOfAYearReadsBackFromTheCalendar) {
+// localtime_r() turns the time of a record back into the date of its line, unless the clock skipped
+// that date. The lines decoded before do not change the result.
+TEST_F(LogcatDecoding, localtimeReturnsTheDecodedDates) {
   for (const char* zone : {"CET-1CEST,M3.5.0,M10.5.0/3", "LHST-10:30LHDT-11,M10.1.0,M4.1.0"}) {
     useZone(zone);
     auto kept = decoder();
@@ -189,7 +191,7 @@ TEST_F(LogcatDecoding, everyTimeOfAYearReadsBackFromTheCalendar) {
   }
 }
 
-TEST_F(LogcatDecoding, theYearIsThatOfTheDecodersBirth) {
+TEST_F(LogcatDecoding, theYearIsTheOneInWhichTheDecoderWasMade) {
   constexpr double kLastSecondOf2023 = 1'704'067'199;
   auto calls = 0;
   LogcatDecoder old([&calls] { return at(kLastSecondOf2023 + 3600 * calls++); });
@@ -200,12 +202,12 @@ TEST_F(LogcatDecoding, theYearIsThatOfTheDecodersBirth) {
   for (const double odd : {std::nan(""), 1e300, -1e300}) decode("01-01 00:00:00 1 2 I t: m\n", odd);
 }
 
-TEST_F(LogcatDecoding, samplesAreRecognised) {
+TEST_F(LogcatDecoding, threadtimeSamplesAreRecognized) {
   const std::string line = "02-29 10:00:00 1 2 I t: m";
   const std::pair<std::string, bool> table[] = {
       {"--------- beginning of main\r\n\r\n" + line + "\r\n", true},
       {"noise\n\xFF\n" + line + "\n", true},
-      {line, false},  // its end may be missing
+      {line, false},  // no line feed: the line may be incomplete
       {"", false},
       {std::string(9'000, 'x'), false},
       {std::string(8'192 - line.size() - 2, 'x') + "\n" + line + "\n", true},

@@ -49,7 +49,7 @@ TEST(LogRow, microsecondsRoundHalvesAwayFromZero) {
   }
 }
 
-TEST(LogRow, equalRowsHashAlikeHoweverTheirContextWasFilled) {
+TEST(LogRow, equalRowsHaveEqualHashesInAnyInsertionOrderOfTheContext) {
   const auto rowWith = [](std::optional<LogRow::Context> ctx) {
     return LogRow(at(1), RuneflowLogLevel::Info, "m", std::move(ctx), "a", {}, {}, "d", {}, {}, {},
                   {});
@@ -66,7 +66,7 @@ TEST(LogRow, equalRowsHashAlikeHoweverTheirContextWasFilled) {
   EXPECT_NE(rowWith(std::nullopt), rowWith(LogRow::Context{}));
 }
 
-TEST(LogRow, textsKeepTheirPlaces) {
+TEST(LogRow, textsStayInTheirSlots) {
   const auto rowWith = [](LogRow::Slot s1, LogRow::Slot s2, LogRow::Slot s7) {
     return LogRow(at(1), RuneflowLogLevel::Info, "m", std::nullopt, {}, s1, s2, {}, {}, {}, {}, s7);
   };

@@ -33,7 +33,8 @@ std::string lower(std::string_view text) {
   return lowered;
 }
 
-// The words of a message as the full-text index sees ASCII: letters and digits, case folded.
+// Splits a text into words as the full-text index does for ASCII: runs of letters and digits, in
+// lower case. Bytes outside ASCII count as letters.
 std::vector<std::string> tokens(std::string_view text) {
   std::vector<std::string> words(1);
   for (const char c : lower(text)) {
@@ -47,7 +48,8 @@ std::vector<std::string> tokens(std::string_view text) {
   return words;
 }
 
-// A typed word is a phrase of the words that the index sees in it, the last one open-ended.
+// Matches messages that contain the words of `typed` as a phrase. The last word is a prefix if
+// `typed` has at least 3 bytes.
 Predicate word(const std::string& typed) {
   return [wanted = tokens(typed), isPrefix = typed.size() >= 3](const LogRow& r) {
     const auto same = [&](const std::string& token, const std::string& part) {
@@ -72,7 +74,7 @@ Predicate both(Predicate a, Predicate b) {
 Predicate either(Predicate a, Predicate b) {
   return [=](const LogRow& r) { return a(r) || b(r); };
 }
-// SQL's NOT of a comparison with NULL is no match either.
+// In SQL, NOT of a comparison with NULL is NULL: a record without the slot does not match.
 Predicate notSlot(int index, const std::string& value) {
   return [=](const LogRow& r) { return r.slot(index) && *r.slot(index) != value; };
 }
@@ -109,7 +111,7 @@ class StoreRead : public testing::Test {
   std::string path_ = folder_.file("a.db");
 };
 
-// An SQLite built without FTS5 and JSON, as far as a connection can tell.
+// Makes a connection behave as if SQLite were built without FTS5 and JSON.
 int denyExtensions(sqlite3* db, char** /*error*/, const sqlite3_api_routines* /*api*/) {
   return sqlite3_set_authorizer(
       db,
@@ -131,8 +133,9 @@ EventStore openWithoutExtensions(const std::string& path) {
   return *std::move(store);
 }
 
-// What a query finds is what a plain filter over the rows finds; without the index too when no word
-// is searched. Most of the queries must find something.
+// Each query must find the records that a plain filter over `rows` finds. A store without the
+// full-text index must find them, too, unless the query searches for words: there it finds
+// substrings. At least 20 of the queries must find a record, or the comparison would prove little.
 void expectAgreementWithAPlainFilter(std::span<const LogRow> rows,
                                      const test::TemporaryFolder& folder) {
   using enum RuneflowLogLevel;
@@ -207,13 +210,14 @@ TEST_F(StoreRead, queriesAgreeWithAPlainFilter) {
   expectAgreementWithAPlainFilter(rows, folder_);
 }
 
-TEST_F(StoreRead, queriesAgreeWithAPlainFilterOnARecordingOfTheUsers) {
+TEST_F(StoreRead, queriesAgreeWithAPlainFilterOnTheUsersRecording) {
   const char* recording = std::getenv("RUNEFLOW_TEST_LOG");  // NOLINT(concurrency-mt-unsafe)
-  if (!recording) GTEST_SKIP() << "RUNEFLOW_TEST_LOG names no logcat recording";
+  if (!recording)
+    GTEST_SKIP() << "set RUNEFLOW_TEST_LOG to the path of a logcat recording to run this test";
   expectAgreementWithAPlainFilter(decode(recording), folder_);
 }
 
-TEST_F(StoreRead, withoutFullTextAndJsonItScansForTheSameContextAndForSubstrings) {
+TEST_F(StoreRead, withoutFullTextAndJsonQueriesScanMessagesAndContextForSubstrings) {
   auto store = openWithoutExtensions(path_);
   store.insert(std::vector{
       row("unfailing 50%"),
@@ -237,7 +241,7 @@ TEST_F(StoreRead, withoutFullTextAndJsonItScansForTheSameContextAndForSubstrings
               ElementsAre("1"));
 }
 
-TEST_F(StoreRead, recordsAreFetchedByRangeAndByNumber) {
+TEST_F(StoreRead, recordsAreFetchedByRangeAndBySeq) {
   auto store = open();
   EXPECT_EQ(store.minSeq() + store.maxSeq() + store.count(), 0);
   const auto rows = test::rows("m", 9);
@@ -255,7 +259,7 @@ TEST_F(StoreRead, recordsAreFetchedByRangeAndByNumber) {
   EXPECT_THAT(store.matchingSeqsQueryPlan(parse("tag:x"), 0), SizeIs(1));
 }
 
-TEST_F(StoreRead, oddRowsReadBackByTheRules) {
+TEST_F(StoreRead, invalidStoredValuesReadBackAsDefaults) {
   auto store = open();
   sql(path_,
       "INSERT INTO events(ts,level,s0,message,ctx) VALUES"
@@ -268,7 +272,7 @@ TEST_F(StoreRead, oddRowsReadBackByTheRules) {
             LogRow(test::at(-1.5), RuneflowLogLevel::Info, "", {}, "", {}, {}, {}, {}, {}, {}, {}));
   EXPECT_EQ(records[1].row.level(), RuneflowLogLevel::Info);
   EXPECT_EQ(records[2].row.level(),
-            RuneflowLogLevel::Info);  // the low 32 bits of the stored number are 2
+            RuneflowLogLevel::Info);  // only the low 32 bits count; they are 2
   EXPECT_EQ(records[2].row.ctx(), (LogRow::Context{{"a", "c"}}));
   EXPECT_EQ(records[3].row.ctx(), std::nullopt);
   EXPECT_EQ(records[4].row.ctx(), LogRow::Context{});

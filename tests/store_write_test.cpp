@@ -46,7 +46,7 @@ class StoreWrite : public testing::Test {
   test::CapturedLog log_;
 };
 
-TEST_F(StoreWrite, layingDownTheSchemaTwiceChangesNothing) {
+TEST_F(StoreWrite, openingTwiceLeavesTheSchemaUnchanged) {
   const std::string schema = "SELECT type, name, sql FROM sqlite_schema ORDER BY rowid";
   open().close();
   const auto first = ask(schema);
@@ -65,7 +65,7 @@ TEST_F(StoreWrite, layingDownTheSchemaTwiceChangesNothing) {
   EXPECT_THAT(ask("PRAGMA journal_mode"), ElementsAre("wal"));
 }
 
-TEST_F(StoreWrite, aMissingFileIsMadeOnlyWhenAsked) {
+TEST_F(StoreWrite, aMissingFileIsCreatedOnlyOnRequest) {
   EXPECT_FALSE(EventStore::open(path_, false, SourceDescriptor::dlt()).has_value());
   EXPECT_FALSE(std::filesystem::exists(path_));
   EXPECT_FALSE(EventStore::open(path_ + "/below", true, SourceDescriptor::dlt()).has_value());
@@ -130,7 +130,7 @@ TEST_F(StoreWrite, contextIsCompactJsonThatSqliteReadsBack) {
   }
 }
 
-TEST_F(StoreWrite, timestampsWithoutAMicrosecondCountAreClampedAndSaidOnce) {
+TEST_F(StoreWrite, timestampsThatDoNotFitMicrosecondsAreClampedAndLoggedOnce) {
   constexpr auto kInfinity = std::numeric_limits<double>::infinity();
   auto store = open();
   std::vector<LogRow> odd;
@@ -161,9 +161,9 @@ TEST_F(StoreWrite, aBatchIsStoredWholeOrNotAtAll) {
   expectSound();
 }
 
-TEST_F(StoreWrite, whatCannotBeWrittenIsLoggedWithItsCause) {
-  sql(path_, "");  // SQLite makes no file for an empty statement
-  std::ofstream(path_).close();
+TEST_F(StoreWrite, failedWritesAreLoggedWithTheirCause) {
+  sql(path_, "");                // creates no file
+  std::ofstream(path_).close();  // SQLite reads an empty file as a database without tables
   auto bare = EventStore::open(path_, false, SourceDescriptor::logcat());
   ASSERT_TRUE(bare.has_value());
   bare->insert(rows("x", 2));
@@ -177,7 +177,7 @@ TEST_F(StoreWrite, whatCannotBeWrittenIsLoggedWithItsCause) {
   EXPECT_EQ(bare->count(), 0);
 }
 
-TEST_F(StoreWrite, aStoreWithoutConnectionIsHarmless) {
+TEST_F(StoreWrite, callsOnAStoreWithoutConnectionDoNothing) {
   auto closed = open();
   closed.close();
   closed.close();
@@ -194,14 +194,14 @@ TEST_F(StoreWrite, aStoreWithoutConnectionIsHarmless) {
   EXPECT_THAT(log_.lines(), ElementsAre(noHandle, noHandle));
 }
 
-TEST_F(StoreWrite, clearForgetsTheTextsAndCountsFromOneAgain) {
+TEST_F(StoreWrite, clearEmptiesTheFullTextIndexAndRestartsTheSeqsAtOne) {
   auto store = open();
   store.insert(rows("old", 20));
   ask("CREATE TRIGGER keep BEFORE DELETE ON events BEGIN SELECT RAISE(ABORT, 'kept'); END");
   store.clear();
   EXPECT_THAT(log_.lines(), ElementsAre("store: clear: DELETE failed: kept"));
   EXPECT_THAT(ask("SELECT count(*) FROM events"), ElementsAre("20"));
-  EXPECT_THAT(found("old"), IsEmpty());  // forgotten even when the rows stay
+  EXPECT_THAT(found("old"), IsEmpty());  // the index is emptied even if the rows stay
   ask("DROP TRIGGER keep");
   store.clear();
   store.insert(rows("new", 3));
@@ -210,7 +210,7 @@ TEST_F(StoreWrite, clearForgetsTheTextsAndCountsFromOneAgain) {
   expectSound();
 }
 
-TEST_F(StoreWrite, trimmingTakesTheOldestChunkOnceTheCapIsReached) {
+TEST_F(StoreWrite, trimDeletesTheOldestChunkOnceTheCapIsReached) {
   auto store = open();
   store.insert(rows("line", 2'500));
   const auto used = store.usedBytes();
@@ -232,7 +232,7 @@ TEST_F(StoreWrite, trimmingTakesTheOldestChunkOnceTheCapIsReached) {
   EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
-TEST_F(StoreWrite, aTrimThatFailsLeavesEverything) {
+TEST_F(StoreWrite, aTrimThatFailsDeletesNothing) {
   auto store = open();
   store.insert(rows("line", 10));
   ask("CREATE TRIGGER keep BEFORE DELETE ON events WHEN old.seq=7 "
@@ -244,7 +244,7 @@ TEST_F(StoreWrite, aTrimThatFailsLeavesEverything) {
   expectSound();
 }
 
-TEST_F(StoreWrite, aFileMadeWithoutFullTextTakesRowsButIsNotTrimmed) {
+TEST_F(StoreWrite, aFileWithoutFullTextTableStoresRowsButIsNotTrimmed) {
   open().close();
   ask("DROP TABLE events_fts");
   auto store = EventStore::open(path_, false, SourceDescriptor::logcat());

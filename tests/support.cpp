@@ -18,21 +18,22 @@ static std::ptrdiff_t entriesOf(const char* folder) {
 }
 
 LeavesNothingBehind::LeavesNothingBehind() {
-  // The thread sanitizer starts a thread of its own along with the first.
+  // ThreadSanitizer starts a background thread when the process creates its first thread. Create
+  // one now, so that the count below includes the background thread.
   std::thread([] {}).join();
   threads_ = entriesOf("/proc/self/task");
   descriptors_ = entriesOf("/proc/self/fd");
 }
 
 void LeavesNothingBehind::TearDown() {
-  // A worker thread outlives the delivery of its result by a moment.
+  // A worker thread may run for a moment after it has delivered its result.
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (entriesOf("/proc/self/task") > threads_ && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::yield();
   }
   EXPECT_LE(entriesOf("/proc/self/task"), threads_);
   EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors_);
-  EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "a child was left";
+  EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1) << "the test left a child process";
 }
 
 TemporaryFolder::TemporaryFolder() {

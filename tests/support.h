@@ -1,4 +1,5 @@
-// What several tests need: a folder of their own, a second look at a database, the library's log.
+// Helpers that several test files share: a temporary folder, SQL on a second connection to a
+// database, the lines of the library's log, and a thread with a small stack.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -31,7 +32,7 @@ class TemporaryFolder {
   std::filesystem::path path_;
 };
 
-// Fails a test that leaves descriptors, threads or children of the process behind.
+// Fails a test that leaves open descriptors, running threads or child processes behind.
 class LeavesNothingBehind : public testing::Test {
  protected:
   LeavesNothingBehind();
@@ -42,11 +43,13 @@ class LeavesNothingBehind : public testing::Test {
   std::ptrdiff_t descriptors_;
 };
 
-// The result of a statement on a connection of the test's own: one text a row, columns joined by
-// "|", NULL as "NULL". A statement that fails gives one row, "error: …".
+// Runs `statement` on a connection of its own and returns one text per result row: the columns
+// joined by "|", NULL as "NULL". Does not create a missing file. If the statement fails, returns
+// the single text "error: …".
 std::vector<std::string> sql(const std::string& path, const std::string& statement);
 
-// Collects what the library logs while it lives.
+// Collects the lines that the library logs while this object exists. The library has one log sink;
+// at most one CapturedLog may exist at a time.
 class CapturedLog {
  public:
   explicit CapturedLog(AppLog::Level minimumLevel = AppLog::Level::error);
@@ -64,20 +67,20 @@ inline Timestamp at(double seconds) {
   return Timestamp(std::chrono::duration<double>(seconds));
 }
 
-// A row with its message, and a tag in slot 0 where one is given.
+// Returns a row with the time 1,700,000,000 s after 1970 and, if `tag` is given, a tag in slot 0.
 LogRow row(std::string_view message, LogRow::Slot tag = std::nullopt,
            RuneflowLogLevel level = RuneflowLogLevel::Info,
            std::optional<LogRow::Context> ctx = std::nullopt);
 
-// Rows with the messages "<stem> 1" to "<stem> <count>".
+// Returns rows with the messages "<stem> 1" to "<stem> <count>".
 std::vector<LogRow> rows(std::string_view stem, int count);
 
 inline std::span<const std::uint8_t> bytes(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
-// Runs `body` on a thread with a stack of that many bytes, and waits for it. Under a
-// sanitizer, whose frames are several times as large, the stack is larger too.
+// Runs `body` on a thread with a stack of `stackSize` bytes and waits until it returns. Under a
+// sanitizer the stack is eight times as large, because the stack frames are larger as well.
 void onStackOf(std::size_t stackSize, std::move_only_function<void()> body);
 
 }  // namespace runeflow::test

@@ -32,7 +32,7 @@ using Answers = std::vector<std::string>;
 
 constexpr const char* kLoopback = "127.0.0.1";
 
-// A loopback port of our own: refusing until listen() is called.
+// A free loopback port. It refuses connections until listen() is called.
 class Port {
  public:
   Port() {
@@ -47,13 +47,13 @@ class Port {
   void listen(int backlog = 8) { EXPECT_EQ(::listen(socket_.get(), backlog), 0); }
   FileDescriptor accept() { return FileDescriptor(::accept(socket_.get(), nullptr, nullptr)); }
 
-  // Listens and fills its queue: further connections get no answer.
+  // Listens and fills the queue of pending connections: further attempts to connect get no answer.
   void fallSilent() {
     listen(0);
     while (auto queued = connectToFirst(&entry_, 100)) queue_.push_back(std::move(*queued));
   }
 
-  // As the resolver would list this port, with `next` behind it.
+  // Returns the entry of this port in a list of addresses as the resolver makes it, before `next`.
   addrinfo* then(addrinfo* next) { return entry_.ai_next = next, &entry_; }
 
  private:
@@ -70,12 +70,14 @@ std::string readUntilEnd(int fd, std::size_t limit = std::string::npos) {
   return bytes;
 }
 
-// The requests that `call` sends to a server at `port` which answers one after the other, byte by
-// byte, and hangs up. Signals rain on the caller, and make its system calls give up.
+// Runs `call` beside a server on `port` and returns the requests that the server received. The
+// server sends one of `answers` for each request, one byte at a time, and then closes the
+// connection. Before each byte it sends a signal to the caller's thread, to interrupt its system
+// calls.
 std::string requestsOf(const Answers& answers, Port& port, const std::function<void()>& call) {
   port.listen();
   static std::atomic<bool> caught;
-  struct sigaction interrupt{};  // without SA_RESTART
+  struct sigaction interrupt{};  // without SA_RESTART: system calls fail with EINTR
   interrupt.sa_handler = [](int) { caught = true; };
   ::sigaction(SIGUSR1, &interrupt, nullptr);
   std::string requests;
@@ -87,8 +89,9 @@ std::string requestsOf(const Answers& answers, Port& port, const std::function<v
       for (const char byte : answer) {
         caught = false;
         ::pthread_kill(caller, SIGUSR1);
-        // Or the byte would outrun the signal. The thread sanitizer withholds one that comes just
-        // before a call until that call is over.
+        // Wait for the signal handler, or the byte could arrive before the signal. The wait is
+        // limited, because ThreadSanitizer delays a signal that arrives just before a system call
+        // until the call has returned.
         for (int left = 1'000; !caught && left > 0; --left) ::usleep(100);
         ::send(client.get(), &byte, 1, MSG_NOSIGNAL);
       }
@@ -113,7 +116,7 @@ std::string described(const std::vector<ADBTransport::Device>& devices) {
   return text;
 }
 
-TEST_F(TransportTest, filesOpenForReadingWithTheirLength) {
+TEST_F(TransportTest, filesOpenForReadingAndReportTheirSize) {
   const test::TemporaryFolder folder;
   const auto path = folder.file("Gerät-日本.log");
   for (const std::string content : {"", "one\ntwo\n"}) {
@@ -144,7 +147,7 @@ TEST_F(TransportTest, socketsConnectOrFailAtOnce) {
   EXPECT_EQ(::fcntl(client.get(), F_GETFL) & (O_NONBLOCK | O_ACCMODE), O_RDWR);
 }
 
-TEST_F(TransportTest, socketsTryEveryAddressForItsTimeAndTellTheLastError) {
+TEST_F(TransportTest, socketsTryEachAddressForTheTimeLimitAndReportTheLastError) {
   Port refusing;
   Port silent;
   silent.fallSilent();
@@ -213,7 +216,7 @@ TEST_F(TransportTest, adbAnswersBecomeErrors) {
   }
 }
 
-TEST_F(TransportTest, adbServersThatHungUpEndTheCallAndNotTheProcess) {
+TEST_F(TransportTest, aClosedAdbConnectionFailsTheCallWithoutASignal) {
   int ends[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
   const FileDescriptor client(ends[0]);
@@ -224,7 +227,7 @@ TEST_F(TransportTest, adbServersThatHungUpEndTheCallAndNotTheProcess) {
             ADBError::serverUnreachable("Couldn't send 'shell:x' to the adb server."));
 }
 
-TEST_F(TransportTest, adbDeviceListsHaveLinesAndColumns) {
+TEST_F(TransportTest, adbDeviceListsAreSplitIntoLinesAndTokens) {
   EXPECT_EQ(
       described(ADBTransport::parseDeviceList(
           "\n\r\n \t\nalone\n\ta \t offline usb:1-1 stray\rb x model: product:a:b device::\v"
@@ -247,7 +250,7 @@ TEST_F(TransportTest, adbPicksTheReadiestDevice) {
   }
 }
 
-TEST_F(TransportTest, errorsSpeakToTheUser) {
+TEST_F(TransportTest, errorMessagesNameTheCauseAndTheRemedy) {
   Port refusing;
   const std::pair<std::string, std::string> rows[] = {
       {ADBTransport::devices(kLoopback, refusing.number()).error().message(),

@@ -13,7 +13,8 @@ namespace {
 
 using testing::ElementsAre;
 
-// Pieces whose neighbourhoods exercise every joining rule: marks, prepends, joiners, flags, Hangul.
+// Returns up to 11 random pieces in a row. Their neighbors exercise every rule that joins code
+// points into one character: combining marks, prepended marks, joiners, flags and Hangul.
 std::string randomText(std::mt19937& random) {
   static const std::vector<std::string> pieces = {
       "a",      " ",      "\t",         "\r",         "\n",         "-", ":",      "1",
@@ -43,7 +44,7 @@ std::vector<std::string> icuCharacters(const std::string& text) {
   return characters;
 }
 
-TEST(Unicode, charactersAndLoneBytesAreWhatIcuFindsInTheWholeText) {
+TEST(Unicode, charactersAndStandsAloneAgreeWithIcu) {
   std::mt19937 random(7);
   for (int round = 0; round < 20'000; ++round) {
     const std::string text = randomText(random);
@@ -85,7 +86,7 @@ TEST(Unicode, illFormedSequencesBecomeOneReplacementPerMaximalSubpart) {
 
 TEST(Unicode, wordsAndTrimAgreeOnWhiteSpace) {
   EXPECT_THAT(unicode::words(" a\u2003b\r\nc\u0085 \u00A0"), ElementsAre("a", "b", "c"));
-  // A space that carries a mark is still a white-space character, and goes as a whole.
+  // A space with a combining mark is one white-space character and is removed with its mark.
   EXPECT_THAT(unicode::words("a \u0301b"), ElementsAre("a", "b"));
   EXPECT_EQ(unicode::trimWhiteSpace("\u3000 \u0301x y\r\n"), "x y");
   EXPECT_EQ(unicode::trimWhiteSpace(" \n"), "");

@@ -3,9 +3,10 @@
 
 Usage: run.py PATH_OF_RUNEFLOW
 
-Everything runs on free ports of the loopback interface and in a temporary folder, and is ended with
-the program. One line a check; the exit code is 0 when all passed, 1 when one failed, 2 when
-something is missing. The Debian packages it needs are listed in packaging/debian-e2e.txt.
+All servers listen on free ports of the loopback interface, keep their files in a temporary folder
+and are ended with this program. Prints one line per check. The exit code is 0 if all checks pass, 1
+if a check fails, and 2 if an argument or a program is missing. packaging/debian-e2e.txt lists the
+Debian packages that are needed.
 """
 
 import collections
@@ -23,8 +24,8 @@ import threading
 import time
 
 DLT_TRAFFIC = pathlib.Path("/usr/lib/libdlt-examples")
-LINES = 2000  # of the log on the device; the last has no line end, so it is no record
-PATIENCE = 30  # seconds for anything that is awaited
+LINES = 2000  # in the log on the device; the last has no line end and gives no record
+PATIENCE = 30  # time limit of a wait, in seconds
 
 
 class Checks:
@@ -52,7 +53,7 @@ def wait_until(what, condition):
     end = time.monotonic() + PATIENCE
     while not condition():
         if time.monotonic() > end:
-            raise TimeoutError(f"waited {PATIENCE} s in vain until {what}")
+            raise TimeoutError(f"gave up after waiting {PATIENCE} s until {what}")
         time.sleep(0.02)
 
 
@@ -67,7 +68,7 @@ def is_listening(port):
 
 
 def connections_to(port):
-    """How many clients on this machine have a connection to the port."""
+    """Returns the number of connections from this machine to the port."""
     rows = pathlib.Path("/proc/net/tcp").read_text().splitlines()[1:]
     wanted = f"0100007F:{port:04X}"
     return sum(1 for row in rows if row.split()[2] == wanted and row.split()[3] == "01")
@@ -99,7 +100,7 @@ class Database:
             return connection.execute(sql).fetchall()
 
     def count(self):
-        """The records so far; 0 while the database is being made."""
+        """Returns the number of records, or 0 if the database does not exist yet."""
         try:
             return self.ask("SELECT count(*) FROM events")[0][0]
         except sqlite3.OperationalError:
@@ -125,7 +126,7 @@ class Runeflow:
 
 
 def finish(process):
-    """The exit code and the lines on standard error."""
+    """Waits for the process and returns its exit code and its lines on standard error."""
     _, errors = process.communicate(timeout=2 * PATIENCE)
     return process.returncode, errors.splitlines()
 
@@ -139,7 +140,7 @@ def ended_in_order(result):
 
 
 def device_log():
-    """Threadtime text as some devices print it, with CR LF and without the last line end."""
+    """Returns threadtime text with CR LF, as some devices print it. The last line has no line end."""
     lines = (
         f"03-17 16:{i // 60:02}:{i % 60:02}.{i % 1000:03}  1702  2395 {'VDIWEF'[i % 6]} T{i % 7}: {i} ü✓"
         for i in range(LINES)
@@ -165,7 +166,10 @@ class AdbServer:
                 yield self
 
     def ask(self, service):
-        """The server's whole answer. The adb command would start a server where there is none."""
+        """Sends a request and returns the whole answer.
+
+        The adb command is not used here, because it starts a server if none is running.
+        """
         with socket.create_connection(("127.0.0.1", self.port), PATIENCE) as server:
             server.sendall(f"{len(service):04x}{service}".encode())
             return b"".join(iter(lambda: server.recv(4096), b"")).decode()
@@ -188,14 +192,14 @@ class AdbServer:
 
 def check_adb_streams(checks, runeflow, folder, adb):
     for chunk in (997, 1):
-        with checks.scenario(f"adb: every record arrives in packets of {chunk}") as name:
+        with checks.scenario(f"adb: every record of packets of {chunk} bytes is stored") as name:
             database = Database(folder, f"adb-{chunk}")
             with adb.device("--chunk", chunk):
                 result = runeflow.capture(database, "--adb", adb.address)
             complete = ended_in_order(result) and database.count() == LINES - 1
             checks.check(name, complete, f"{result}, {database.count()} records")
 
-    with checks.scenario("adb: a device that vanishes ends the capture in order") as name:
+    with checks.scenario("adb: the capture ends in order if the device disappears") as name:
         database = Database(folder, "adb-lost")
         with adb.device("--chunk", 1000, "--drop-after", 20000):
             result = runeflow.capture(database, "--adb", adb.address)
@@ -203,7 +207,7 @@ def check_adb_streams(checks, runeflow, folder, adb):
         kept = ended_in_order(result) and database.count() == arrived
         checks.check(name, kept, f"{result}, {database.count()} of {arrived} records")
 
-    with checks.scenario("adb: an interrupt ends the capture in order") as name:
+    with checks.scenario("adb: the capture ends in order on an interrupt") as name:
         database = Database(folder, "adb-interrupted")
         source = ("--adb", adb.address)
         with adb.device("--hold"), runeflow.capturing(database, *source) as capture:
@@ -226,7 +230,7 @@ def check_adb_refusals(checks, runeflow, folder, adb):
             refused("an unknown serial", "nosuch", *address, "--serial", "nosuch")
             refused("a command that the device refuses", "closed", *address, "--command", "ls")
         with adb.device("--unauthorized", state="unauthorized") as serial:
-            refused("an unauthorised device", f"Device {serial} is 'unauthorized'", *address)
+            refused("an unauthorized device", f"Device {serial} is 'unauthorized'", *address)
         nobody = f"127.0.0.1:{free_port()}"
         refused("no server", f"No adb server is listening on {nobody}", "--adb", nobody)
 
@@ -250,7 +254,7 @@ BindAddress = ::ffff:127.0.0.1
 
 
 class DltDaemon:
-    """Restarted on the same port by entering running() again."""
+    """A daemon on a fixed port. Entering running() again restarts it on the same port."""
 
     def __init__(self, folder):
         self.folder = folder
@@ -270,11 +274,14 @@ class DltDaemon:
 
     @contextlib.contextmanager
     def witness(self):
-        """Waits for the capture and joins it; what the daemon sends from now on goes to both."""
+        """Waits until the capture is connected, then connects a Witness.
+
+        From then on, the daemon sends every message to both.
+        """
         wait_until("the capture is connected", lambda: connections_to(self.port) == 1)
         with Witness(self.port) as witness:
-            # Clients are accepted in turn, so the capture was before.
-            wait_until("the daemon speaks", lambda: witness.count_by_app.total() > 0)
+            # The daemon accepts clients in the order of their connections: the capture first.
+            wait_until("the daemon sends a message", lambda: witness.count_by_app.total() > 0)
             yield witness
 
     def send(self, program, *options):
@@ -285,14 +292,17 @@ class DltDaemon:
 
 
     def send_lines(self, count):
-        """Twenty milliseconds apart; returns when they have been sent to the capture."""
+        """Sends messages 20 ms apart. Returns when the daemon has sent them to its clients."""
         with self.witness() as witness:
             self.send("dlt-example-user", "-n", count, "-d", 20, "-l", 4, "one of many")
-            wait_until("the lines are out", lambda: witness.count_by_app["LOG"] >= count)
+            wait_until("the daemon has sent the messages", lambda: witness.count_by_app["LOG"] >= count)
 
 
 class Witness(threading.Thread):
-    """A plain client of the daemon that cuts messages by their length and counts them by sender."""
+    """A plain client of the daemon.
+
+    Splits the stream into messages by their length and counts them by application ID.
+    """
 
     def __init__(self, port):
         super().__init__(daemon=True)
@@ -313,7 +323,7 @@ class Witness(threading.Thread):
     def receive(self):
         try:
             return self.client.recv(65536)
-        except ConnectionError:  # the daemon was ended
+        except ConnectionError:  # the daemon has ended
             return b""
 
     def run(self):
@@ -352,15 +362,16 @@ def check_dlt_burst(checks, runeflow, daemon, database):
                     result = finish(capture)
         seen, stored = witness.count_by_app, database.count_by_app()
         detail = f"sent {dict(seen)}, stored {dict(stored)}"
-        # The daemon's own senders announce the witness before the witness hears them.
+        # The daemon itself logs that the witness connects. The capture may receive such messages
+        # when the witness does not receive them yet.
         own = ("DLTD", "DA1")
         complete = all(stored.pop(app, 0) >= seen.pop(app, 0) for app in own)
         checks.check(name, complete and seen.total() > 1000 and seen == stored, detail)
-        checks.check("dlt: a daemon that ends, ends the capture", ended_in_order(result), result)
+        checks.check("dlt: the capture ends in order if the daemon ends", ended_in_order(result), result)
 
 
 def check_dlt_reconnect(checks, runeflow, daemon, database):
-    with checks.scenario("dlt: a restarted daemon is picked up again") as name:
+    with checks.scenario("dlt: the capture reconnects to a restarted daemon") as name:
         with contextlib.ExitStack() as stack:
             first = stack.enter_context(daemon.running())
             source = ("--dlt", daemon.address, "--reconnect")
@@ -370,7 +381,7 @@ def check_dlt_reconnect(checks, runeflow, daemon, database):
             first.wait(PATIENCE)
             stack.enter_context(daemon.running())
             daemon.send_lines(20)
-            wait_until("records of both are stored", lambda: database.count_by_app()["LOG"] > 20)
+            wait_until("records of both runs are stored", lambda: database.count_by_app()["LOG"] > 20)
             capture.send_signal(signal.SIGINT)
             code, lines = finish(capture)
         in_order = code == 0 and len(lines) > 1 and "records" in lines[-1]
@@ -394,9 +405,12 @@ def main():
         print("usage: run.py PATH_OF_RUNEFLOW", file=sys.stderr)
         return 2
     if missing():
-        print(f"{', '.join(missing())} not found; install packaging/debian-e2e.txt", file=sys.stderr)
+        print(
+            f"{', '.join(missing())} not found; install the packages in packaging/debian-e2e.txt",
+            file=sys.stderr,
+        )
         return 2
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # so that what was started ends as well
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # ends the servers, too
     checks = Checks()
     runeflow = Runeflow(pathlib.Path(sys.argv[1]).resolve())
     with tempfile.TemporaryDirectory() as name:

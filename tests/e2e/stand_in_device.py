@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
 """A stand-in for an Android device: the device end of adb's transport protocol, over TCP.
 
-An adb server that is told to connect to it lists it like any device; a shell command that begins
-with "logcat" prints the file it was started with, every other service is refused. A packet is a
-header of six little-endian 32-bit words (command, two arguments, length and byte sum of the data,
-the command's complement) and its data; a stream sends one packet of data and awaits its OKAY.
+An adb server that connects to the stand-in lists it like any device. A shell command that begins
+with "logcat" prints the file given as argument; every other service is refused. A packet is a header
+of six little-endian 32-bit words (command, two arguments, length and byte sum of the data, the
+complement of the command), followed by the data. A stream sends one packet of data and then waits
+for its OKAY.
 
-It prints its port in its first line and lives until it is ended, or has lost itself (--drop-after).
+Prints its port on the first line. Runs until it is ended or until --drop-after makes it exit.
 """
 
 import argparse
@@ -15,7 +16,7 @@ import socket
 import struct
 import threading
 
-VERSION = 0x01000001  # from here on the receiver does not look at the byte sum
+VERSION = 0x01000001  # from this version on, the receiver ignores the byte sum
 MAX_DATA = 256 * 1024
 HEADER = struct.Struct("<6I")
 AUTH_TOKEN = 1
@@ -34,15 +35,15 @@ class ConnectionLost(Exception):
 
 
 class Connection:
-    """One adb server. Streams are known by our id of them."""
+    """A connection to one adb server. The dictionaries are keyed by our id of a stream."""
 
     def __init__(self, server, options, log):
         self.server = server
         self.options = options
         self.log = log
         self.room = MAX_DATA
-        self.remote = {}  # the server's id of a stream
-        self.rest = {}  # what a stream has yet to print
+        self.remote = {}  # the server's id of the stream
+        self.rest = {}  # the part of the log that the stream still has to send
         self.last_id = 0
 
     def run(self):
@@ -77,8 +78,10 @@ class Connection:
         if command == CNXN:
             self.room = min(second, MAX_DATA)
             self.introduce()
-        elif command == AUTH and first == AUTH_SIGNATURE:  # a key waits for the user to accept it
-            self.send(AUTH, AUTH_TOKEN, 0, os.urandom(20))  # no signature is good enough, try another
+        elif command == AUTH and first == AUTH_SIGNATURE:
+            # Rejects the signature by asking for another one. A public key gets no answer, as if the
+            # user had not accepted it yet.
+            self.send(AUTH, AUTH_TOKEN, 0, os.urandom(20))
         elif command == OPEN:
             self.open(first, data.rstrip(b"\0").decode())
         elif command == OKAY and second in self.remote:
@@ -120,11 +123,11 @@ class Connection:
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("log", help="the file that logcat prints")
-    parser.add_argument("--port", type=int, default=0, help="0 takes a free one")
-    parser.add_argument("--chunk", type=int, default=MAX_DATA, help="bytes a packet")
-    parser.add_argument("--drop-after", type=int, help="vanish when at least so many bytes were taken")
-    parser.add_argument("--unauthorized", action="store_true", help="accept no key of the server")
-    parser.add_argument("--hold", action="store_true", help="logcat waits for more at the end of the log")
+    parser.add_argument("--port", type=int, default=0, help="port to listen on; 0 takes a free one")
+    parser.add_argument("--chunk", type=int, default=MAX_DATA, help="largest number of bytes per packet")
+    parser.add_argument("--drop-after", type=int, help="exit after sending at least this many bytes")
+    parser.add_argument("--unauthorized", action="store_true", help="accept no key from the server")
+    parser.add_argument("--hold", action="store_true", help="keep the stream open at the end of the log")
     options = parser.parse_args()
     with open(options.log, "rb") as file:
         log = file.read()
