@@ -9,6 +9,8 @@
 
 #include <array>
 #include <csignal>
+#include <filesystem>
+#include <stdexcept>
 #include <string_view>
 
 #include "runeflow/decoders/logcat_decoder.h"
@@ -200,6 +202,101 @@ TEST_F(Capturing, aBatchThatCannotBeWrittenIsCountedAsLost) {
   EXPECT_EQ(progress.rowsStored + progress.rowsLost, 3'000);
   EXPECT_EQ(reopen().count(), progress.rowsStored);
   EXPECT_THAT(log_.lines(), ElementsAre(HasSubstr("no room")));
+}
+
+TEST_F(Capturing, aQuietStreamIsFlushedOnlyIfTheHostAsksForIt) {
+  for (const bool flushes : {false, true}) {
+    Pipe pipe;
+    CaptureSession session(path_, SourceDescriptor::logcat());
+    session.setFlushesWhenQuiet(flushes);
+    const auto before = reopen().count();
+    session.run(pipe.reading.release(), logcat, [this] { finished_.release(); });
+    pipe.write(lines(3));
+    const auto storedInTime = [&] {
+      for (int left = 60; left > 0 && session.progress().rowsStored < 3; --left) ::usleep(5'000);
+      return session.progress().rowsStored;
+    };
+    EXPECT_EQ(storedInTime(), flushes ? 3 : 0);
+    pipe.write(lines(2));
+    pipe.writing.reset();
+    finished_.acquire();
+    EXPECT_EQ(session.progress().rowsStored, 5);
+    EXPECT_EQ(reopen().count(), before + 5);
+  }
+}
+
+TEST_F(Capturing, aBoundedTrimDeletesATenthAtMostAndKeepsUsedBytesBelowTheCap) {
+  CaptureSession session(path_, SourceDescriptor::logcat());
+  session.setMaxBytes(4 << 20);
+  session.setTrimBytes(1 << 20);
+  Pipe pipe;
+  session.run(pipe.reading.release(), logcat, [this] { finished_.release(); });
+  const std::string message(4'000, 'x');
+  for (int i = 0; i < 5'000; ++i) pipe.write(fmt::format("{} {}\n", i, message));
+  pipe.writing.reset();
+  finished_.acquire();
+  auto store = reopen();
+  // A flush trims before the next batch comes, so the last batch may lie above the cap.
+  EXPECT_LT(store.usedBytes(), (4 << 20) + 1'024 * 5'000);
+  EXPECT_GT(store.count(), 500);
+  EXPECT_EQ(store.maxSeq(), 5'000);
+  EXPECT_THAT(ask("INSERT INTO events_fts(events_fts, rank) VALUES('integrity-check', 1)"),
+              IsEmpty());
+  EXPECT_THAT(log_.lines(), IsEmpty());
+}
+
+// Decodes one row a call and throws at its third call.
+struct ThrowingDecoder final : RowDecoder {
+  explicit ThrowingDecoder(bool throwsNumber) : throwsNumber_(throwsNumber) {}
+  std::vector<LogRow> consume(std::span<const std::uint8_t>) override {
+    if (++calls_ < 3) return {test::row("decoded")};
+    if (throwsNumber_) throw 7;
+    throw std::runtime_error("no sense");
+  }
+
+ private:
+  bool throwsNumber_;
+  int calls_ = 0;
+};
+
+TEST_F(Capturing, whatWasDecodedBeforeAnExceptionIsStored) {
+  CaptureSession session(path_, SourceDescriptor::logcat());
+  for (const bool throwsNumber : {false, true}) {
+    Pipe pipe;
+    session.run(
+        pipe.reading.release(), [=] { return std::make_unique<ThrowingDecoder>(throwsNumber); },
+        [this] { finished_.release(); });
+    for (int i = 0; i < 3; ++i) {
+      const auto before = session.progress().bytesRead;
+      pipe.write("x");
+      while (session.progress().bytesRead == before) ::usleep(100);  // a call for each byte
+    }
+    pipe.writing.reset();
+    finished_.acquire();
+  }
+  EXPECT_EQ(session.progress().rowsStored, 4);
+  EXPECT_EQ(session.progress().readersFailed, 2);
+  EXPECT_THAT(ask("SELECT message FROM events"),
+              testing::ElementsAre("decoded", "decoded", "decoded", "decoded"));
+  const std::string text = "lifecycle: reader: ended by an exception: ";
+  EXPECT_THAT(log_.lines(), ElementsAre(text + "no sense", text + "not a std::exception"));
+}
+
+TEST_F(Capturing, aDatabaseThatIsDeletedEndsTheReaderAndCountsTheBatchAsLost) {
+  Pipe pipe;
+  CaptureSession session(path_, SourceDescriptor::logcat());
+  session.setFlushesWhenQuiet(true);
+  session.run(pipe.reading.release(), logcat, [this] { finished_.release(); });
+  pipe.write(lines(5));
+  while (session.progress().rowsStored < 5) ::usleep(1'000);
+  std::filesystem::remove(path_);
+  pipe.write(lines(3));
+  finished_.acquire();
+  EXPECT_EQ(session.progress().rowsStored, 5);
+  EXPECT_EQ(session.progress().rowsLost, 3);
+  EXPECT_EQ(session.progress().readersFailed, 1);
+  EXPECT_THAT(log_.lines(),
+              ElementsAre("lifecycle: reader: " + path_ + " was deleted or replaced; ending"));
 }
 
 }  // namespace

@@ -67,6 +67,17 @@ std::vector<std::string> sql(const std::string& path, const std::string& stateme
   return lines;
 }
 
+OtherConnection::OtherConnection(const std::string& path, const std::string& statements) {
+  sqlite3* opened = nullptr;
+  EXPECT_EQ(sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK);
+  db_.reset(opened);
+  EXPECT_TRUE(execute(statements));
+}
+
+bool OtherConnection::execute(const std::string& statements) {
+  return sqlite3_exec(db_.get(), statements.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
 CapturedLog::CapturedLog(AppLog::Level minimumLevel) {
   AppLog::attachSink(
       [this](const AppLog::Line& line) {

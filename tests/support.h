@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -49,6 +50,16 @@ class LeavesNothingBehind : public testing::Test {
 std::vector<std::string> sql(const std::string& path, const std::string& statement);
 
 // Collects the lines that the library logs while this object exists. The library has one log sink;
+// A connection of the test's own that stays open after its statements, such as "BEGIN IMMEDIATE".
+class OtherConnection {
+ public:
+  OtherConnection(const std::string& path, const std::string& statements);
+  bool execute(const std::string& statements);
+
+ private:
+  std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db_{nullptr, sqlite3_close};
+};
+
 // at most one CapturedLog may exist at a time.
 class CapturedLog {
  public:

@@ -1,7 +1,9 @@
 #include "runeflow/capture/capture_session.h"
 
+#include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <exception>
@@ -25,6 +27,9 @@ constexpr std::size_t kReadSize = 65'536;
 constexpr std::size_t kBatchSize = 1'024;
 constexpr std::int64_t kTrimChunk = 10'000;
 constexpr std::chrono::milliseconds kFlushInterval{33};
+constexpr std::int64_t kLargestLog = std::int64_t{32} << 20;
+constexpr std::int64_t kLogStep = std::int64_t{4} << 20;
+constexpr std::chrono::milliseconds kLogWait{200};
 constexpr std::chrono::seconds kHandOver{5};
 constexpr std::size_t kReaderStack = std::size_t{4} << 20;
 
@@ -34,10 +39,15 @@ constexpr std::size_t kReaderStack = std::size_t{4} << 20;
 class CaptureSession::Shared {
  public:
   std::atomic<std::int64_t> maxBytes = 0;
+  std::atomic<std::int64_t> trimBytes = 0;
+  std::atomic<bool> flushesWhenQuiet = false;
+  const std::shared_ptr<std::atomic<std::int64_t>> lockWait =
+      std::make_shared<std::atomic<std::int64_t>>(5000);
   std::atomic<std::int64_t> bytesRead = 0;
   std::atomic<std::int64_t> rowsDecoded = 0;
   std::atomic<std::int64_t> rowsStored = 0;
   std::atomic<std::int64_t> rowsLost = 0;
+  std::atomic<std::int64_t> readersFailed = 0;
 };
 
 // Everything that one reader thread touches.
@@ -59,30 +69,44 @@ class CaptureSession::Reader {
       AppLog::logError(AppLog::lifecycle(),
                        "reader: previous reader did not finish within 5s; proceeding");
     }
-    try {
-      capture();
-    } catch (const std::exception& failure) {  // thrown by the host's decoder or by an allocation
-      AppLog::logError(AppLog::lifecycle(), "reader: ended by an exception: {}", failure.what());
+    if (!guarded([this] { capture(); })) {
+      // What was decoded before the exception is stored.
+      if (!guarded([this] { flushPending(); })) loseBatch();
     }
     end();
   }
 
   void giveUp() {
     AppLog::logError(AppLog::lifecycle(), "reader: the system gave no thread; not starting");
+    ++shared_->readersFailed;
     end();
   }
 
  private:
+  // Returns false if `work` threw, which the host's decoder and every allocation may do.
+  bool guarded(const auto& work) {
+    try {
+      work();
+      return true;
+    } catch (const std::exception& failure) {
+      fail("reader: ended by an exception: {}", failure.what());
+    } catch (...) {
+      fail("reader: ended by an exception: {}", "not a std::exception");
+    }
+    return false;
+  }
+
+  template <class... Args>
+  void fail(fmt::format_string<Args...> format, Args&&... args) {
+    ++shared_->readersFailed;
+    AppLog::logError(AppLog::lifecycle(), format, std::forward<Args>(args)...);
+  }
+
   void capture() {
-    if (!fd_) {
-      AppLog::logError(AppLog::lifecycle(), "reader got an invalid descriptor; not starting");
-      return;
-    }
+    if (!fd_) return fail("reader got an invalid descriptor; not starting");
     store_ = EventStore::open(dbPath_, false, descriptor_);
-    if (!store_) {
-      AppLog::logError(AppLog::lifecycle(), "reader could not open store at {}", dbPath_);
-      return;
-    }
+    if (!store_) return fail("reader could not open store at {}", dbPath_);
+    store_->setLockWait(shared_->lockWait);
     readToEnd();
   }
 
@@ -91,13 +115,23 @@ class CaptureSession::Reader {
     std::vector<std::uint8_t> buffer(kReadSize);
     batch_.reserve(kBatchSize);
     lastFlush_ = SteadyClock::now();
-    for (;;) {
+    while (!hasLostItsFile_) {
+      if (shared_->flushesWhenQuiet && !batch_.empty() && isQuiet()) {
+        flush();
+        continue;
+      }
       const ssize_t size = ::read(fd_.get(), buffer.data(), buffer.size());
       if (size <= 0) break;
       shared_->bytesRead += size;
       keep(decoder_->consume(std::span(buffer).first(static_cast<std::size_t>(size))));
     }
-    if (!batch_.empty()) flush();
+    flushPending();
+  }
+
+  // Waits until the stream has more bytes or has ended. Returns true if the wait was too long.
+  bool isQuiet() const {
+    pollfd waiting{.fd = fd_.get(), .events = POLLIN, .revents = 0};
+    return ::poll(&waiting, 1, static_cast<int>(kFlushInterval.count())) == 0;
   }
 
   void keep(std::vector<LogRow> rows) {
@@ -108,17 +142,54 @@ class CaptureSession::Reader {
     }
   }
 
+  void flushPending() {
+    if (store_ && !batch_.empty()) flush();
+  }
+
   void flush() {
+    if (hasLostItsFile_) return loseBatch();
     const auto before = store_->insertedRows();
     store_->insert(batch_);
     const auto stored = store_->insertedRows() - before;
-    shared_->rowsStored += stored;
-    shared_->rowsLost += static_cast<std::int64_t>(batch_.size()) - stored;
+    if (store_->hasLostItsFile()) {
+      hasLostItsFile_ = true;
+      fail("reader: {} was deleted or replaced; ending", dbPath_);
+      return loseBatch();
+    }
+    const auto size = static_cast<std::int64_t>(batch_.size());
     batch_.clear();
     lastFlush_ = SteadyClock::now();
-    if (const auto maxBytes = shared_->maxBytes.load(); maxBytes >= 1) {
+    shared_->rowsStored += stored;
+    shared_->rowsLost += size - stored;
+    if (const auto maxBytes = shared_->maxBytes.load(); maxBytes >= 1) trim(maxBytes, size);
+    emptyLargeLog();
+  }
+
+  void loseBatch() {
+    shared_->rowsLost += static_cast<std::int64_t>(batch_.size());
+    batch_.clear();
+  }
+
+  void trim(std::int64_t maxBytes, std::int64_t batchSize) {
+    const auto trimBytes = shared_->trimBytes.load();
+    if (trimBytes < 1) {
       store_->trimOldest(maxBytes, kTrimChunk);
+      return;
     }
+    constexpr std::int64_t kShare = 10;  // a flush deletes at most a tenth of the records
+    const auto records = store_->maxSeq() - store_->minSeq() + 1;
+    auto left = std::max(records / kShare, 2 * batchSize);
+    for (std::int64_t deleted = 1; deleted > 0 && left > 0; left -= deleted) {
+      deleted = store_->trimWithin(maxBytes, std::min(left, kTrimChunk), trimBytes);
+    }
+  }
+
+  // SQLite starts its write-ahead log over by itself, but only at a moment without readers. Beside
+  // readers that pause for a few milliseconds only, there may be none.
+  void emptyLargeLog() {
+    const auto size = store_->logBytes();
+    if (size < nextEmptying_) return;
+    nextEmptying_ = store_->emptyLog(kLogWait) ? kLargestLog : size + kLogStep;
   }
 
   // The semaphore comes before the host's callback, so that the next reader does not wait for it.
@@ -142,6 +213,8 @@ class CaptureSession::Reader {
   std::optional<EventStore> store_;
   std::unique_ptr<RowDecoder> decoder_;
   std::vector<LogRow> batch_;
+  bool hasLostItsFile_ = false;
+  std::int64_t nextEmptying_ = kLargestLog;  // the size of the log at which to empty it
   SteadyClock::time_point lastFlush_;
 };
 
@@ -154,6 +227,18 @@ CaptureSession::~CaptureSession() = default;
 
 void CaptureSession::setMaxBytes(std::int64_t maxBytes) {
   shared_->maxBytes = maxBytes;
+}
+
+void CaptureSession::setTrimBytes(std::int64_t messageBytes) {
+  shared_->trimBytes = messageBytes;
+}
+
+void CaptureSession::setFlushesWhenQuiet(bool flushes) {
+  shared_->flushesWhenQuiet = flushes;
+}
+
+void CaptureSession::setLockWait(std::chrono::milliseconds wait) {
+  *shared_->lockWait = wait.count();
 }
 
 void CaptureSession::run(int fd, DecoderFactory makeDecoder, FinishCallback onFinish) {
@@ -171,7 +256,7 @@ CaptureProgress CaptureSession::progress() const {
   // Loaded before rowsDecoded, so that their sum never exceeds it.
   const std::int64_t stored = shared_->rowsStored;
   const std::int64_t lost = shared_->rowsLost;
-  return {shared_->bytesRead, shared_->rowsDecoded, stored, lost};
+  return {shared_->bytesRead, shared_->rowsDecoded, stored, lost, shared_->readersFailed};
 }
 
 }  // namespace runeflow

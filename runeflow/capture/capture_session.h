@@ -11,6 +11,7 @@
 /// or by closing the writing end of a pipe.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -25,10 +26,11 @@ class Semaphore;
 
 /// What the readers of one session have done so far.
 struct CaptureProgress {
-  std::int64_t bytesRead = 0;    ///< Bytes read from the streams.
-  std::int64_t rowsDecoded = 0;  ///< Records that the decoders returned.
-  std::int64_t rowsStored = 0;   ///< Records in committed batches.
-  std::int64_t rowsLost = 0;     ///< Records whose batch could not be written; the log says why.
+  std::int64_t bytesRead = 0;      ///< Bytes read from the streams.
+  std::int64_t rowsDecoded = 0;    ///< Records that the decoders returned.
+  std::int64_t rowsStored = 0;     ///< Records in committed batches.
+  std::int64_t rowsLost = 0;       ///< Records that could not be stored; the log says why.
+  std::int64_t readersFailed = 0;  ///< Readers that ended before their stream; the log says why.
 };
 
 /// Captures streams into one database file, one stream after the other.
@@ -40,9 +42,13 @@ struct CaptureProgress {
 ///
 /// One thread at a time may call run(); the other members may be called from any thread.
 ///
-/// A reader that cannot start writes a line to the log (AppLog, category "lifecycle"). A batch that
-/// cannot be written is logged by the store and lost. A read error ends the stream. Records stored
-/// before stay in every case.
+/// A reader that cannot start, that is ended by an exception or whose database file is deleted or
+/// replaced writes a line to the log (AppLog, category "lifecycle"). A batch that cannot be written
+/// is logged by the store and lost. A read error ends the stream. Records stored before stay in
+/// every case.
+///
+/// After a flush that leaves more than 32 MB of write-ahead log, the reader empties the log and
+/// waits up to 200 ms for readers that use it.
 class CaptureSession {
  public:
   /// Returns the decoder of a stream; must not return null.
@@ -61,6 +67,22 @@ class CaptureSession {
   /// Running readers apply a new cap after their next batch. A batch that finds the used bytes at
   /// or above the cap is followed by a trim of the 10,000 oldest records.
   void setMaxBytes(std::int64_t maxBytes);
+
+  /// Bounds one trim in bytes of messages; below 1, which is the default, a trim deletes 10,000
+  /// records. With a bound, the reader trims after a batch as often as needed until the used bytes
+  /// are below the cap. It deletes at most a tenth of the records or twice the batch, whichever is
+  /// more, and never the newest record. A host that expects long messages sets it: 10,000 records
+  /// of 60 KB are 600 MB.
+  void setTrimBytes(std::int64_t messageBytes);
+
+  /// With `flushes` true, a reader also stores its pending records when the stream has been quiet
+  /// for 33 ms. Without, which is the default, they wait for the next record or the end of the
+  /// stream.
+  void setFlushesWhenQuiet(bool flushes);
+
+  /// Sets how long readers wait for locks of other connections; 5 s at first. Also shortens a wait
+  /// that has begun, for a host that wants to end.
+  void setLockWait(std::chrono::milliseconds wait);
 
   /// Starts a reader and returns at once. The reader owns `fd` and closes it when it ends.
   ///

@@ -9,6 +9,12 @@
 namespace runeflow {
 namespace {
 
+// A bound text ends at its first NUL character, as stored texts do. What a pattern adds behind a text
+// must not end with it.
+std::string_view untilNul(std::string_view text) {
+  return text.substr(0, text.find('\0'));
+}
+
 std::string quotedForFts(std::string_view text) {
   std::string quoted = "\"";
   for (const char c : text) {
@@ -20,7 +26,8 @@ std::string quotedForFts(std::string_view text) {
 
 std::string ftsExpression(std::span<const std::string_view> words) {
   std::string expression;
-  for (const auto word : words) {
+  for (const auto typed : words) {
+    const auto word = untilNul(typed);
     if (!expression.empty()) expression += ' ';
     expression += quotedForFts(word);
     if (LogQuery::isPrefixWord(word)) expression += '*';
@@ -38,11 +45,11 @@ std::string jsonPath(std::string_view key) {
 }
 
 std::string containing(std::string_view text) {
-  return '%' + LogQuery::escapeLike(text) + '%';
+  return '%' + LogQuery::escapeLike(untilNul(text)) + '%';
 }
 
 std::string beginningWith(std::string_view text) {
-  return LogQuery::escapeLike(text) + '%';
+  return LogQuery::escapeLike(untilNul(text)) + '%';
 }
 
 std::string_view textOf(const std::optional<Bind>& value) {

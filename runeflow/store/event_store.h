@@ -19,13 +19,17 @@
 /// - For a number alone, use `count()` or `countMatching(query)`.
 /// - For completing the values of a field, use `distinctValues()` or `distinctValuesWithCounts()`.
 /// - To find out whether a file is a store at all, use `inspect(path)`.
+/// - To find out whether the answers are complete, use `takeError()` after the reads.
 ///
 /// Several connections to one file are normal: a host (the program that uses the library) opens
 /// one with `create` true, which lays down the schema, and reads through it; a capture opens its
-/// own and writes. SQLite's write-ahead log lets them work at the same time. Keep reads short: the
-/// log cannot start over while a read runs.
+/// own and writes. A program that only reads uses openForReading(), which leaves the file and its
+/// folder as they are. SQLite's write-ahead log lets all of them work at the same time. Keep reads
+/// short: the log cannot start over while a read runs.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -39,7 +43,7 @@
 
 namespace runeflow {
 
-struct OpenDatabase;
+class OpenDatabase;
 
 /// A stored record and its number.
 struct FetchedRow {
@@ -63,8 +67,24 @@ enum class StoreFault {
   damaged,       ///< SQLite finds the database malformed.
   cannotOpen,    ///< The file cannot be opened: it does not exist, or permission is missing.
   readOnly,  ///< Reading needs to write beside the file (`-wal`, `-shm`), which is not permitted.
-  locked,    ///< Another connection held a lock for longer than the busy timeout of 5 s.
+  locked,    ///< Another connection held a lock for longer than the wait for locks, usually 5 s.
+  diskFull,  ///< There is no space left for the file.
+  refused,   ///< SQLite refuses the statement, usually because a query is too large.
   other      ///< Anything else; `StoreInfo::faultText` tells.
+};
+
+/// Why a read or write was cut short.
+struct StoreError {
+  StoreFault fault = StoreFault::other;  ///< The cause.
+  std::string text;                      ///< The same in SQLite's words.
+  bool operator==(const StoreError&) const = default;
+};
+
+/// What EventStore::check() found.
+struct StoreCheck {
+  std::vector<std::string> faults;  ///< Faults of the database, in SQLite's words; at most 100.
+  std::string fullTextFault;        ///< Why the full-text index does not fit the records, or empty.
+  bool isFullTextChecked = false;   ///< False if the store has no full-text index or cannot write.
 };
 
 /// What a database file says of its schema.
@@ -77,8 +97,6 @@ struct StoreInfo {
 
   /// Returns whether the indexes are those that a store with this descriptor has, and no others.
   bool hasIndexesOf(const SourceDescriptor& descriptor) const;
-  std::vector<StoreColumn>
-      indexedColumns;  ///< The columns whose index carries the store's name for it.
 };
 
 /// One connection to one database file.
@@ -88,8 +106,8 @@ struct StoreInfo {
 ///
 /// Writes report failure in the diagnostic log (AppLog, category "store"), not to the caller; a
 /// batch or trim that fails leaves the database as it was. A read that fails returns what it has
-/// read until then, usually 0 or an empty list, and logs nothing. An inert, closed or moved-from
-/// store stores and finds nothing.
+/// read until then, usually 0 or an empty list, and logs nothing. takeError() tells of both. An
+/// inert, closed or moved-from store stores and finds nothing.
 class EventStore {
  public:
   /// Opens the file at `path`. With `create` true, makes the file if it does not exist and creates
@@ -100,6 +118,15 @@ class EventStore {
   /// `descriptor` is logged and used.
   static std::optional<EventStore> open(const std::string& path, bool create,
                                         SourceDescriptor descriptor);
+
+  /// Opens the file at `path` for reads. Neither this nor a read creates or changes a file; writes
+  /// fail. A capture that runs, begins or ends in another connection is noticed, and its records
+  /// are found. Returns absence if the file cannot be opened.
+  ///
+  /// There is one exception: if a write-ahead log lies beside the file without its index (`-shm`),
+  /// as after an incomplete copy, a read creates the index.
+  static std::optional<EventStore> openForReading(const std::string& path,
+                                                  SourceDescriptor descriptor);
 
   /// Describes the file at `path` without creating or changing it.
   static StoreInfo inspect(const std::string& path);
@@ -127,15 +154,17 @@ class EventStore {
   bool jsonAvailable() const { return jsonAvailable_; }
 
   /// Appends `rows` in one transaction. Stores all of them or, after a failure, which it logs,
-  /// none. A timestamp outside the range of microseconds in 64 bits is clamped to its nearest end,
-  /// and NaN to 1970; the store logs the first one.
+  /// none. A record larger than SQLite takes (10^9 bytes) is logged and left out. A timestamp
+  /// outside the range of microseconds in 64 bits is clamped to its nearest end, and NaN to 1970;
+  /// the store logs the first one.
   void insert(std::span<const LogRow> rows);
 
   /// Returns how many rows insert() has committed through this object.
   std::int64_t insertedRows() const { return insertedRows_; }
 
-  /// Deletes every record; the next one gets seq 1. If deleting the rows fails, which is logged,
-  /// the full-text index is emptied all the same.
+  /// Deletes every record in one transaction; the next record gets seq 1. If the transaction cannot
+  /// begin, which is logged, nothing changes. If deleting the rows fails, which is logged, the
+  /// full-text index is emptied all the same.
   void clear();
 
   /// Deletes the `chunk` oldest records if the used bytes have reached `toUsedBytes`, and returns
@@ -145,6 +174,52 @@ class EventStore {
   /// Returns absence if it deleted nothing, also for a `toUsedBytes` below 1 and for a `chunk`
   /// outside 1 to 2^31 - 1.
   std::optional<std::int64_t> trimOldest(std::int64_t toUsedBytes, std::int64_t chunk);
+
+  /// Deletes the oldest records if the used bytes have reached `toUsedBytes`: at most
+  /// `mostRecords`, no more after the one whose message fills up `mostMessageBytes`, and never the
+  /// newest record. Returns how many it deleted.
+  std::int64_t trimWithin(std::int64_t toUsedBytes, std::int64_t mostRecords,
+                          std::int64_t mostMessageBytes);
+
+  /// Returns the first error that has cut a read or a write short since the last call, and forgets
+  /// it. Absent if every answer was complete and every change was made.
+  std::optional<StoreError> takeError();
+
+  /// Returns whether the file at the path of the store is no longer the one that was opened,
+  /// because it was deleted or replaced. The store goes on using the old file.
+  bool hasLostItsFile() const;
+
+  /// Sets how long a call waits for locks of other connections, in milliseconds; 5,000 at first.
+  /// The number may be changed from any thread, also while a call waits.
+  void setLockWait(std::shared_ptr<std::atomic<std::int64_t>> milliseconds);
+
+  /// Returns the size in bytes of the write-ahead log beside the file, or 0 if there is none.
+  std::int64_t logBytes() const;
+
+  /// Moves the write-ahead log into the database and empties it. Waits up to `wait` for other
+  /// connections, and fails if they use the log for longer.
+  bool emptyLog(std::chrono::milliseconds wait);
+
+  /// Checks the database and its full-text index. Reads everything, which takes a second for about
+  /// 100 MB. The check of the full-text index needs a store that can write, and changes nothing.
+  StoreCheck check();
+
+  /// Builds the full-text index anew from the records. Returns false if that fails.
+  bool rebuildFullText();
+
+  /// While an object exists, all reads of its store see the records of one moment. Keep it short:
+  /// the write-ahead log cannot start over meanwhile.
+  class Snapshot {
+   public:
+    /// The store must outlive the snapshot, and may have only one at a time.
+    explicit Snapshot(EventStore& store);
+    ~Snapshot();
+    Snapshot(const Snapshot&) = delete;
+    Snapshot& operator=(const Snapshot&) = delete;
+
+   private:
+    EventStore& store_;
+  };
 
   /// Returns the smallest seq, or 0 if the store is empty.
   std::int64_t minSeq();
@@ -188,6 +263,7 @@ class EventStore {
   explicit EventStore(SourceDescriptor descriptor);
 
   void createSchema();
+  void probeCapabilities();
   LogQuery rewrittenForCapabilities(const LogQuery& query) const;
 
   std::unique_ptr<OpenDatabase> database_;  // null in an inert, closed or moved-from store

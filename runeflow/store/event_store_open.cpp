@@ -1,5 +1,4 @@
 #include <fmt/format.h>
-#include <sqlite3.h>
 
 #include <algorithm>
 #include <utility>
@@ -23,12 +22,6 @@ constexpr const char* kCreateFullText =
     "CREATE VIRTUAL TABLE IF NOT EXISTS events_fts USING fts5(message, content='events', "
     "content_rowid='seq', tokenize='unicode61');";
 
-// SQLite takes the empty name for a temporary database, and a NUL ends the name.
-Connection openFile(const std::string& path, int flags) {
-  if (path.empty() || path.find('\0') != std::string::npos) return {};
-  return Connection::open(path, flags | SQLITE_OPEN_NOMUTEX);
-}
-
 void applySettings(Connection& connection) {
   for (const char* setting : {"PRAGMA journal_mode=WAL;", "PRAGMA synchronous=OFF;",
                               "PRAGMA temp_store=MEMORY;", "PRAGMA busy_timeout=5000;"}) {
@@ -40,18 +33,6 @@ std::string indexName(const StoreColumn& column) {
   return "i_" + column.sql();
 }
 
-StoreFault faultOf(const Connection& connection) {
-  static constexpr std::pair<int, StoreFault> kFaults[] = {
-      {SQLITE_ERROR, StoreFault::noEvents},  // no such table, no such column
-      {SQLITE_NOTADB, StoreFault::notADatabase}, {SQLITE_CORRUPT, StoreFault::damaged},
-      {SQLITE_CANTOPEN, StoreFault::cannotOpen}, {SQLITE_READONLY, StoreFault::readOnly},
-      {SQLITE_BUSY, StoreFault::locked},
-  };
-  const auto* found =
-      std::ranges::find(kFaults, connection.errorCode(), [](const auto& row) { return row.first; });
-  return found == std::end(kFaults) ? StoreFault::other : found->second;
-}
-
 }  // namespace
 
 EventStore::EventStore(SourceDescriptor descriptor) : descriptor_(std::move(descriptor)) {}
@@ -61,37 +42,57 @@ EventStore::~EventStore() = default;
 
 std::optional<EventStore> EventStore::open(const std::string& path, bool create,
                                            SourceDescriptor descriptor) {
-  auto connection = openFile(path, SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0));
-  if (!connection) return std::nullopt;
   EventStore store(std::move(descriptor));
-  store.ftsAvailable_ =
-      connection.execute("CREATE VIRTUAL TABLE IF NOT EXISTS temp.__fts_probe USING fts5(x);");
-  connection.execute("DROP TABLE IF EXISTS temp.__fts_probe;");
-  store.jsonAvailable_ = connection.execute("SELECT json_extract('{}', '$.x');");
-  applySettings(connection);
-  store.database_ = std::make_unique<OpenDatabase>(std::move(connection));
+  store.database_ = OpenDatabase::forWriting(path, create);
+  if (!store.database_) return std::nullopt;
+  store.probeCapabilities();
+  applySettings(store.database_->connection);
+  // Setting the busy timeout has replaced the wait for locks.
+  store.database_->connection.waitForLocks(*store.database_->lockWait);
   if (create) store.createSchema();
   return store;
 }
 
+std::optional<EventStore> EventStore::openForReading(const std::string& path,
+                                                     SourceDescriptor descriptor) {
+  EventStore store(std::move(descriptor));
+  store.database_ = OpenDatabase::forReading(path);
+  if (!store.database_) return std::nullopt;
+  store.probeCapabilities();
+  return store;
+}
+
+void EventStore::probeCapabilities() {
+  auto& connection = database_->connection;
+  ftsAvailable_ =
+      connection.execute("CREATE VIRTUAL TABLE IF NOT EXISTS temp.__fts_probe USING fts5(x);");
+  connection.execute("DROP TABLE IF EXISTS temp.__fts_probe;");
+  jsonAvailable_ = connection.execute("SELECT json_extract('{}', '$.x');");
+}
+
 StoreInfo EventStore::inspect(const std::string& path) {
+  const auto database = OpenDatabase::forReading(path);
   StoreInfo info;
-  Connection db = openFile(path, SQLITE_OPEN_READONLY);
-  const auto failed = [&] {
-    info.fault = db ? faultOf(db) : StoreFault::cannotOpen;
-    info.faultText = db ? db.errorText() : "unable to open database file";
+  if (!database) {
+    info.fault = StoreFault::cannotOpen;
+    info.faultText = "unable to open database file";
     return info;
-  };
-  Statement tables = db.prepare("SELECT count(*) FROM sqlite_schema");
-  if (!tables || !tables.stepsToRow()) return failed();
-  info.isEmpty = tables.integer(0) == 0;
-  Statement events = db.prepare("SELECT seq,ts,level,message FROM events LIMIT 1");
-  if (!events || events.step() == Statement::Step::error) return failed();
-  info.hasFullText = static_cast<bool>(db.prepare("SELECT rowid FROM events_fts LIMIT 1"));
-  Statement names = db.prepare(
-      "SELECT name FROM sqlite_schema WHERE type='index' AND tbl_name='events' ORDER BY rowid");
-  while (names && names.stepsToRow()) {
-    info.indexes.push_back(names.optionalText(0).value_or(""));
+  }
+  info = reading(database.get(), [](OpenDatabase& db) {
+    StoreInfo found;
+    found.isEmpty = db.scalar("SELECT count(*) FROM sqlite_schema") == 0;
+    Statement events = db.prepare("SELECT seq,ts,level,message FROM events LIMIT 1");
+    db.forEachRow(events, [] {});
+    found.hasFullText = static_cast<bool>(db.prepare("SELECT rowid FROM events_fts LIMIT 1"));
+    Statement names = db.prepare(
+        "SELECT name FROM sqlite_schema WHERE type='index' AND tbl_name='events' ORDER BY rowid");
+    db.forEachRow(names, [&] { found.indexes.push_back(names.optionalText(0).value_or("")); });
+    return found;
+  });
+  if (const auto& failure = database->failure) {
+    const bool lacksTable = failure->fault == StoreFault::refused;  // or one of its columns
+    info.fault = lacksTable ? StoreFault::noEvents : failure->fault;
+    info.faultText = failure->text;
   }
   return info;
 }
@@ -106,6 +107,32 @@ EventStore EventStore::inert(SourceDescriptor descriptor) {
 
 void EventStore::close() {
   database_.reset();
+}
+
+std::optional<StoreError> EventStore::takeError() {
+  return database_ ? std::exchange(database_->failure, std::nullopt) : std::nullopt;
+}
+
+bool EventStore::hasLostItsFile() const {
+  return database_ && !FileState::of(database_->path).isSameFile(database_->openedAs);
+}
+
+void EventStore::setLockWait(std::shared_ptr<std::atomic<std::int64_t>> milliseconds) {
+  if (!database_) return;
+  database_->connection.waitForLocks(*milliseconds);
+  database_->lockWait = std::move(milliseconds);
+}
+
+EventStore::Snapshot::Snapshot(EventStore& store) : store_(store) {
+  if (!store_.database_) return;
+  store_.database_->isInSnapshot = true;
+  store_.database_->connection.execute("BEGIN;");
+}
+
+EventStore::Snapshot::~Snapshot() {
+  if (!store_.database_) return;
+  store_.database_->connection.execute("COMMIT;");
+  store_.database_->isInSnapshot = false;
 }
 
 // A statement that fails here shows later: the writes and reads that need its table fail.

@@ -57,12 +57,12 @@ class RowReader {
   std::array<std::optional<std::string_view>, 2> messageAndContext_;
 };
 
-std::vector<FetchedRow> readRows(Statement& statement, std::int64_t atMost) {
+std::vector<FetchedRow> readRows(OpenDatabase& database, Statement& statement,
+                                 std::int64_t atMost) {
   std::vector<FetchedRow> rows;
-  if (!statement) return rows;
   rows.reserve(static_cast<std::size_t>(std::clamp<std::int64_t>(atMost, 0, kMostRowsReserved)));
   RowReader reader(statement);
-  while (statement.stepsToRow()) rows.emplace_back(statement.integer(0), reader);
+  database.forEachRow(statement, [&] { rows.emplace_back(statement.integer(0), reader); });
   return rows;
 }
 
@@ -72,15 +72,13 @@ int bindAll(Statement& statement, int index, const std::vector<Bind>& binds) {
 }
 
 // Prepares `prefix` followed by the statement of matchingSeqs().
-Statement prepareMatching(OpenDatabase* database, const char* prefix, const LogQuery& query,
-                          std::int64_t after) {
-  const auto [clause, binds] = query.compile();
-  Statement statement = prepare(
-      database,
-      fmt::format("{}SELECT seq FROM events WHERE seq > ? AND {} ORDER BY seq", prefix, clause));
+Statement prepareMatching(OpenDatabase& database, const char* prefix,
+                          const LogQuery::Compiled& query, std::int64_t after) {
+  Statement statement = database.prepare(fmt::format(
+      "{}SELECT seq FROM events WHERE seq > ? AND {} ORDER BY seq", prefix, query.clause));
   if (statement) {
     statement.bind(1, after);
-    bindAll(statement, 2, binds);
+    bindAll(statement, 2, query.binds);
   }
   return statement;
 }
@@ -93,23 +91,36 @@ std::int32_t limitParameter(std::int64_t limit) {
 }  // namespace
 
 std::int64_t EventStore::minSeq() {
-  return scalar(database_.get(), "SELECT min(seq) FROM events");
+  return reading(database_.get(),
+                 [](OpenDatabase& db) { return db.scalar("SELECT min(seq) FROM events"); });
 }
 
 std::int64_t EventStore::maxSeq() {
-  return scalar(database_.get(), "SELECT max(seq) FROM events");
+  return reading(database_.get(),
+                 [](OpenDatabase& db) { return db.scalar("SELECT max(seq) FROM events"); });
 }
 
 std::int64_t EventStore::count() {
-  return scalar(database_.get(), "SELECT count(*) FROM events");
+  return reading(database_.get(),
+                 [](OpenDatabase& db) { return db.scalar("SELECT count(*) FROM events"); });
 }
 
 std::int64_t EventStore::countMatching(const LogQuery& query) {
-  const auto [clause, binds] = rewrittenForCapabilities(query).compile();
-  Statement statement = prepare(database_.get(), "SELECT count(*) FROM events WHERE " + clause);
-  if (!statement) return 0;
-  bindAll(statement, 1, binds);
-  return statement.stepsToRow() ? statement.integer(0) : 0;
+  // A clause this short is far from every limit of SQLite.
+  constexpr std::size_t kShortClause = 256;
+  const auto compiled = rewrittenForCapabilities(query).compile();
+  return reading(database_.get(), [&](OpenDatabase& db) {
+    std::int64_t count = 0;
+    // The statement of the list is a level deeper. If SQLite refuses it, the count fails as well.
+    if (compiled.clause.size() > kShortClause && !prepareMatching(db, "", compiled, 0)) {
+      db.noteFailure();
+      return count;
+    }
+    Statement statement = db.prepare("SELECT count(*) FROM events WHERE " + compiled.clause);
+    if (statement) bindAll(statement, 1, compiled.binds);
+    db.forEachRow(statement, [&] { count = statement.integer(0); });
+    return count;
+  });
 }
 
 LogQuery EventStore::rewrittenForCapabilities(const LogQuery& query) const {
@@ -118,38 +129,44 @@ LogQuery EventStore::rewrittenForCapabilities(const LogQuery& query) const {
 }
 
 std::vector<std::int64_t> EventStore::matchingSeqs(const LogQuery& query, std::int64_t after) {
-  std::vector<std::int64_t> seqs;
-  Statement statement =
-      prepareMatching(database_.get(), "", rewrittenForCapabilities(query), after);
-  if (!statement) return seqs;
-  while (statement.stepsToRow()) seqs.push_back(statement.integer(0));
-  return seqs;
+  const auto compiled = rewrittenForCapabilities(query).compile();
+  return reading(database_.get(), [&](OpenDatabase& db) {
+    std::vector<std::int64_t> seqs;
+    Statement statement = prepareMatching(db, "", compiled, after);
+    db.forEachRow(statement, [&] { seqs.push_back(statement.integer(0)); });
+    return seqs;
+  });
 }
 
 std::vector<std::string> EventStore::matchingSeqsQueryPlan(const LogQuery& query,
                                                            std::int64_t after) {
   constexpr int kDetailColumn = 3;
-  std::vector<std::string> details;
-  Statement statement = prepareMatching(database_.get(), "EXPLAIN QUERY PLAN ",
-                                        rewrittenForCapabilities(query), after);
-  if (!statement) return details;
-  while (statement.stepsToRow()) {
-    if (auto detail = statement.optionalText(kDetailColumn)) details.push_back(std::move(*detail));
-  }
-  return details;
+  const auto compiled = rewrittenForCapabilities(query).compile();
+  return reading(database_.get(), [&](OpenDatabase& db) {
+    std::vector<std::string> details;
+    Statement statement = prepareMatching(db, "EXPLAIN QUERY PLAN ", compiled, after);
+    db.forEachRow(statement, [&] {
+      if (auto detail = statement.optionalText(kDetailColumn)) {
+        details.push_back(std::move(*detail));
+      }
+    });
+    return details;
+  });
 }
 
 std::vector<FetchedRow> EventStore::fetchRange(std::int64_t first, std::int64_t last) {
-  Statement statement = prepare(
-      database_.get(),
-      fmt::format("SELECT {} FROM events WHERE seq BETWEEN ? AND ? ORDER BY seq", kRecordColumns));
-  if (!statement) return {};
-  statement.bind(1, first);
-  statement.bind(2, last);
   // The bounds may be the ends of the range of 64 bits; last - first must not overflow.
   const bool isShort =
       first <= last && (first >= 0 || last < 0) && last - first < kMostRowsReserved;
-  return readRows(statement, isShort ? last - first + 1 : 0);
+  return reading(database_.get(), [&](OpenDatabase& db) {
+    Statement statement = db.prepare(fmt::format(
+        "SELECT {} FROM events WHERE seq BETWEEN ? AND ? ORDER BY seq", kRecordColumns));
+    if (statement) {
+      statement.bind(1, first);
+      statement.bind(2, last);
+    }
+    return readRows(db, statement, isShort ? last - first + 1 : 0);
+  });
 }
 
 std::vector<FetchedRow> EventStore::fetch(std::span<const std::int64_t> seqs) {
@@ -157,13 +174,15 @@ std::vector<FetchedRow> EventStore::fetch(std::span<const std::int64_t> seqs) {
   std::string placeholders = "?";
   placeholders.reserve(seqs.size() * 2);
   for (std::size_t i = 1; i < seqs.size(); ++i) placeholders += ",?";
-  Statement statement =
-      prepare(database_.get(), fmt::format("SELECT {} FROM events WHERE seq IN ({}) ORDER BY seq",
-                                           kRecordColumns, placeholders));
-  if (!statement) return {};
-  int index = 1;
-  for (const auto seq : seqs) statement.bind(index++, seq);
-  return readRows(statement, static_cast<std::int64_t>(seqs.size()));
+  return reading(database_.get(), [&](OpenDatabase& db) {
+    Statement statement = db.prepare(fmt::format(
+        "SELECT {} FROM events WHERE seq IN ({}) ORDER BY seq", kRecordColumns, placeholders));
+    if (statement) {
+      int index = 1;
+      for (const auto seq : seqs) statement.bind(index++, seq);
+    }
+    return readRows(db, statement, static_cast<std::int64_t>(seqs.size()));
+  });
 }
 
 std::vector<std::string> EventStore::distinctValues(const StoreColumn& column,
@@ -183,38 +202,36 @@ std::vector<std::string> EventStore::distinctValues(const StoreColumn& column,
     conditions += fmt::format(" AND {} LIKE ? ESCAPE '\\'", name);
     binds.push_back(Bind::text(LogQuery::escapeLike(*prefix) + "%"));
   }
-  Statement statement = prepare(
-      database_.get(),
-      fmt::format(
-          "SELECT {0} FROM events WHERE {1} GROUP BY {0} ORDER BY count(*) DESC, {0} ASC LIMIT ?",
-          name, conditions));
-  std::vector<std::string> values;
-  if (!statement) return values;
-  statement.bindInt32(bindAll(statement, 1, binds), limitParameter(limit));
-  while (statement.stepsToRow()) {
-    if (auto value = statement.optionalText(0)) values.push_back(std::move(*value));
-  }
-  return values;
+  return reading(database_.get(), [&](OpenDatabase& db) {
+    std::vector<std::string> values;
+    Statement statement = db.prepare(fmt::format(
+        "SELECT {0} FROM events WHERE {1} GROUP BY {0} ORDER BY count(*) DESC, {0} ASC LIMIT ?",
+        name, conditions));
+    if (statement) statement.bindInt32(bindAll(statement, 1, binds), limitParameter(limit));
+    db.forEachRow(statement, [&] {
+      if (auto value = statement.optionalText(0)) values.push_back(std::move(*value));
+    });
+    return values;
+  });
 }
 
 std::vector<ValueCount> EventStore::distinctValuesWithCounts(const StoreColumn& column,
                                                              std::int64_t limit) {
   if (!std::holds_alternative<StoreColumn::Slot>(column.value())) return {};
-  Statement statement = prepare(
-      database_.get(),
-      fmt::format(
-          "SELECT {0}, count(*) FROM events WHERE {0} IS NOT NULL AND {0} <> '' GROUP BY {0} "
-          "ORDER BY count(*) DESC, {0} ASC LIMIT ?",
-          column.sql()));
-  std::vector<ValueCount> values;
-  if (!statement) return values;
-  statement.bindInt32(1, limitParameter(limit));
-  while (statement.stepsToRow()) {
-    if (auto value = statement.optionalText(0)) {
-      values.push_back({std::move(*value), statement.integer(1)});
-    }
-  }
-  return values;
+  return reading(database_.get(), [&](OpenDatabase& db) {
+    std::vector<ValueCount> values;
+    Statement statement = db.prepare(fmt::format(
+        "SELECT {0}, count(*) FROM events WHERE {0} IS NOT NULL AND {0} <> '' GROUP BY {0} "
+        "ORDER BY count(*) DESC, {0} ASC LIMIT ?",
+        column.sql()));
+    if (statement) statement.bindInt32(1, limitParameter(limit));
+    db.forEachRow(statement, [&] {
+      if (auto value = statement.optionalText(0)) {
+        values.push_back({std::move(*value), statement.integer(1)});
+      }
+    });
+    return values;
+  });
 }
 
 }  // namespace runeflow

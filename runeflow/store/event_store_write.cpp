@@ -1,5 +1,6 @@
-#include <algorithm>
+#include <array>
 #include <cmath>
+#include <expected>
 #include <limits>
 #include <utility>
 
@@ -30,17 +31,16 @@ void bindContext(Statement& statement, const std::optional<LogRow::Context>& ctx
 
 // Without its full-text statement (the file was made by an SQLite without FTS5) rows are stored and
 // not indexed.
-bool prepareInserts(OpenDatabase& database, bool ftsAvailable) {
-  auto& [connection, insertRow, insertFullText, hasLogged] = database;
-  if (!insertRow) insertRow = connection.prepare(kInsertRow);
-  if (ftsAvailable && !insertFullText) insertFullText = connection.prepare(kInsertFullText);
-  return static_cast<bool>(insertRow);
+bool prepareInserts(OpenDatabase& db, bool ftsAvailable) {
+  if (!db.insertRow) db.insertRow = db.prepare(kInsertRow);
+  if (ftsAvailable && !db.insertFullText) db.insertFullText = db.prepare(kInsertFullText);
+  return static_cast<bool>(db.insertRow);
 }
 
-std::int64_t storableMicroseconds(OpenDatabase& database, Timestamp timestamp) {
+std::int64_t storableMicroseconds(OpenDatabase& db, Timestamp timestamp) {
   if (const auto microseconds = microsecondsSinceEpoch(timestamp)) return *microseconds;
   const double seconds = timestamp.time_since_epoch().count();
-  if (!std::exchange(database.hasLoggedClampedTimestamp, true)) {
+  if (!std::exchange(db.hasLoggedClampedTimestamp, true)) {
     AppLog::logError(AppLog::store(),
                      "insert: a timestamp of {} s cannot be stored and was clamped", seconds);
   }
@@ -49,11 +49,23 @@ std::int64_t storableMicroseconds(OpenDatabase& database, Timestamp timestamp) {
   return seconds > 0 ? kFarthest : -kFarthest;
 }
 
+// An estimate on the safe side: SQLite adds a few bytes for each column, JSON escapes take up to
+// six bytes for one.
+std::int64_t storedSize(const LogRow& row) {
+  constexpr std::size_t kOverhead = 1024;
+  constexpr std::size_t kLongestEscape = 6;
+  std::size_t size = kOverhead + row.message().size();
+  for (const auto& slot : row.slots()) size += slot ? slot->size() : 0;
+  if (!row.ctx()) return static_cast<std::int64_t>(size);
+  for (const auto& [key, value] : *row.ctx()) size += kLongestEscape * (key.size() + value.size());
+  return static_cast<std::int64_t>(size);
+}
+
 // Statements are reset before use, not after, because a failed batch leaves them where they were.
-bool writeRow(OpenDatabase& database, const LogRow& row) {
-  auto& [connection, insertRow, insertFullText, hasLogged] = database;
+bool writeRow(OpenDatabase& db, const LogRow& row) {
+  auto& insertRow = db.insertRow;
   insertRow.reset();
-  insertRow.bind(1, storableMicroseconds(database, row.timestamp()));
+  insertRow.bind(1, storableMicroseconds(db, row.timestamp()));
   insertRow.bind(2, rawValue(row.level()));
   for (int slot = 0; slot < static_cast<int>(LogRow::slotCount); ++slot) {
     insertRow.bind(kFirstSlotParameter + slot, row.slot(slot));
@@ -62,64 +74,115 @@ bool writeRow(OpenDatabase& database, const LogRow& row) {
   bindContext(insertRow, row.ctx());
   if (!insertRow.stepsToEnd()) return false;
 
+  auto& insertFullText = db.insertFullText;
   if (!insertFullText) return true;
   insertFullText.reset();
-  insertFullText.bind(1, connection.lastInsertRowId());
+  insertFullText.bind(1, db.connection.lastInsertRowId());
   insertFullText.bind(2, row.message());
   return insertFullText.stepsToEnd();
 }
 
-// A row that a trim deletes. The full-text index has no content of its own: to delete an entry, it
-// must be given the message that it indexed.
-struct TrimmedRow {
-  std::int64_t seq;
-  std::optional<std::string> message;
+// Writes the rows and returns how many it left out. Absent if a write failed.
+std::optional<std::int64_t> writeRows(OpenDatabase& db, std::span<const LogRow> rows) {
+  const auto largest = db.connection.largestRecord();
+  std::int64_t leftOut = 0;
+  for (const auto& row : rows) {
+    if (const auto size = storedSize(row); size > largest) {
+      AppLog::logError(AppLog::store(), "insert: dropped a record of {} bytes; SQLite takes {}",
+                       size, largest);
+      ++leftOut;
+    } else if (!writeRow(db, row)) {
+      return std::nullopt;
+    }
+  }
+  return leftOut;
+}
+
+struct TrimLimits {
+  std::int64_t records;
+  std::int64_t messageBytes = std::numeric_limits<std::int64_t>::max();
+  bool keepsNewest = false;
 };
 
-std::vector<TrimmedRow> oldestRows(Connection& connection, std::int32_t chunk) {
-  std::vector<TrimmedRow> rows;
-  Statement oldest = connection.prepare("SELECT seq, message FROM events ORDER BY seq LIMIT ?");
-  if (!oldest) return rows;
-  oldest.bindInt32(1, chunk);
-  while (oldest.stepsToRow()) rows.push_back({oldest.integer(0), oldest.optionalText(1)});
-  return rows;
-}
+struct Trimmed {
+  std::int64_t count = 0;
+  std::int64_t lastSeq = 0;
+};
 
-bool deleteFromIndex(Connection& connection, const std::vector<TrimmedRow>& rows) {
-  Statement remove = connection.prepare(
-      "INSERT INTO events_fts(events_fts, rowid, message) VALUES('delete', ?, ?)");
-  if (!remove) return false;
-  for (const auto& row : rows) {
-    remove.reset();
-    remove.bind(1, row.seq);
-    remove.bind(2, row.message);
-    if (!remove.stepsToEnd()) return false;
+// Deletes the entries of the oldest rows from the full-text index. The index has no content of its
+// own: to delete an entry, it must be given the message that it indexed. The error is taken before
+// the statements are finalized, which replaces it.
+std::expected<Trimmed, StoreError> deleteFromIndex(OpenDatabase& db, const TrimLimits& limits,
+                                                   bool ftsAvailable) {
+  Statement oldest = db.prepare("SELECT seq, message FROM events ORDER BY seq LIMIT ?");
+  if (!oldest) return std::unexpected(db.presentError());
+  oldest.bind(1, limits.records);
+  Statement remove;
+  if (ftsAvailable) {
+    remove =
+        db.prepare("INSERT INTO events_fts(events_fts, rowid, message) VALUES('delete', ?, ?)");
+    if (!remove) return std::unexpected(db.presentError());
   }
-  return true;
+  const auto newest = limits.keepsNewest ? db.scalar("SELECT max(seq) FROM events")
+                                         : std::numeric_limits<std::int64_t>::max();
+  Trimmed trimmed;
+  std::int64_t bytes = 0;
+  while (bytes < limits.messageBytes) {
+    const auto step = oldest.step();
+    if (step == Statement::Step::error) return std::unexpected(db.presentError());
+    if (step == Statement::Step::done || oldest.integer(0) >= newest) break;
+    std::array<std::optional<std::string_view>, 1> message;
+    oldest.readTexts(1, message);
+    if (remove) {
+      remove.reset();
+      remove.bind(1, oldest.integer(0));
+      remove.bind(2, message[0]);
+      if (!remove.stepsToEnd()) return std::unexpected(db.presentError());
+    }
+    bytes += static_cast<std::int64_t>(message[0].value_or("").size());
+    trimmed = {trimmed.count + 1, oldest.integer(0)};
+  }
+  return trimmed;
 }
 
-bool deleteUpTo(Connection& connection, std::int64_t seq) {
-  Statement remove = connection.prepare("DELETE FROM events WHERE seq <= ?");
+bool deleteUpTo(OpenDatabase& db, std::int64_t seq) {
+  Statement remove = db.prepare("DELETE FROM events WHERE seq <= ?");
   if (!remove) return false;
   remove.bind(1, seq);
   return remove.stepsToEnd();
 }
 
-// Returns how many rows it deleted.
-std::size_t deleteOldest(Connection& connection, std::int32_t chunk, bool ftsAvailable) {
-  const auto rows = oldestRows(connection, chunk);
-  if (rows.empty()) return 0;
-  Transaction transaction(connection);
-  if (!transaction.began()) {
-    AppLog::logError(AppLog::store(), "trim: BEGIN failed: {}", connection.errorText());
-    return 0;
+std::int64_t usedBytesOf(OpenDatabase& db) {
+  const auto pages = db.scalar("PRAGMA page_count") - db.scalar("PRAGMA freelist_count");
+  return pages * db.scalar("PRAGMA page_size");
+}
+
+std::int64_t failTrim(OpenDatabase& db, const char* step, StoreError error) {
+  AppLog::logError(AppLog::store(), "trim: {}: {}", step, error.text);
+  if (error.fault == StoreFault::damaged && !std::exchange(db.hasLoggedDamage, true)) {
+    AppLog::logError(AppLog::store(),
+                     "trim: the full-text index is damaged; rebuild it with: runeflow check "
+                     "--repair {}",
+                     db.path);
   }
-  const bool isDeleted = (!ftsAvailable || deleteFromIndex(connection, rows)) &&
-                         deleteUpTo(connection, rows.back().seq);
-  if (isDeleted && transaction.commit()) return rows.size();
-  AppLog::logError(AppLog::store(), "trim: delete failed, rolling back: {}",
-                   connection.errorText());
+  db.note(std::move(error));
   return 0;
+}
+
+// Deletes oldest rows while the used bytes are not below `toUsedBytes`, and returns how many. Other
+// connections may trim or clear at the same time, so the rows are read within the write transaction
+// that deletes them.
+std::int64_t trim(OpenDatabase& db, std::int64_t toUsedBytes, const TrimLimits& limits,
+                  bool ftsAvailable) {
+  if (toUsedBytes < 1 || usedBytesOf(db) < toUsedBytes) return 0;
+  Transaction transaction(db.connection, "BEGIN IMMEDIATE;");
+  if (!transaction.began()) return failTrim(db, "BEGIN failed", db.presentError());
+  if (usedBytesOf(db) < toUsedBytes) return 0;  // trimmed by another connection
+  const auto trimmed = deleteFromIndex(db, limits, ftsAvailable);
+  if (!trimmed) return failTrim(db, "delete failed, rolling back", trimmed.error());
+  if (trimmed->count == 0) return 0;
+  if (deleteUpTo(db, trimmed->lastSeq) && transaction.commit()) return trimmed->count;
+  return failTrim(db, "delete failed, rolling back", db.presentError());
 }
 
 }  // namespace
@@ -128,43 +191,101 @@ void EventStore::insert(std::span<const LogRow> rows) {
   if (rows.empty() || !database_) return;
   auto& connection = database_->connection;
   const auto failed = [&](std::string_view step) {
+    database_->noteFailure();
     AppLog::logError(AppLog::store(), "insert: {}, dropped {} rows: {}", step, rows.size(),
                      connection.errorText());
   };
   if (!prepareInserts(*database_, ftsAvailable_)) return failed("statement unavailable");
   Transaction transaction(connection);
   if (!transaction.began()) return failed("BEGIN failed");
-  const auto write = [this](const LogRow& row) { return writeRow(*database_, row); };
-  if (!std::ranges::all_of(rows, write) || !transaction.commit()) return failed("write failed");
-  insertedRows_ += static_cast<std::int64_t>(rows.size());
+  const auto leftOut = writeRows(*database_, rows);
+  if (!leftOut || !transaction.commit()) {
+    failed("write failed");
+    // A statement that met a lock stays active. It would hold its old view of the database, and no
+    // later transaction of this connection could write.
+    for (auto* kept : {&database_->insertRow, &database_->insertFullText}) {
+      if (*kept) kept->reset();
+    }
+    return;
+  }
+  insertedRows_ += static_cast<std::int64_t>(rows.size()) - *leftOut;
 }
 
 void EventStore::clear() {
-  if (!database_)
-    return AppLog::logError(AppLog::store(), "clear: DELETE failed: no database handle");
+  const auto failed = [&](const std::string& text) {
+    AppLog::logError(AppLog::store(), "clear: DELETE failed: {}", text);
+  };
+  if (!database_) return failed("no database handle");
   auto& connection = database_->connection;
-  if (!connection.execute("DELETE FROM events;")) {
-    AppLog::logError(AppLog::store(), "clear: DELETE failed: {}", connection.errorText());
-  }
+  const auto note = [&] {
+    database_->noteFailure();
+    failed(connection.errorText());
+  };
+  // One transaction: a batch between the two statements would be stored and never be found, and
+  // index entries without rows would be found in later rows.
+  Transaction transaction(connection, "BEGIN IMMEDIATE;");
+  if (!transaction.began()) return note();
+  if (!connection.execute("DELETE FROM events;")) note();
   if (ftsAvailable_) {
     connection.execute("INSERT INTO events_fts(events_fts) VALUES('delete-all');");
   }
+  if (!transaction.commit()) note();
 }
 
 std::optional<std::int64_t> EventStore::trimOldest(std::int64_t toUsedBytes, std::int64_t chunk) {
   // SQLite takes a negative LIMIT for no limit.
   if (chunk < 1 || chunk > std::numeric_limits<std::int32_t>::max()) return std::nullopt;
-  if (!database_ || toUsedBytes < 1 || usedBytes() < toUsedBytes) return std::nullopt;
-  if (deleteOldest(database_->connection, static_cast<std::int32_t>(chunk), ftsAvailable_) == 0) {
-    return std::nullopt;
-  }
+  if (!database_ || trim(*database_, toUsedBytes, {chunk}, ftsAvailable_) == 0) return std::nullopt;
   return minSeq();
 }
 
+std::int64_t EventStore::trimWithin(std::int64_t toUsedBytes, std::int64_t mostRecords,
+                                    std::int64_t mostMessageBytes) {
+  if (!database_ || mostRecords < 1) return 0;
+  return trim(*database_, toUsedBytes, {mostRecords, mostMessageBytes, true}, ftsAvailable_);
+}
+
 std::int64_t EventStore::usedBytes() {
-  const auto pages = scalar(database_.get(), "PRAGMA page_count");
-  const auto freePages = scalar(database_.get(), "PRAGMA freelist_count");
-  return (pages - freePages) * scalar(database_.get(), "PRAGMA page_size");
+  return reading(database_.get(), usedBytesOf);
+}
+
+std::int64_t EventStore::logBytes() const {
+  return database_ ? sizeOfFile(database_->path + "-wal").value_or(0) : 0;
+}
+
+bool EventStore::emptyLog(std::chrono::milliseconds wait) {
+  if (!database_) return false;
+  const Connection::LockWait limit = wait.count();
+  database_->connection.waitForLocks(limit);
+  const bool isEmpty = database_->connection.emptyLog();
+  database_->connection.waitForLocks(*database_->lockWait);
+  return isEmpty;
+}
+
+StoreCheck EventStore::check() {
+  StoreCheck found;
+  if (!database_) return found;
+  Statement faults = database_->prepare("PRAGMA integrity_check(100)");
+  database_->forEachRow(faults, [&] {
+    auto text = faults.optionalText(0).value_or("");
+    if (text != "ok") found.faults.push_back(std::move(text));
+  });
+  auto& connection = database_->connection;
+  Transaction transaction(connection);  // rolled back: the check is a command that writes nothing
+  if (!connection.prepare(kInsertFullText)) return found;
+  found.isFullTextChecked = true;
+  if (!connection.execute(
+          "INSERT INTO events_fts(events_fts, rank) VALUES('integrity-check', 1);")) {
+    found.isFullTextChecked =
+        faultOf(connection) != StoreFault::readOnly && faultOf(connection) != StoreFault::locked;
+    found.fullTextFault = connection.errorText();
+  }
+  return found;
+}
+
+bool EventStore::rebuildFullText() {
+  return database_ &&
+         database_->connection.execute("INSERT INTO events_fts(events_fts) VALUES('rebuild');");
 }
 
 }  // namespace runeflow

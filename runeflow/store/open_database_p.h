@@ -1,30 +1,115 @@
-// What an EventStore keeps of SQLite while it is open.
+// What an EventStore keeps of SQLite while it is open: the connection, what it knows of the file,
+// and the first failure that nobody has asked for yet.
 #pragma once
 
-#include <cstdint>
-#include <string>
+#include <sys/types.h>
 
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "runeflow/store/event_store.h"
 #include "runeflow/store/sqlite_p.h"
 
 namespace runeflow {
 
-struct OpenDatabase {
+// How a database file looks from outside.
+struct FileState {
+  dev_t device = 0;
+  ino_t inode = 0;  // 0 if there is no such file
+  off_t size = 0;
+  std::int64_t modified = 0;  // nanoseconds since 1970
+  bool hasLog = false;        // a write-ahead log or a rollback journal lies beside it
+
+  static FileState of(const std::string& path);
+
+  bool isSameFile(const FileState& other) const {
+    return device == other.device && inode == other.inode;
+  }
+  bool operator==(const FileState&) const = default;
+};
+
+class OpenDatabase {
+ public:
+  // Both return null if the file cannot be opened. SQLite reads it at the first statement only.
+  static std::unique_ptr<OpenDatabase> forWriting(const std::string& path, bool create);
+
+  // Never creates or changes a file. Without a write-ahead log beside it, the file is read as one
+  // that nobody changes, and reading() notices if somebody does.
+  static std::unique_ptr<OpenDatabase> forReading(const std::string& path);
+
+  Statement prepare(const std::string& sql) { return connection.prepare(sql); }
+
+  // Calls `use` at every row. A statement that cannot be prepared, and a step that fails, is noted.
+  template <class Use>
+  void forEachRow(Statement& statement, Use use) {
+    if (!statement) return noteFailure();
+    for (;;) {
+      const auto step = statement.step();
+      if (step == Statement::Step::done) return;
+      if (step == Statement::Step::error) return noteFailure();
+      use();
+    }
+  }
+
+  // Returns the first column of the last row as an integer, or 0 if there is none.
+  std::int64_t scalar(const std::string& sql) {
+    std::int64_t value = 0;
+    Statement statement = prepare(sql);
+    forEachRow(statement, [&] { value = statement.integer(0); });
+    return value;
+  }
+
+  // SQLite's error of the last call. The next call, also one that finalizes, may replace it.
+  StoreError presentError() const;
+
+  // Keeps an error for takeError() unless an earlier one is kept.
+  void note(StoreError error);
+  void noteFailure() { note(presentError()); }
+
+  // Opens the file anew if it was read as one that nobody changes and has changed, or if the last
+  // read failed and the file has changed. Returns whether it did.
+  bool reopenIfChanged(bool hasFailed);
+
+  std::string path;
+  std::shared_ptr<Connection::LockWait> lockWait = std::make_shared<Connection::LockWait>(5000);
   Connection connection;
   Statement insertRow;  // prepared by the first insert, kept until the store closes
   Statement insertFullText;
+  bool isForReading = false;
+  FileState openedAs;
+  std::optional<StoreError> failure;  // the first since takeError()
+  bool isUnwatched = false;           // read without locks, as a file that nobody changes
+  bool isInSnapshot = false;
   bool hasLoggedClampedTimestamp = false;
+  bool hasLoggedDamage = false;
+
+ private:
+  bool openForReading();
 };
 
-// The next two take a null pointer for a closed store, on which every statement fails.
+StoreFault faultOf(const Connection& connection);
 
-inline Statement prepare(OpenDatabase* database, const std::string& sql) {
-  return database ? database->connection.prepare(sql) : Statement();
-}
+// Returns the size of a file in bytes; absent if there is none.
+std::optional<std::int64_t> sizeOfFile(const std::string& path);
 
-// Returns the first column of the first row as an integer, or 0 if there is none.
-inline std::int64_t scalar(OpenDatabase* database, const std::string& sql) {
-  Statement statement = prepare(database, sql);
-  return statement && statement.stepsToRow() ? statement.integer(0) : 0;
+// Runs a read. If the file was read as one that nobody changes and has changed meanwhile, opens it
+// anew and repeats the read. A closed store (null) reads nothing.
+template <class Read>
+auto reading(OpenDatabase* database, Read read) -> decltype(read(*database)) {
+  if (!database) return {};
+  for (int attempt = 1;; ++attempt) {
+    constexpr int kMostAttempts = 5;
+    auto before = std::exchange(database->failure, std::nullopt);
+    auto result = read(*database);
+    const bool isFinal =
+        attempt == kMostAttempts || !database->reopenIfChanged(database->failure.has_value());
+    if (before || !isFinal) database->failure = std::move(before);
+    if (isFinal) return result;
+  }
 }
 
 }  // namespace runeflow

@@ -9,14 +9,6 @@
 namespace runeflow {
 namespace {
 
-// SQLite built with SQLITE_USE_URI parses a name that begins with "file:" as a URI, and ":memory:"
-// names a database in memory.
-std::string asFileName(const std::string& path) {
-  return path.starts_with("file:") || path == ":memory:" ? "./" + path : path;
-}
-
-constexpr int kBusyMilliseconds = 5000;
-
 // Returns absence for NULL; the view is valid until the next step. Reading text and length from the
 // value, not through the statement, saves a fifth of the time of fetching a record. Two threads
 // must not read such a value at once; no statement is used by two threads.
@@ -33,15 +25,20 @@ void Statement::Finalize::operator()(sqlite3_stmt* statement) const {
   sqlite3_finalize(statement);
 }
 
+void Statement::noteBind(int result) {
+  if (result != SQLITE_OK) isBound_ = false;
+}
+
 void Statement::bind(int index, std::int64_t value) {
-  sqlite3_bind_int64(handle_.get(), index, value);
+  noteBind(sqlite3_bind_int64(handle_.get(), index, value));
 }
 
 void Statement::bind(int index, const std::optional<std::string_view>& text) {
   if (!text) return bindNull(index);
   const char* bytes = text->data() ? text->data() : "";  // SQLite takes a null pointer for NULL
-  sqlite3_bind_text64(handle_.get(), index, bytes, text->substr(0, text->find('\0')).size(),
-                      SQLITE_TRANSIENT, SQLITE_UTF8);
+  noteBind(sqlite3_bind_text64(handle_.get(), index, bytes,
+                               text->substr(0, text->find('\0')).size(), SQLITE_TRANSIENT,
+                               SQLITE_UTF8));
 }
 
 void Statement::bind(int index, const Bind& value) {
@@ -49,14 +46,15 @@ void Statement::bind(int index, const Bind& value) {
 }
 
 void Statement::bindInt32(int index, std::int32_t value) {
-  sqlite3_bind_int(handle_.get(), index, value);
+  noteBind(sqlite3_bind_int(handle_.get(), index, value));
 }
 
 void Statement::bindNull(int index) {
-  sqlite3_bind_null(handle_.get(), index);
+  noteBind(sqlite3_bind_null(handle_.get(), index));
 }
 
 Statement::Step Statement::step() {
+  if (!isBound_) return Step::error;
   const int result = sqlite3_step(handle_.get());
   if (result == SQLITE_ROW) return Step::row;
   return result == SQLITE_DONE ? Step::done : Step::error;
@@ -64,6 +62,7 @@ Statement::Step Statement::step() {
 
 void Statement::reset() {
   sqlite3_reset(handle_.get());
+  isBound_ = true;
 }
 
 std::int64_t Statement::integer(int column) const {
@@ -83,14 +82,23 @@ void Connection::Close::operator()(sqlite3* connection) const {
   sqlite3_close_v2(connection);
 }
 
-Connection Connection::open(const std::string& path, int flags) {
+Connection Connection::open(const std::string& name, int flags) {
   sqlite3* handle = nullptr;
-  const int result = sqlite3_open_v2(asFileName(path).c_str(), &handle, flags, nullptr);
+  const int result = sqlite3_open_v2(name.c_str(), &handle, flags | SQLITE_OPEN_NOMUTEX, nullptr);
   Connection connection;
   connection.handle_.reset(handle);  // a failed open may leave a handle that must be closed
-  if (result != SQLITE_OK) return {};
-  sqlite3_busy_timeout(handle, kBusyMilliseconds);
-  return connection;
+  return result == SQLITE_OK ? std::move(connection) : Connection();
+}
+
+void Connection::waitForLocks(const LockWait& wait) {
+  constexpr int kPause = 5;  // milliseconds
+  const auto waitOnceMore = [](void* limit, int pauses) {
+    if (std::int64_t{pauses} * kPause >= static_cast<const LockWait*>(limit)->load()) return 0;
+    sqlite3_sleep(kPause);
+    return 1;
+  };
+  // SQLite passes the pointer through and does not write to it.
+  sqlite3_busy_handler(handle_.get(), waitOnceMore, const_cast<LockWait*>(&wait));
 }
 
 bool Connection::execute(const char* sql) {
@@ -108,6 +116,15 @@ std::int64_t Connection::lastInsertRowId() const {
   return handle_ ? sqlite3_last_insert_rowid(handle_.get()) : 0;
 }
 
+std::int64_t Connection::largestRecord() const {
+  return sqlite3_limit(handle_.get(), SQLITE_LIMIT_LENGTH, -1);
+}
+
+bool Connection::emptyLog() {
+  return sqlite3_wal_checkpoint_v2(handle_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr,
+                                   nullptr) == SQLITE_OK;
+}
+
 int Connection::errorCode() const {
   constexpr int kPrimaryCode = 0xff;
   return handle_ ? sqlite3_errcode(handle_.get()) & kPrimaryCode : SQLITE_MISUSE;
@@ -117,8 +134,8 @@ std::string Connection::errorText() const {
   return sqlite3_errmsg(handle_.get());
 }
 
-Transaction::Transaction(Connection& connection)
-    : connection_(connection), isOpen_(connection.execute("BEGIN;")) {}
+Transaction::Transaction(Connection& connection, const char* begin)
+    : connection_(connection), isOpen_(connection.execute(begin)) {}
 
 Transaction::~Transaction() {
   if (isOpen_) connection_.execute("ROLLBACK;");

@@ -4,6 +4,7 @@
 // SQLite's text for it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -29,7 +30,8 @@ class Statement {
 
   explicit operator bool() const { return handle_ != nullptr; }
 
-  // Parameters count from 1. Text is copied, up to its first NUL character.
+  // Parameters count from 1. Text is copied, up to its first NUL character. A value that SQLite
+  // cannot bind makes the next step fail.
   void bind(int index, std::int64_t value);
   void bind(int index, const std::optional<std::string_view>& text);  // absent binds NULL
   void bind(int index, const Bind& value);
@@ -54,7 +56,10 @@ class Statement {
     void operator()(sqlite3_stmt* statement) const;
   };
   explicit Statement(sqlite3_stmt* handle) : handle_(handle) {}
+  void noteBind(int result);
+
   std::unique_ptr<sqlite3_stmt, Finalize> handle_;
+  bool isBound_ = true;  // no bind has failed since the last reset
 };
 
 // Owns a connection and closes it. A default-constructed or moved-from object owns none, and every
@@ -63,15 +68,25 @@ class Connection {
  public:
   Connection() = default;
 
-  // `path` names a file even where SQLite would take it for something else. The connection waits up
-  // to 5 s for locks of other connections, from its first statement on.
-  static Connection open(const std::string& path, int flags);
+  // The longest wait for locks of other connections, in milliseconds. It may be changed from any
+  // thread, also while the connection waits.
+  using LockWait = std::atomic<std::int64_t>;
+
+  // `name` is a file name as SQLite reads it, or with SQLITE_OPEN_URI among the flags a URI.
+  static Connection open(const std::string& name, int flags);
+
+  // Until this is called the connection does not wait. `wait` must outlive the connection.
+  void waitForLocks(const LockWait& wait);
 
   explicit operator bool() const { return handle_ != nullptr; }
 
   bool execute(const char* sql);
   Statement prepare(const std::string& sql);
   std::int64_t lastInsertRowId() const;
+  std::int64_t largestRecord() const;  // bytes that SQLite stores in one row at most
+
+  // Moves the write-ahead log into the database and empties it. Fails if others use the log.
+  bool emptyLog();
 
   // SQLite's primary result code and text of the last call that failed. The next call on the
   // connection may replace them.
@@ -88,7 +103,8 @@ class Connection {
 // Begins a transaction when constructed and rolls it back when destroyed, unless it was committed.
 class Transaction {
  public:
-  explicit Transaction(Connection& connection);
+  // BEGIN takes the write lock with the first write, BEGIN IMMEDIATE at once.
+  explicit Transaction(Connection& connection, const char* begin = "BEGIN;");
   ~Transaction();
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
