@@ -8,14 +8,17 @@
 #include <future>
 #include <memory>
 #include <optional>
+#include <system_error>
 #include <thread>
 
 #include "commands.h"
 #include "host/database.h"
 #include "host/failure.h"
+#include "host/overlap.h"
 #include "host/stream.h"
 #include "progress.h"
 #include "pump.h"
+#include "terminal.h"
 
 namespace cli {
 
@@ -30,6 +33,10 @@ namespace {
 constexpr int kPipeSize = 1 << 20;  // large enough that reader and pump seldom wait for each other
 constexpr int kFirstRetrySeconds = 1;
 constexpr int kLastRetrySeconds = 30;
+constexpr std::int64_t kTrimBytes = std::int64_t{16} << 20;
+constexpr std::int64_t kSmallestCap = std::int64_t{4} << 20;
+constexpr std::chrono::milliseconds kLastLockWait{500};
+constexpr std::chrono::milliseconds kLookInterval{500};
 
 runeflow::Timestamp now() {
   return std::chrono::system_clock::now();
@@ -51,22 +58,23 @@ class Capture {
         session_(options.database, store_.descriptor()),
         progress_(session_, totalBytes()) {
     if (options.maxBytes) session_.setMaxBytes(*options.maxBytes);
+    session_.setTrimBytes(kTrimBytes);
+    session_.setFlushesWhenQuiet(true);
   }
 
   int run() {
-    bool hasFailed = false;
+    if (options_.isAdb && options_.reconnects && !resumes()) {
+      progress_.say(
+          "a command of your own cannot be resumed; what the device sends again after a "
+          "connection is lost is stored again");
+    }
     for (auto& stream : streams_) {
-      const auto pumped = runStream(stream);
-      if (pumped.end == StreamEnd::failed) {
-        progress_.say(
-            fmt::format("cannot read {} to its end: {}", stream.name, systemError(pumped.error)));
-        hasFailed = !options_.isLive();  // a live stream may end at any time
-      }
-      if (pumped.end == StreamEnd::interrupted) break;
+      if (!runStream(stream, std::nullopt)) break;
       if (options_.reconnects) reconnectUntilInterrupted();
     }
     progress_.summarise(options_.maxBytes ? std::optional(store_.count()) : std::nullopt);
-    return hasFailed || session_.progress().rowsLost > 0 ? 2 : 0;
+    const auto done = session_.progress();
+    return hasFailed_ || done.rowsLost > 0 || done.readersFailed > 0 ? 2 : 0;
   }
 
  private:
@@ -79,7 +87,8 @@ class Capture {
     return total;
   }
 
-  PumpResult runStream(Stream& stream) {
+  // Returns false if the capture is to end.
+  bool runStream(Stream& stream, const std::optional<host::Overlap>& stored) {
     if (!stream.note.empty()) progress_.say(stream.note);
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) fail("cannot make a pipe: {}", systemError(errno));
@@ -88,17 +97,74 @@ class Capture {
     auto finished = std::make_shared<std::promise<void>>();
     const auto whenFinished = finished->get_future();
     session_.run(
-        ends[0], [kind = stream.kind] { return kind->makeDecoder(now); },
+        ends[0],
+        [kind = stream.kind, stored] {
+          auto decoder = kind->makeDecoder(now);
+          return stored ? stored->without(std::move(decoder)) : std::move(decoder);
+        },
         [finished] { finished->set_value(); });
-    const auto pumped = pump(stream, sink.get(), interrupt_, [this] { progress_.tick(); });
+    const auto pumped = pump(stream, sink.get(), interrupt_, [this] { return tick(); });
     sink.reset();
     stream.fd.reset();
-    if (pumped.end == StreamEnd::interrupted) interrupt_.restoreSignals();
+    if (pumped.end == StreamEnd::interrupted) {
+      // What is left to do ends soon, or at once with a second Ctrl-C.
+      interrupt_.restoreSignals();
+      session_.setLockWait(kLastLockWait);
+    }
     while (whenFinished.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
       progress_.tick();
     }
-    return pumped;
+    return goesOnAfter(stream, pumped);
   }
+
+  bool goesOnAfter(const Stream& stream, const PumpResult& pumped) {
+    switch (pumped.end) {
+      case StreamEnd::ended:
+        return true;
+      case StreamEnd::interrupted:
+        return false;
+      case StreamEnd::failed:
+        progress_.say(
+            fmt::format("cannot read {} to its end: {}", stream.name, systemError(pumped.error)));
+        hasFailed_ = hasFailed_ || !stream.isLive;  // a live stream may end at any time
+        return true;
+      case StreamEnd::endless:
+        progress_.say(fmt::format("{} holds a line of more than {} MB; is it {}?", stream.name,
+                                  PumpResult::longestRecord >> 20, stream.kind->form));
+        break;
+      case StreamEnd::stopped:
+        progress_.say(
+            fmt::format("{} was deleted or replaced; what is stored from now on would be "
+                        "lost with it",
+                        options_.database));
+        break;
+      case StreamEnd::readerGone:
+        progress_.say(fmt::format("the rest of {} is not stored{}", stream.name, unread()));
+        break;
+    }
+    hasFailed_ = true;
+    return false;
+  }
+
+  // How much of files was not read, as an addition to a sentence.
+  std::string unread() const {
+    const auto total = totalBytes();
+    const auto read = session_.progress().bytesRead;
+    if (!total || *total <= read) return {};
+    return fmt::format(": {} not read", counted(*total - read, "byte"));
+  }
+
+  // Returns false if the database is gone.
+  bool tick() {
+    progress_.tick();
+    const auto now = std::chrono::steady_clock::now();
+    if (now < nextLook_) return true;
+    nextLook_ = now + kLookInterval;
+    return !store_.hasLostItsFile();
+  }
+
+  // Whether a connection that was lost can go on where it ended.
+  bool resumes() const { return options_.command == host::kLogcatCommand; }
 
   void reconnectUntilInterrupted() {
     int delay = kFirstRetrySeconds;
@@ -109,15 +175,17 @@ class Capture {
         progress_.tick();
       }
       delay = std::min(delay * 2, kLastRetrySeconds);
-      auto attempt = connectAside();
-      while (attempt.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
-        if (interrupt_.isRequested()) return;
-      }
       try {
+        std::optional<host::Overlap> stored;
+        if (options_.isAdb && resumes()) stored.emplace(store_);
+        auto attempt = connectAside(stored);
+        while (attempt.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
+          if (interrupt_.isRequested()) return;
+        }
         Stream stream = attempt.get();
         progress_.say(fmt::format("connected to {} again", stream.name));
         const auto before = session_.progress().bytesRead;
-        if (runStream(stream).end == StreamEnd::interrupted) return;
+        if (!runStream(stream, stored)) return;
         if (session_.progress().bytesRead > before) delay = kFirstRetrySeconds;
       } catch (const host::Failure& failure) {
         progress_.say(failure.what());
@@ -127,10 +195,18 @@ class Capture {
 
   // Connects on another thread, because a server may accept the connection and stay silent, and the
   // user must be able to interrupt. A thread that is left waiting ends with the process.
-  std::future<Stream> connectAside() const {
-    std::packaged_task<Stream()> connect([options = options_] { return connectLive(options); });
+  std::future<Stream> connectAside(const std::optional<host::Overlap>& stored) const {
+    auto options = options_;
+    const auto start = stored ? stored->startForLogcat() : std::nullopt;
+    if (start) options.command += fmt::format(" -T '{}'", *start);
+    std::packaged_task<Stream()> connect(
+        [options = std::move(options)] { return connectLive(options); });
     auto stream = connect.get_future();
-    std::thread(std::move(connect)).detach();
+    try {
+      std::thread(std::move(connect)).detach();
+    } catch (const std::system_error& error) {
+      fail("cannot start a thread: {}", error.code().message());
+    }
     return stream;
   }
 
@@ -140,6 +216,8 @@ class Capture {
   Interrupt interrupt_;
   CaptureSession session_;
   Progress progress_;
+  bool hasFailed_ = false;
+  std::chrono::steady_clock::time_point nextLook_;
 };
 
 std::vector<Stream> openStreams(const CaptureOptions& options) {
@@ -166,6 +244,9 @@ int capture(const CaptureOptions& options) {
                       (options.dltTarget.empty() ? 0 : 1);
   if (sources != 1) fail("name what to capture: files, -, --dlt HOST or --adb, one of them");
   if (options.reconnects && !options.isLive()) fail("--reconnect goes with --dlt or --adb");
+  if (options.maxBytes && *options.maxBytes < kSmallestCap) {
+    fail("--max-bytes is below 4M; a smaller database would hold little but its indexes");
+  }
   // A reader that ends early closes its pipe. This must end the pump, not the process.
   std::signal(SIGPIPE, SIG_IGN);
   return Capture(options, openStreams(options)).run();

@@ -186,6 +186,13 @@ void addClear(CLI::App& app, int& exitCode) {
   clear.runs(cli::clear, exitCode);
 }
 
+void addCheck(CLI::App& app, int& exitCode) {
+  Subcommand<CheckOptions> check(app, "check", "Check a database and its full-text index");
+  check.addDatabase();
+  check.addFlag("--repair", &CheckOptions::repairs, "Build the full-text index anew");
+  check.runs(cli::check, exitCode);
+}
+
 void addSources(CLI::App& app, int& exitCode) {
   Subcommand<SourcesOptions> sources(app, "sources", "List where logs can come from");
   sources.addFlag("--json", &SourcesOptions::isJson, "One JSON object a line");
@@ -200,7 +207,7 @@ int runCommandLine(int argc, char** argv) {
   app.footer("Exit codes: 0 done, 1 nothing matched, 2 a usage or input error.");
   app.set_version_flag("--version", RUNEFLOW_VERSION);
   int exitCode = 0;
-  for (auto* add : {addCapture, addQuery, addValues, addInfo, addClear, addSources}) {
+  for (auto* add : {addCapture, addQuery, addValues, addInfo, addClear, addCheck, addSources}) {
     add(app, exitCode);
   }
   try {

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "host/stream.h"
+
 namespace cli {
 
 struct CaptureOptions {
@@ -18,7 +20,7 @@ struct CaptureOptions {
   std::string dltTarget;
   std::string adbTarget;
   std::string serial;
-  std::string command = "logcat -v threadtime -b all";
+  std::string command = host::kLogcatCommand;
   bool isAdb = false;
   bool reconnects = false;
 
@@ -63,6 +65,11 @@ struct ClearOptions {
   bool isSure = false;
 };
 
+struct CheckOptions {
+  std::string database;
+  bool repairs = false;
+};
+
 struct SourcesOptions {
   bool isJson = false;
 };
@@ -72,6 +79,7 @@ int query(const QueryOptions& options);
 int values(const ValuesOptions& options);
 int info(const InfoOptions& options);
 int clear(const ClearOptions& options);
+int check(const CheckOptions& options);
 int sources(const SourcesOptions& options);
 
 }  // namespace cli

@@ -13,6 +13,7 @@
 #include "json_line.h"
 #include "level_counts.h"
 #include "record_printer.h"
+#include "runeflow/platform/app_log.h"
 #include "terminal.h"
 
 namespace cli {
@@ -42,6 +43,7 @@ std::optional<runeflow::Timestamp> timeOf(EventStore& store, std::int64_t seq) {
 }
 
 Summary summarise(EventStore& store, const std::string& path) {
+  const EventStore::Snapshot moment(store);
   const auto first = store.minSeq();
   const auto last = store.maxSeq();
   return {EventStore::inspect(path),
@@ -109,6 +111,7 @@ bool hasConsent(const std::string& path, std::int64_t records) {
 int info(const InfoOptions& options) {
   auto store = host::openDatabase(options.database, options.source);
   const auto summary = summarise(store, options.database);
+  host::failIfIncomplete(store, options.database);
   if (options.isJson) {
     printJson(options.database, summary);
   } else {
@@ -118,16 +121,14 @@ int info(const InfoOptions& options) {
 }
 
 int clear(const ClearOptions& options) {
-  auto store = host::openDatabase(options.database, options.source);
+  auto store = host::openForWriting(options.database);
   const auto records = store.count();
   if (records > 0 && !options.isSure && !hasConsent(options.database, records)) return 0;
-  const auto oldest = store.minSeq();
-  const auto newest = store.maxSeq();
+  // The reason is said below, in the words of the command.
+  runeflow::AppLog::attachSink([](const runeflow::AppLog::Line&) {});
   store.clear();
-  // A capture may have stored new records since then, with seqs from 1 on.
-  if (records > 0 && store.minSeq() == oldest && store.maxSeq() >= newest) {
-    host::fail("could not clear {}; is it read-only, or held by another program?",
-               options.database);
+  if (const auto error = store.takeError()) {
+    host::fail("could not clear {}: {}", options.database, error->text);
   }
   fmt::print(stderr, "runeflow: {} deleted\n", counted(records, "record"));
   return 0;

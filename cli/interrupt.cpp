@@ -13,14 +13,15 @@ sigset_t endingSignals() {
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGHUP);
   return signals;
 }
 
 }  // namespace
 
 Interrupt::Interrupt() {
+  blockSignals();
   const sigset_t signals = endingSignals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   fd_.reset(::signalfd(-1, &signals, SFD_CLOEXEC));
 }
 
@@ -38,8 +39,17 @@ void Interrupt::restoreSignals() const {
   while (isRequested()) {
     if (::read(fd_.get(), &taken, sizeof taken) <= 0) break;
   }
+  unblockSignals();
+}
+
+void Interrupt::unblockSignals() const {
   const sigset_t signals = endingSignals();
   pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+void Interrupt::blockSignals() const {
+  const sigset_t signals = endingSignals();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
 }  // namespace cli

@@ -5,8 +5,9 @@
 
 namespace cli {
 
-// While an object exists, SIGINT and SIGTERM do not end the process; they make fd() readable. The
-// caller must construct it before other threads start, because they inherit the blocked signals.
+// While an object exists, SIGINT, SIGTERM and SIGHUP do not end the process; they make fd()
+// readable. The caller must construct it before other threads start, because they inherit the
+// blocked signals.
 class Interrupt {
  public:
   Interrupt();
@@ -19,6 +20,10 @@ class Interrupt {
 
   // Lets the signals end the process again, for work that a second Ctrl-C may abandon.
   void restoreSignals() const;
+
+  // Between these two, the signals end the process at once, also one that came before.
+  void unblockSignals() const;
+  void blockSignals() const;
 
  private:
   runeflow::FileDescriptor fd_;

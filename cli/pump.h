@@ -2,6 +2,7 @@
 // any stream.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 
 #include "host/stream.h"
@@ -13,17 +14,22 @@ enum class StreamEnd {
   ended,
   interrupted,  // by the user
   failed,       // the stream could not be read; PumpResult::error says why
+  endless,      // a record is longer than PumpResult::longestRecord
+  stopped,      // `tick` returned false
   readerGone    // the reader has closed its end of the pipe
 };
 
 struct PumpResult {
+  static constexpr std::size_t longestRecord = std::size_t{64} << 20;  // bytes
+
   StreamEnd end;
   int error = 0;  // an errno
 };
 
 // Writes the bytes of the stream to `sink`, a blocking descriptor, until either of them ends or the
-// user interrupts. Calls `tick` a few times a second and after every piece.
+// user interrupts. Calls `tick` a few times a second and after every piece. Ends the last record of
+// a file or of standard input if the file does not.
 PumpResult pump(host::Stream& stream, int sink, const Interrupt& interrupt,
-                const std::function<void()>& tick);
+                const std::function<bool()>& tick);
 
 }  // namespace cli

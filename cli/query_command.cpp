@@ -3,8 +3,10 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <memory>
 #include <system_error>
 #include <utility>
 
@@ -25,7 +27,8 @@ using runeflow::LogQuery;
 namespace {
 
 constexpr std::size_t kPageRecords = 1'000;
-constexpr int kFollowMilliseconds = 200;
+constexpr std::int64_t kFollowLockWait = 500;  // milliseconds; Ctrl-C waits for it
+constexpr int kFollowMilliseconds = 50;
 
 // The user's pager. While it runs, Ctrl-C is left to the pager, and a pager that ends early ends
 // the printing, not the process.
@@ -107,18 +110,25 @@ bool isRenumbered(EventStore& store, const Records& newest, const Records& lates
   return !now.empty() && now != newest;
 }
 
-void follow(EventStore& store, RecordPrinter& printer, const LogQuery& query, std::int64_t after) {
+void follow(EventStore& store, RecordPrinter& printer, const LogQuery& query, std::int64_t after,
+            const std::string& path) {
   const Interrupt interrupt;
+  store.setLockWait(std::make_shared<std::atomic<std::int64_t>>(kFollowLockWait));
   Records newest;
   do {
     auto latest = recordAt(store, store.maxSeq());
-    if (latest.empty()) continue;
-    if (isRenumbered(store, newest, latest)) after = 0;
-    newest = std::move(latest);
-    const auto seqs = store.matchingSeqs(query, after);
-    printRecords(store, printer, seqs);
-    flushOutput();
-    if (!seqs.empty()) after = seqs.back();
+    if (!latest.empty() && latest != newest) {
+      if (isRenumbered(store, newest, latest)) after = 0;
+      newest = std::move(latest);
+      const auto seqs = store.matchingSeqs(query, after);
+      // A full pipe blocks the output, which Ctrl-C must be able to end.
+      interrupt.unblockSignals();
+      printRecords(store, printer, seqs);
+      flushOutput();
+      interrupt.blockSignals();
+      if (!seqs.empty()) after = seqs.back();
+    }
+    host::failIfIncomplete(store, path);
   } while (!interrupt.waitFor(kFollowMilliseconds) && hasReader(stdout));
 }
 
@@ -127,6 +137,7 @@ int count(EventStore& store, const LogQuery& query, const QueryOptions& options)
       options.after ? static_cast<std::int64_t>(store.matchingSeqs(query, *options.after).size())
                     : store.countMatching(query);
   fmt::print("{}\n", count);
+  host::failIfIncomplete(store, options.database);
   return count > 0 ? 0 : 1;
 }
 
@@ -138,7 +149,7 @@ void printTo(std::FILE* out, EventStore& store, const LogQuery& query, const Que
       out);
   printRecords(store, printer, seqs);
   if (!options.follows) return;
-  follow(store, printer, query, seqs.empty() ? followsFrom : seqs.back());
+  follow(store, printer, query, seqs.empty() ? followsFrom : seqs.back(), options.database);
 }
 
 }  // namespace
@@ -172,6 +183,7 @@ int query(const QueryOptions& options) {
   } else {
     printTo(stdout, store, parsed, options, chosen(seqs, options), followsFrom);
   }
+  host::failIfIncomplete(store, options.database);
   return seqs.empty() && !options.follows ? 1 : 0;
 }
 

@@ -4,7 +4,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -24,12 +26,14 @@ constexpr std::size_t kMostHighlightedWords = 64;
 constexpr std::size_t kLongestHighlightedWord = 128;
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 
-// Returns whole seconds since 1970, rounded down, and the microseconds after them.
+// Returns whole seconds since 1970, rounded down, and the microseconds after them. A time that is
+// stored as the nearest count to an instant beyond 64 bits reads back as a double beyond them.
 std::pair<std::time_t, std::int64_t> split(runeflow::Timestamp timestamp) {
-  const auto total = runeflow::microsecondsSinceEpoch(timestamp).value_or(0);
-  const auto fraction =
-      (total % kMicrosecondsPerSecond + kMicrosecondsPerSecond) % kMicrosecondsPerSecond;
-  return {(total - fraction) / kMicrosecondsPerSecond, fraction};
+  constexpr auto kFarthest = std::numeric_limits<std::int64_t>::max();
+  const auto nearest = timestamp.time_since_epoch().count() > 0 ? kFarthest : -kFarthest;
+  const auto total = runeflow::microsecondsSinceEpoch(timestamp).value_or(nearest);
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(std::chrono::microseconds(total));
+  return {seconds.count(), total - seconds.count() * kMicrosecondsPerSecond};
 }
 
 std::string_view levelColour(RuneflowLogLevel level) {

@@ -88,6 +88,7 @@ int values(const ValuesOptions& options) {
   const bool isLevel = field.column() == runeflow::StoreColumn::level();
   const auto counted = isLevel ? levelValues(store, matching, options)
                                : slotValues(store, field.column(), matching, options);
+  host::failIfIncomplete(store, options.database);
   printValues(counted, options.isJson);
   return counted.empty() ? 1 : 0;
 }

@@ -24,6 +24,7 @@ void requireDatabaseFile(const std::string& path) {
   if (status.type() == std::filesystem::file_type::not_found) {
     fail("{} does not exist; capture something into it first", path);
   }
+  if (error) fail("cannot read {}: {}", path, error.message());
   if (std::filesystem::is_directory(status)) fail("{} is a directory, not a database", path);
   if (!std::filesystem::is_regular_file(status)) fail("{} is not a database", path);
   std::ifstream file(path, std::ios::binary);
@@ -37,14 +38,32 @@ void requireDatabaseFile(const std::string& path) {
     fail("{} is not a database", path);
 }
 
+std::string_view adviceFor(StoreFault fault) {
+  switch (fault) {
+    case StoreFault::damaged:
+      return "; runeflow check tells more";
+    case StoreFault::readOnly:
+    case StoreFault::cannotOpen:
+      return "; check the permission of the file and its folder";
+    case StoreFault::locked:
+      return "; another program holds it";
+    case StoreFault::diskFull:
+      return "; make space on its disk";
+    case StoreFault::none:
+    case StoreFault::noEvents:
+    case StoreFault::notADatabase:
+    case StoreFault::refused:
+    case StoreFault::other:
+      return "";
+  }
+  return "";
+}
+
 runeflow::StoreInfo inspected(const std::string& path) {
   requireDatabaseFile(path);
   auto info = EventStore::inspect(path);
   if (info.fault == StoreFault::none || info.fault == StoreFault::noEvents) return info;
-  const bool mayNotWrite =
-      info.fault == StoreFault::readOnly || info.fault == StoreFault::cannotOpen;
-  fail("cannot read {}: {}{}", path, info.faultText,
-       mayNotWrite ? "; it needs write permission for the file and its folder, too" : "");
+  fail("cannot read {}: {}{}", path, info.faultText, adviceFor(info.fault));
 }
 
 EventStore openStore(const std::string& path, bool create, const SourceDescriptor& descriptor) {
@@ -72,7 +91,23 @@ EventStore openDatabase(const std::string& path, const std::string& source) {
     fail("cannot tell from its indexes what {} holds; name it with --source {}", path,
          joinKinds(&LogKind::id, " or "));
   }
-  return openStore(path, false, kind->descriptor());
+  auto store = EventStore::openForReading(path, kind->descriptor());
+  if (!store) fail("cannot open {}; check its permission", path);
+  return std::move(*store);
+}
+
+EventStore openForWriting(const std::string& path) {
+  if (inspected(path).fault == StoreFault::noEvents) {
+    fail("{} holds no log records; it was not made by runeflow", path);
+  }
+  return openStore(path, false, LogKind::logcat().descriptor());
+}
+
+void failIfIncomplete(EventStore& store, const std::string& path) {
+  if (store.hasLostItsFile()) fail("{} was deleted or replaced meanwhile; ask again", path);
+  if (const auto error = store.takeError()) {
+    fail("{} was not read completely: {}{}", path, error->text, adviceFor(error->fault));
+  }
 }
 
 void failIfRefused(EventStore& store, const runeflow::LogQuery& query, const std::string& path) {

@@ -11,9 +11,15 @@ namespace host {
 // Returns the kind of log whose indexes a store has, or null if they are those of none.
 const LogKind* kindOf(const runeflow::StoreInfo& info);
 
-// Opens a database that must exist. `source` names the kind of its records; if it is empty, the
-// indexes tell.
+// Opens a database that must exist for reads, which change no file. `source` names the kind of its
+// records; if it is empty, the indexes tell.
 runeflow::EventStore openDatabase(const std::string& path, const std::string& source);
+
+// Opens a database that must exist for changes that need not know what its records hold.
+runeflow::EventStore openForWriting(const std::string& path);
+
+// Fails if a read or write of the store was cut short since the last call.
+void failIfIncomplete(runeflow::EventStore& store, const std::string& path);
 
 // Fails if SQLite refuses the statement of the query. The library's reads return nothing then, and
 // a user should not take that for "no match".

@@ -21,9 +21,9 @@ std::unique_ptr<runeflow::RowDecoder> make(runeflow::Clock now) {
 
 // DLT comes first, because the messages of a recording may hold lines of logcat text.
 constexpr LogKind kKinds[] = {
-    {"dlt", "a DLT recording", SourceDescriptor::dlt, make<DLTDecoder>, DLTDecoder::sampleSize,
+    {"dlt", "a DLT recording", "", SourceDescriptor::dlt, make<DLTDecoder>, DLTDecoder::sampleSize,
      DLTDecoder::looksLikeRecording},
-    {"logcat", "logcat threadtime text", SourceDescriptor::logcat, make<LogcatDecoder>,
+    {"logcat", "logcat threadtime text", "\n", SourceDescriptor::logcat, make<LogcatDecoder>,
      LogcatDecoder::sampleSize, LogcatDecoder::looksLikeThreadtime},
 };
 

@@ -17,8 +17,9 @@ namespace host {
 using Bytes = std::span<const std::uint8_t>;
 
 struct LogKind {
-  std::string_view id;    // as users name it, and the id of its descriptor
-  std::string_view form;  // what a stream of this kind is, for messages
+  std::string_view id;         // as users name it, and the id of its descriptor
+  std::string_view form;       // what a stream of this kind is, for messages
+  std::string_view recordEnd;  // the bytes that end a record; empty if records carry their length
   const runeflow::SourceDescriptor& (*descriptor)();
   std::unique_ptr<runeflow::RowDecoder> (*makeDecoder)(runeflow::Clock now);
   std::size_t sampleSize;            // how many bytes of a stream `recognises` examines at most

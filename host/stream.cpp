@@ -1,10 +1,14 @@
 #include "host/stream.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <tuple>
 #include <vector>
 
 #include "host/failure.h"
@@ -48,6 +52,17 @@ void recogniseStream(Stream& stream) {
        joinKinds(&LogKind::form, " nor "), joinKinds(&LogKind::id, " or --format "));
 }
 
+// A peer that is gone without a word, such as a target without power, is noticed within a minute.
+void findDeadPeers(int socket) {
+  constexpr std::tuple<int, int, int> kOptions[] = {{SOL_SOCKET, SO_KEEPALIVE, 1},
+                                                    {IPPROTO_TCP, TCP_KEEPIDLE, 30},
+                                                    {IPPROTO_TCP, TCP_KEEPINTVL, 10},
+                                                    {IPPROTO_TCP, TCP_KEEPCNT, 3}};
+  for (const auto& [level, name, value] : kOptions) {
+    ::setsockopt(socket, level, name, &value, sizeof value);
+  }
+}
+
 ADBTransport::Device pickDevice(const std::vector<ADBTransport::Device>& devices,
                                 const std::string& serial) {
   if (devices.empty()) fail("{}", ADBTransport::ADBError::noDevices().message());
@@ -86,9 +101,11 @@ Stream connectToDlt(const std::string& target) {
   const auto [host, port] = parseTarget(target, kDltPort);
   const auto socket = runeflow::SocketTransport::connect(host, port, kDltConnectSeconds);
   if (!socket) fail("{}:{}: {}", host, port, socket.error().message());
+  findDeadPeers(*socket);
   return {.fd = FileDescriptor(*socket),
           .name = fmt::format("{}:{}", host, port),
-          .kind = &LogKind::dlt()};
+          .kind = &LogKind::dlt(),
+          .isLive = true};
 }
 
 Stream connectToAdb(const std::string& target, const std::string& serial,
@@ -101,8 +118,11 @@ Stream connectToAdb(const std::string& target, const std::string& serial,
   const auto device = pickDevice(*devices, serial);
   const auto socket = ADBTransport::connectLogcat(device.serial, host, port, command);
   if (!socket) fail("{}", socket.error().message());
-  Stream stream{
-      .fd = FileDescriptor(*socket), .name = device.displayName(), .kind = &LogKind::logcat()};
+  findDeadPeers(*socket);
+  Stream stream{.fd = FileDescriptor(*socket),
+                .name = device.displayName(),
+                .kind = &LogKind::logcat(),
+                .isLive = true};
   if (serial.empty() && devices->size() > 1) {
     stream.note = fmt::format("taking {} of {} devices; --serial names another", stream.name,
                               devices->size());

@@ -18,6 +18,7 @@ struct Stream {
   const LogKind* kind;  // never null once the stream is open
   std::vector<std::uint8_t> head = {};
   std::optional<std::int64_t> size = std::nullopt;  // bytes, of a regular file
+  bool isLive = false;                              // a connection, which may end at any time
   std::string note = {};                            // for the user, if not empty
 };
 
@@ -26,6 +27,9 @@ Stream openFile(const std::string& path, const LogKind* kind);
 
 // `target` is HOST[:PORT], with an IPv6 address in brackets if a port follows.
 Stream connectToDlt(const std::string& target);
+
+// The command that `connectToAdb` runs on the device unless the user names another.
+inline constexpr const char* kLogcatCommand = "logcat -v threadtime -b all";
 
 // Connects to the device with that serial. With an empty serial, picks the most likely device;
 // if there are several, the stream's note says which.

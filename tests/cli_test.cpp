@@ -62,7 +62,7 @@ class Command : public testing::Test {
     write("a.log",
           "01-02 03:04:05.678  10  20 W Net: disk full, \"really\"\r\n01-02 03:04:06.000  10  21 I "
           "Net: a\tb\x1b[31m\xC2\x9B\r\n"
-          "01-02 03:04:07.000  11  21 E Wifi: disk gone\r\nunfinished");
+          "01-02 03:04:07.000  11  21 E Wifi: disk gone\r\n");
     EXPECT_EQ(run("capture a.log --db a.db").exitCode, 0);
   }
 

@@ -1,10 +1,12 @@
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <string>
 #include <utility>
 
@@ -27,13 +29,28 @@ bool sendRequest(int socket, std::string_view request) {
   return true;
 }
 
-// Reads exactly `count` bytes. Absent if the stream ends or fails before. Memory grows with the
-// bytes that arrive, not with `count`, which comes from the other side.
-std::optional<std::string> readExactly(int socket, std::size_t count) {
+// A server may accept a connection and stay silent, or send a byte now and then.
+using Deadline = std::chrono::steady_clock::time_point;
+constexpr std::chrono::seconds kAnswerTime{5};
+
+bool isReadableBefore(int socket, Deadline deadline) {
+  for (;;) {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    pollfd waiting{socket, POLLIN, 0};
+    const int ready = ::poll(&waiting, 1, std::max(0, static_cast<int>(left.count())));
+    if (ready >= 0 || errno != EINTR) return ready > 0;
+  }
+}
+
+// Reads exactly `count` bytes. Absent if the stream ends or fails before, or does not send them in
+// time. Memory grows with the bytes that arrive, not with `count`, which comes from the other side.
+std::optional<std::string> readExactly(int socket, std::size_t count, Deadline deadline) {
   std::string bytes;
   std::array<char, 4096> chunk;
   while (bytes.size() < count) {
     const std::size_t wanted = std::min(chunk.size(), count - bytes.size());
+    if (!isReadableBefore(socket, deadline)) return std::nullopt;
     const ssize_t received = ::recv(socket, chunk.data(), wanted, 0);
     if (received < 0 && errno == EINTR) continue;
     if (received <= 0) return std::nullopt;
@@ -43,8 +60,8 @@ std::optional<std::string> readExactly(int socket, std::size_t count) {
 }
 
 // Returns "OKAY" or the word of a rejection. Absent if there is no answer.
-std::optional<std::string> readStatus(int socket) {
-  return readExactly(socket, 4);
+std::optional<std::string> readStatus(int socket, Deadline deadline) {
+  return readExactly(socket, 4, deadline);
 }
 
 // Absent if the header is not a hexadecimal number or the number is negative. A sign is allowed:
@@ -61,12 +78,12 @@ std::optional<std::size_t> parseLength(const std::string& header) {
 
 // Reads a text with its length in front. Absent if the length or the text is incomplete or
 // malformed.
-std::optional<std::string> readText(int socket) {
-  const auto header = readExactly(socket, 4);
+std::optional<std::string> readText(int socket, Deadline deadline) {
+  const auto header = readExactly(socket, 4, deadline);
   if (!header) return std::nullopt;
   const auto length = parseLength(*header);
   if (!length) return std::nullopt;
-  const auto bytes = readExactly(socket, *length);
+  const auto bytes = readExactly(socket, *length, deadline);
   if (!bytes) return std::nullopt;
   return unicode::decodeLossily(*bytes);
 }
@@ -132,12 +149,13 @@ std::expected<std::vector<Device>, ADBError> requestDevices(int socket, std::str
     return std::unexpected(ADBError::serverUnreachable(
         fmt::format("Couldn't send to the adb server at {}:{}.", host, port)));
   }
-  const auto status = readStatus(socket);
+  const auto deadline = std::chrono::steady_clock::now() + kAnswerTime;
+  const auto status = readStatus(socket, deadline);
   if (!status) {
     return std::unexpected(ADBError::serverUnreachable(
         fmt::format("No response from the adb server at {}:{}.", host, port)));
   }
-  auto text = readText(socket);
+  auto text = readText(socket, deadline);
   if (*status != "OKAY") {
     return std::unexpected(
         ADBError::protocolFailure(std::move(text).value_or("adb server rejected host:devices-l")));
@@ -153,13 +171,14 @@ std::expected<void, ADBError> requestService(int socket, std::string_view reques
     return std::unexpected(
         ADBError::serverUnreachable(fmt::format("Couldn't send '{}' to the adb server.", request)));
   }
-  const auto status = readStatus(socket);
+  const auto deadline = std::chrono::steady_clock::now() + kAnswerTime;
+  const auto status = readStatus(socket, deadline);
   if (!status) {
     return std::unexpected(ADBError::serverUnreachable(
         fmt::format("No response to '{}' from the adb server.", request)));
   }
   if (*status == "OKAY") return {};
-  auto reason = readText(socket).value_or(fmt::format("adb rejected '{}'", request));
+  auto reason = readText(socket, deadline).value_or(fmt::format("adb rejected '{}'", request));
   if (reason.contains("not found") || reason.contains("no devices")) {
     return std::unexpected(ADBError::deviceNotFound(std::move(reason)));
   }

@@ -1,0 +1,48 @@
+#include <fmt/format.h>
+
+#include "commands.h"
+#include "host/database.h"
+#include "host/failure.h"
+#include "terminal.h"
+
+namespace cli {
+
+using runeflow::EventStore;
+
+namespace {
+
+void repair(EventStore& store, const std::string& path) {
+  if (store.rebuildFullText()) {
+    fmt::print("{}: the full-text index was built anew\n", path);
+    return;
+  }
+  const auto error = store.takeError();
+  host::fail("cannot build the full-text index of {} anew: {}", path,
+             error ? error->text : "it has none");
+}
+
+// Prints what was found and returns whether the database is sound.
+bool report(const runeflow::StoreCheck& found, const std::string& path) {
+  for (const auto& fault : found.faults) fmt::print("{}: {}\n", path, onOneLine(fault));
+  if (!found.fullTextFault.empty()) {
+    fmt::print("{}: the full-text index does not fit the records ({}); mend it with --repair\n",
+               path, onOneLine(found.fullTextFault));
+  }
+  const bool isSound = found.faults.empty() && found.fullTextFault.empty();
+  if (isSound) {
+    fmt::print("{}: the database is sound{}\n", path,
+               found.isFullTextChecked ? ", and the full-text index fits the records"
+                                       : "; it has no full-text index");
+  }
+  return isSound;
+}
+
+}  // namespace
+
+int check(const CheckOptions& options) {
+  auto store = host::openForWriting(options.database);
+  if (options.repairs) repair(store, options.database);
+  return report(store.check(), options.database) ? 0 : 2;
+}
+
+}  // namespace cli
