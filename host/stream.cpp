@@ -43,7 +43,13 @@ void recogniseStream(Stream& stream) {
   while (stream.head.size() < most) {
     const auto size = ::read(stream.fd.get(), piece.data(), most - stream.head.size());
     if (size < 0) fail("cannot read {}: {}", stream.name, systemError(errno));
-    if (size == 0) break;
+    if (size == 0) {
+      auto ended = stream.head;
+      ended.push_back('\n');  // the last line of a file may lack its line feed
+      stream.kind = recognised(ended);
+      if (stream.kind) return;
+      break;
+    }
     stream.head.insert(stream.head.end(), piece.begin(), piece.begin() + size);
     stream.kind = recognised(stream.head);
     if (stream.kind) return;

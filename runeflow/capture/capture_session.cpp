@@ -26,6 +26,7 @@ using SteadyClock = std::chrono::steady_clock;
 constexpr std::size_t kReadSize = 65'536;
 constexpr std::size_t kBatchSize = 1'024;
 constexpr std::int64_t kTrimChunk = 10'000;
+constexpr std::int64_t kTrimStep = 256;  // small, so that no more is deleted than the cap asks for
 constexpr std::chrono::milliseconds kFlushInterval{33};
 constexpr std::int64_t kLargestLog = std::int64_t{32} << 20;
 constexpr std::int64_t kLogStep = std::int64_t{4} << 20;
@@ -180,7 +181,7 @@ class CaptureSession::Reader {
     const auto records = store_->maxSeq() - store_->minSeq() + 1;
     auto left = std::max(records / kShare, 2 * batchSize);
     for (std::int64_t deleted = 1; deleted > 0 && left > 0; left -= deleted) {
-      deleted = store_->trimWithin(maxBytes, std::min(left, kTrimChunk), trimBytes);
+      deleted = store_->trimWithin(maxBytes, std::min(left, kTrimStep), trimBytes);
     }
   }
 
