@@ -26,7 +26,7 @@ using SteadyClock = std::chrono::steady_clock;
 constexpr std::size_t kReadSize = 65'536;
 constexpr std::size_t kBatchSize = 1'024;
 constexpr std::int64_t kTrimChunk = 10'000;
-constexpr std::int64_t kTrimStep = 256;  // small, so that no more is deleted than the cap asks for
+constexpr std::int64_t kTrimStep = 64;
 constexpr std::chrono::milliseconds kFlushInterval{33};
 constexpr std::int64_t kLargestLog = std::int64_t{32} << 20;
 constexpr std::int64_t kLogStep = std::int64_t{4} << 20;
@@ -178,12 +178,20 @@ class CaptureSession::Reader {
       return;
     }
     constexpr std::int64_t kShare = 10;  // a flush deletes at most a tenth of the records
-    const auto records = store_->maxSeq() - store_->minSeq() + 1;
-    auto left = std::max(records / kShare, 2 * batchSize);
-    for (std::int64_t deleted = 1; deleted > 0 && left > 0; left -= deleted) {
-      deleted = store_->trimWithin(maxBytes, std::min(left, kTrimStep), trimBytes);
+    auto left = std::max(recordsInStore() / kShare, 2 * batchSize);
+    while (left > 0) {
+      // As many records as take up the excess: each trim is a transaction, and costs as one.
+      const auto used = store_->usedBytes();
+      const auto bytesPerRecord =
+          std::max<std::int64_t>(1, used / std::max<std::int64_t>(1, recordsInStore()));
+      const auto wanted = std::max((used - maxBytes) / bytesPerRecord, kTrimStep);
+      const auto deleted = store_->trimWithin(maxBytes, std::min(left, wanted), trimBytes);
+      if (deleted < 1) return;
+      left -= deleted;
     }
   }
+
+  std::int64_t recordsInStore() { return store_->maxSeq() - store_->minSeq() + 1; }
 
   // SQLite starts its write-ahead log over by itself, but only at a moment without readers. Beside
   // readers that pause for a few milliseconds only, there may be none.
