@@ -27,7 +27,7 @@ using runeflow::FileDescriptor;
 
 namespace {
 
-constexpr int kPipeSize = 1 << 20;  // large enough that reader and pump seldom wait for each other
+constexpr int kPipeSize = 1 << 20;  // bytes; reader and pump then seldom wait for each other
 constexpr int kFirstRetrySeconds = 1;
 constexpr int kLastRetrySeconds = 30;
 
@@ -125,8 +125,9 @@ class Capture {
     }
   }
 
-  // Connects on another thread, because a server may accept the connection and stay silent, and the
-  // user must be able to interrupt. A thread that is left waiting ends with the process.
+  // Connects on another thread, because a server may accept the connection and then stay silent,
+  // and the user must still be able to interrupt the command. A thread that still waits for the
+  // server ends with the process.
   std::future<Stream> connectAside() const {
     std::packaged_task<Stream()> connect([options = options_] { return connectLive(options); });
     auto stream = connect.get_future();

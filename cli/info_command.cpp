@@ -124,7 +124,7 @@ int clear(const ClearOptions& options) {
   const auto oldest = store.minSeq();
   const auto newest = store.maxSeq();
   store.clear();
-  // A capture may have stored new records since then, with seqs from 1 on.
+  // After clear() a capture may already have stored new records, with seqs from 1 on.
   if (records > 0 && store.minSeq() == oldest && store.maxSeq() >= newest) {
     host::fail("could not clear {}; is it read-only, or held by another program?",
                options.database);

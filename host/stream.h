@@ -15,20 +15,23 @@ namespace host {
 struct Stream {
   runeflow::FileDescriptor fd;
   std::string name;     // for messages
-  const LogKind* kind;  // never null once the stream is open
+  const LogKind* kind;  // not null after the functions below have returned
   std::vector<std::uint8_t> head = {};
-  std::optional<std::int64_t> size = std::nullopt;  // bytes, of a regular file
-  std::string note = {};                            // for the user, if not empty
+  std::optional<std::int64_t> size = std::nullopt;  // bytes; only for a regular file
+  std::string note = {};                            // a message for the user; may be empty
 };
 
-// Opens a file, or standard input for "-". `kind` is null for a file whose first bytes tell.
+// Opens a file, or standard input if `path` is "-". If `kind` is null, recognises the kind by the
+// first bytes of the stream.
 Stream openFile(const std::string& path, const LogKind* kind);
 
-// `target` is HOST[:PORT], with an IPv6 address in brackets if a port follows.
+// Connects to a DLT daemon. `target` is HOST[:PORT]. An IPv6 address needs brackets if a port
+// follows.
 Stream connectToDlt(const std::string& target);
 
-// Connects to the device with that serial. With an empty serial, picks the most likely device;
-// if there are several, the stream's note says which.
+// Connects to the adb server `target` and starts `command` on the device with that serial. If the
+// serial is empty, uses the device that ADBTransport::pickTarget() returns. If there are several
+// devices, the stream's note names it.
 Stream connectToAdb(const std::string& target, const std::string& serial,
                     const std::string& command);
 

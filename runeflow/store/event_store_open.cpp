@@ -23,7 +23,7 @@ constexpr const char* kCreateFullText =
     "CREATE VIRTUAL TABLE IF NOT EXISTS events_fts USING fts5(message, content='events', "
     "content_rowid='seq', tokenize='unicode61');";
 
-// SQLite takes the empty name for a temporary database, and a NUL ends the name.
+// SQLite would open a temporary database for the empty name, and would end the name at a NUL.
 Connection openFile(const std::string& path, int flags) {
   if (path.empty() || path.find('\0') != std::string::npos) return {};
   return Connection::open(path, flags | SQLITE_OPEN_NOMUTEX);
@@ -108,7 +108,8 @@ void EventStore::close() {
   database_.reset();
 }
 
-// A statement that fails here shows later: the writes and reads that need its table fail.
+// Ignores failures: if a table or index is missing afterwards, the writes and reads that need it
+// fail.
 void EventStore::createSchema() {
   if (const auto fault = descriptor_.validationError()) {
     AppLog::logError(AppLog::store(), "invalid SourceDescriptor '{}': {}", descriptor_.id(),

@@ -28,8 +28,8 @@ void bindContext(Statement& statement, const std::optional<LogRow::Context>& ctx
   }
 }
 
-// Without its full-text statement (the file was made by an SQLite without FTS5) rows are stored and
-// not indexed.
+// If the file has no full-text table, because an SQLite without FTS5 created it, insertFullText
+// stays empty, and rows are stored without being indexed.
 bool prepareInserts(OpenDatabase& database, bool ftsAvailable) {
   auto& [connection, insertRow, insertFullText, hasLogged] = database;
   if (!insertRow) insertRow = connection.prepare(kInsertRow);
@@ -69,8 +69,8 @@ bool writeRow(OpenDatabase& database, const LogRow& row) {
   return insertFullText.stepsToEnd();
 }
 
-// A row that a trim deletes. The full-text index has no content of its own: to delete an entry, it
-// must be given the message that it indexed.
+// A row that a trim deletes. The full-text index does not store the messages. To delete an entry,
+// FTS5 must be given the message that was indexed.
 struct TrimmedRow {
   std::int64_t seq;
   std::optional<std::string> message;
@@ -105,7 +105,7 @@ bool deleteUpTo(Connection& connection, std::int64_t seq) {
   return remove.stepsToEnd();
 }
 
-// Returns how many rows it deleted.
+// Returns the number of deleted rows.
 std::size_t deleteOldest(Connection& connection, std::int32_t chunk, bool ftsAvailable) {
   const auto rows = oldestRows(connection, chunk);
   if (rows.empty()) return 0;
@@ -152,7 +152,7 @@ void EventStore::clear() {
 }
 
 std::optional<std::int64_t> EventStore::trimOldest(std::int64_t toUsedBytes, std::int64_t chunk) {
-  // SQLite takes a negative LIMIT for no limit.
+  // SQLite treats a negative LIMIT as no limit.
   if (chunk < 1 || chunk > std::numeric_limits<std::int32_t>::max()) return std::nullopt;
   if (!database_ || toUsedBytes < 1 || usedBytes() < toUsedBytes) return std::nullopt;
   if (deleteOldest(database_->connection, static_cast<std::int32_t>(chunk), ftsAvailable_) == 0) {

@@ -1,4 +1,4 @@
-// What an EventStore keeps of SQLite while it is open.
+// The SQLite objects that an open EventStore owns.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ struct OpenDatabase {
   bool hasLoggedClampedTimestamp = false;
 };
 
-// The next two take a null pointer for a closed store, on which every statement fails.
+// In the next two functions a null pointer means a closed store, on which every statement fails.
 
 inline Statement prepare(OpenDatabase* database, const std::string& sql) {
   return database ? database->connection.prepare(sql) : Statement();

@@ -39,7 +39,7 @@ void Statement::bind(int index, std::int64_t value) {
 
 void Statement::bind(int index, const std::optional<std::string_view>& text) {
   if (!text) return bindNull(index);
-  const char* bytes = text->data() ? text->data() : "";  // SQLite takes a null pointer for NULL
+  const char* bytes = text->data() ? text->data() : "";  // SQLite binds a null pointer as NULL
   sqlite3_bind_text64(handle_.get(), index, bytes, text->substr(0, text->find('\0')).size(),
                       SQLITE_TRANSIENT, SQLITE_UTF8);
 }

@@ -1,7 +1,8 @@
-// SQLite's C interface with owners: a connection, a prepared statement, a transaction.
+// Classes that own the objects of SQLite's C interface: a connection, a prepared statement, a
+// transaction.
 //
-// Nothing here throws or logs. A function reports failure by its result, and the connection holds
-// SQLite's text for it.
+// Nothing here throws or logs. A function reports failure by its result, and
+// Connection::errorText() returns SQLite's text for it.
 #pragma once
 
 #include <cstdint>
@@ -18,9 +19,9 @@ namespace runeflow {
 
 class Bind;
 
-// Owns a prepared statement and finalizes it. A default-constructed or moved-from object, and one
-// whose SQL could not be prepared, owns none and converts to false; the caller must not use any
-// other member of it.
+// Owns a prepared statement and finalizes it. An object owns no statement if it is
+// default-constructed or moved-from, or if its SQL could not be prepared. Such an object converts
+// to false, and the caller must not use any other member of it.
 class Statement {
  public:
   enum class Step { row, done, error };
@@ -63,8 +64,8 @@ class Connection {
  public:
   Connection() = default;
 
-  // `path` names a file even where SQLite would take it for something else. The connection waits up
-  // to 5 s for locks of other connections, from its first statement on.
+  // Opens the file `path`, even if SQLite gives the name a special meaning (":memory:"). From its
+  // first statement on, the connection waits up to 5 s for locks of other connections.
   static Connection open(const std::string& path, int flags);
 
   explicit operator bool() const { return handle_ != nullptr; }

@@ -27,8 +27,8 @@ bool sendRequest(int socket, std::string_view request) {
   return true;
 }
 
-// Reads exactly `count` bytes. Absent if the stream ends or fails before. Memory grows with the
-// bytes that arrive, not with `count`, which comes from the other side.
+// Reads exactly `count` bytes. Returns nothing if the stream ends or fails before. Allocates memory
+// for the bytes that arrive, not for `count`, because the server chooses `count`.
 std::optional<std::string> readExactly(int socket, std::size_t count) {
   std::string bytes;
   std::array<char, 4096> chunk;
@@ -99,7 +99,7 @@ std::vector<std::string_view> lines(std::string_view text) {
   return found;
 }
 
-// Takes the next token off `line`. Returns an empty view at the end of the line.
+// Removes the next token from `line` and returns it. Returns an empty view at the end of the line.
 std::string_view takeToken(std::string_view& line) {
   constexpr std::string_view kBlanks = " \t";
   line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));
