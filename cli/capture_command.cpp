@@ -30,7 +30,7 @@ using runeflow::FileDescriptor;
 
 namespace {
 
-constexpr int kPipeSize = 1 << 20;  // large enough that reader and pump seldom wait for each other
+constexpr int kPipeSize = 1 << 20;  // bytes; reader and pump then seldom wait for each other
 constexpr int kFirstRetrySeconds = 1;
 constexpr int kLastRetrySeconds = 30;
 constexpr std::int64_t kTrimBytes = std::int64_t{16} << 20;

@@ -15,7 +15,7 @@ namespace cli {
 struct CaptureOptions {
   std::vector<std::string> files;
   std::string database;
-  std::string format;  // empty if the first bytes of the files tell
+  std::string format;  // if empty, the kind is recognised by the first bytes of the files
   std::optional<std::int64_t> maxBytes;
   std::string dltTarget;
   std::string adbTarget;
@@ -30,7 +30,7 @@ struct CaptureOptions {
 struct QueryOptions {
   std::string database;
   std::string text;
-  std::string source;  // empty if the indexes tell, here and below
+  std::string source;  // if empty, here and below, the kind is recognised by the indexes
   std::optional<std::int64_t> after;
   std::optional<std::int64_t> first;
   std::optional<std::int64_t> last;

@@ -15,7 +15,7 @@ class Interrupt {
   int fd() const { return fd_.get(); }
   bool isRequested() const;
 
-  // Waits for the interrupt. Returns false if it has not come when the time is over.
+  // Waits for the interrupt for at most `milliseconds`. Returns false if it has not come.
   bool waitFor(int milliseconds) const;
 
   // Lets the signals end the process again, for work that a second Ctrl-C may abandon.

@@ -1,4 +1,4 @@
-// Standard output, and its failure.
+// Reports that standard output cannot be written.
 #pragma once
 
 #include <cstdio>

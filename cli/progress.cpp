@@ -11,7 +11,7 @@ namespace cli {
 namespace {
 
 constexpr std::chrono::milliseconds kRedrawInterval{100};
-constexpr std::size_t kRateSamples = 20;  // the rate of a live stream is that of its last 2 s
+constexpr std::size_t kRateSamples = 20;  // the rate is measured over the last 2 s
 constexpr int kBarColumns = 24;
 
 std::string clock(double seconds) {
@@ -90,7 +90,7 @@ void Progress::say(const std::string& line) {
   fmt::print(stderr, "runeflow: {}\n", line);
 }
 
-// A full disk causes the same line for every batch.
+// Counts repeated lines instead of printing them: a full disk causes the same line for every batch.
 void Progress::logLine(std::string line) {
   const std::lock_guard lock(mutex_);
   if (line == lastLogged_) {

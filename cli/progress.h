@@ -1,4 +1,5 @@
-// The line on standard error that shows how far a capture is, and the library's log above it.
+// A line on standard error that shows the progress of a capture. The lines of the library's log are
+// printed above it.
 #pragma once
 
 #include <chrono>
@@ -13,9 +14,9 @@
 
 namespace cli {
 
-// Redraws a few times a second. Draws nothing if standard error is not a terminal or NO_COLOR is
-// set. While the object exists, it prints the lines of the library's log; it counts repeats of a
-// line and prints their number.
+// Redraws the line a few times a second. Draws nothing if standard error is not a terminal or
+// NO_COLOR is set. While the object exists, it prints the lines of the library's log. If a line
+// repeats, it prints only the number of repeats.
 class Progress {
  public:
   // `totalBytes` is absent if the length of a stream is unknown.
@@ -29,8 +30,8 @@ class Progress {
   // Prints a line above the progress.
   void say(const std::string& line);
 
-  // Erases the line and prints the sums of the capture, and how many records a capped database
-  // keeps.
+  // Erases the line and prints the totals of the capture. `recordsKept` is the number of records
+  // left in a database with a size cap.
   void summarise(std::optional<std::int64_t> recordsKept);
 
  private:

@@ -30,8 +30,8 @@ constexpr std::size_t kPageRecords = 1'000;
 constexpr std::int64_t kFollowLockWait = 500;  // milliseconds; Ctrl-C waits for it
 constexpr int kFollowMilliseconds = 50;
 
-// The user's pager. While it runs, Ctrl-C is left to the pager, and a pager that ends early ends
-// the printing, not the process.
+// The user's pager. While it runs, this process ignores Ctrl-C, which the pager handles, and
+// SIGPIPE: if the user quits the pager early, only the printing ends.
 class Pager {
  public:
   Pager() {
@@ -100,7 +100,7 @@ Records recordAt(EventStore& store, std::int64_t seq) {
   return store.fetchRange(seq, seq);
 }
 
-// Returns whether the store was cleared since `newest` was its newest record. A cleared store
+// Returns true if the store was cleared after `newest` had been its newest record. A cleared store
 // numbers its records from 1 again.
 bool isRenumbered(EventStore& store, const Records& newest, const Records& latest) {
   if (newest.empty()) return false;

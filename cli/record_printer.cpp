@@ -21,7 +21,8 @@ using runeflow::RuneflowLogLevel;
 namespace {
 
 constexpr std::size_t kWidestColumn = 28;
-// Marking takes time proportional to words times text.
+// Limits for highlighting, whose time is proportional to the number of words and the length of the
+// text.
 constexpr std::size_t kMostHighlightedWords = 64;
 constexpr std::size_t kLongestHighlightedWord = 128;
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
@@ -71,8 +72,8 @@ bool isLetterOrDigit(char c) {
   return (lowerAscii(c) >= 'a' && lowerAscii(c) <= 'z') || (c >= '0' && c <= '9');
 }
 
-// Returns whether full text finds a query word that stands in `text` from `start` to `end`. It
-// finds a word at the beginning of a longer one only if the query word is a prefix word.
+// Returns true if the full-text index finds a query word at the place from `start` to `end` of
+// `text`. It finds a word at the beginning of a longer one only if it is a prefix word.
 bool isFoundByIndex(std::string_view text, std::size_t start, std::size_t end, bool isPrefixWord) {
   const auto isWithinWord = [text](std::size_t at) {
     return at > 0 && at < text.size() && isLetterOrDigit(text[at - 1]) && isLetterOrDigit(text[at]);
@@ -80,8 +81,8 @@ bool isFoundByIndex(std::string_view text, std::size_t start, std::size_t end, b
   return !isWithinWord(start) && (isPrefixWord || !isWithinWord(end));
 }
 
-// Sets the bytes of `covered` at which `word` stands in `text`. With `matchCase` that is anywhere,
-// otherwise only where full text finds it.
+// Sets the elements of `covered` for the bytes of `text` at which `word` occurs. Without
+// `matchCase`, only the places count that the full-text index finds.
 void cover(std::vector<bool>& covered, std::string_view text, std::string_view word,
            bool matchCase) {
   const auto same = [matchCase](char a, char b) {
@@ -163,7 +164,8 @@ void RecordPrinter::print(std::span<const FetchedRow> records) {
   }
 }
 
-// Widens the columns to the longest texts. They never shrink, so that pages line up.
+// Widens the columns to the longest texts. Columns never become narrower, so that the lines of all
+// pages are aligned.
 void RecordPrinter::fitColumnsTo(std::span<const FetchedRow> records) {
   for (auto& column : columns_) {
     for (const auto& record : records) {

@@ -13,14 +13,15 @@ namespace cli {
 
 std::string_view levelName(runeflow::RuneflowLogLevel level);
 
-// ISO 8601 in UTC with microseconds, and local time with milliseconds for people.
+// utcTime() returns ISO 8601 in UTC with microseconds. localTime() returns local time with
+// milliseconds, for people.
 std::string utcTime(runeflow::Timestamp timestamp);
 std::string localTime(runeflow::Timestamp timestamp);
 
 enum class RecordFormat {
   people,  // local time, level letter, table fields in columns, the query's words highlighted
-  plain,   // a line per record, separated by tabs: seq, UTC time, level, every field, message
-  json,    // an object per line
+  plain,   // one line per record, separated by tabs: seq, UTC time, level, all fields, message
+  json,    // one object per line
   csv      // RFC 4180 with a header line
 };
 
@@ -57,7 +58,7 @@ class RecordPrinter {
   RecordFormat format_;
   Highlighting highlighting_;
   std::FILE* out_;
-  bool isGuarded_;  // the output reaches a terminal: no control characters, not even in CSV
+  bool isGuarded_;  // the output reaches a terminal; control characters are escaped even in CSV
 };
 
 }  // namespace cli

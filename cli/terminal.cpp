@@ -40,7 +40,7 @@ int terminalWidth(std::FILE* stream) {
 }
 
 std::optional<unsigned> c1ControlAt(std::string_view text, std::size_t at) {
-  constexpr unsigned char kLead = 0xC2;  // the first of two bytes; the second is the number
+  constexpr unsigned char kLead = 0xC2;  // the first of two bytes; the second is the code point
   if (at + 1 >= text.size() || static_cast<unsigned char>(text[at]) != kLead) return std::nullopt;
   const auto number = static_cast<unsigned char>(text[at + 1]);
   if (number < 0x80 || number > 0x9F) return std::nullopt;

@@ -1,4 +1,4 @@
-// Text for a terminal: its colours and widths, and the escaping of control characters.
+// Text for a terminal: colours, widths and the escaping of control characters.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ bool isTerminal(std::FILE* stream);
 // Returns whether `stream` is a terminal and NO_COLOR is not set in the environment.
 bool showsColour(std::FILE* stream);
 
-// Returns the width in columns, or 80 if the stream does not tell.
+// Returns the width of the terminal in columns, or 80 if it is unknown.
 int terminalWidth(std::FILE* stream);
 
 namespace colour {
@@ -28,28 +28,30 @@ inline constexpr std::string_view kBlue = "\x1b[34m";
 inline constexpr std::string_view kHighlight = "\x1b[1;30;43m";
 }  // namespace colour
 
-// Returns the text with backslashes and control characters escaped ("\n", "\x1b"): a log may hold
-// sequences that steer the terminal.
+// Returns the text with backslashes and control characters escaped ("\n", "\x1b"), because a log
+// may hold escape sequences for the terminal.
 std::string onOneLine(std::string_view text);
 
-// Returns the C1 control character (U+0080 to U+009F) that begins at `at`; absent for any other.
+// Returns the C1 control character (U+0080 to U+009F) that begins at `at`, or nothing if another
+// character begins there.
 std::optional<unsigned> c1ControlAt(std::string_view text, std::size_t at);
 
 // Returns "1 record", "2 records".
 std::string counted(std::int64_t count, std::string_view noun);
 
-// Returns the number of code points, which is the number of columns unless characters are wide.
+// Returns the number of code points. This is the number of terminal columns if no character is
+// wide.
 std::size_t columnsOf(std::string_view text);
 
-// Returns the text padded with blanks to that many columns, or cut and ended with "…".
+// Returns the text padded with blanks to `columns` columns. A longer text is cut and ends with "…".
 std::string fitted(std::string_view text, std::size_t columns);
 
-// Returns how long a bar may be on a line of standard output of which `taken` columns are used: 1
-// to 40.
+// Returns the largest length of a bar, 1 to 40 columns, on a line of standard output whose other
+// texts take `taken` columns.
 int barColumns(std::size_t taken);
 
-// Returns a horizontal bar whose share of `columns` is that of `value` in `most`. A value of 1 or
-// more gets at least an eighth of a column.
+// Returns a horizontal bar whose length is `columns` times `value` / `most`. A value of 1 or more
+// gets at least an eighth of a column.
 std::string bar(std::int64_t value, std::int64_t most, int columns);
 
 }  // namespace cli

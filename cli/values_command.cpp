@@ -23,7 +23,8 @@ namespace {
 
 constexpr std::size_t kWidestValue = 40;
 
-// The library counts values over all records only; for a query, each value is counted separately.
+// The library counts values only over all records. If there is a query, this function counts each
+// value separately.
 std::vector<ValueCount> slotValues(EventStore& store, const runeflow::StoreColumn& column,
                                    const LogQuery& matching, const ValuesOptions& options) {
   if (matching.isEmpty() && options.prefix.empty()) {

@@ -1,4 +1,4 @@
-// Sizes as users type them.
+// Reads the sizes that users type.
 #pragma once
 
 #include <cstdint>

@@ -17,7 +17,8 @@ using runeflow::StoreFault;
 
 namespace {
 
-// SQLite reads a file at the first statement only; a user wants to know at once.
+// Fails if the file cannot be a database. SQLite would notice that only at the first statement and
+// could not say as clearly what is wrong.
 void requireDatabaseFile(const std::string& path) {
   std::error_code error;
   const auto status = std::filesystem::status(path, error);
@@ -33,7 +34,7 @@ void requireDatabaseFile(const std::string& path) {
   std::array<char, kMagic.size()> head{};
   file.read(head.data(), head.size());
   const auto size = static_cast<std::size_t>(file.gcount());
-  // SQLite takes an empty file for an empty database.
+  // An empty file is an empty database for SQLite.
   if (size != 0 && std::string_view(head.data(), size) != kMagic)
     fail("{} is not a database", path);
 }

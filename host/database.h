@@ -1,4 +1,5 @@
-// Opening the database that a user names, with a sentence for every reason why it cannot be used.
+// Functions that open the database that a user names. If it cannot be used, they fail with a
+// sentence that gives the reason.
 #pragma once
 
 #include <string>
@@ -8,7 +9,7 @@
 
 namespace host {
 
-// Returns the kind of log whose indexes a store has, or null if they are those of none.
+// Returns the kind of log that has the same indexes as the store, or null if there is none.
 const LogKind* kindOf(const runeflow::StoreInfo& info);
 
 // Opens a database that must exist for reads, which change no file. `source` names the kind of its
@@ -26,12 +27,12 @@ void failIfIncomplete(runeflow::EventStore& store, const std::string& path);
 void failIfRefused(runeflow::EventStore& store, const runeflow::LogQuery& query,
                    const std::string& path);
 
-// Opens a database for a capture and creates it if it does not exist. Fails if the file holds
-// anything but a store of the same kind of records.
+// Opens a database for a capture and creates it if it does not exist. Fails if the file is the
+// database of another program or holds records of another kind.
 runeflow::EventStore openForCapture(const std::string& path,
                                     const runeflow::SourceDescriptor& descriptor);
 
-// Returns the field of that name. Fails with the names that there are.
+// Returns the field with that name. If there is none, fails with a list of the names.
 const runeflow::FieldDescriptor& fieldNamed(const runeflow::SourceDescriptor& descriptor,
                                             const std::string& name);
 

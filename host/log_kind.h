@@ -22,20 +22,20 @@ struct LogKind {
   std::string_view recordEnd;  // the bytes that end a record; empty if records carry their length
   const runeflow::SourceDescriptor& (*descriptor)();
   std::unique_ptr<runeflow::RowDecoder> (*makeDecoder)(runeflow::Clock now);
-  std::size_t sampleSize;            // how many bytes of a stream `recognises` examines at most
-  bool (*recognises)(Bytes sample);  // whether a stream that begins with `sample` is of this kind
+  std::size_t sampleSize;            // the largest number of bytes that `recognises` examines
+  bool (*recognises)(Bytes sample);  // returns true if a stream of this kind begins with `sample`
 
   static const LogKind& dlt();
   static const LogKind& logcat();
 
-  // In the order in which they are tried on a stream.
+  // Returns all kinds, in the order in which they are tried on a stream.
   static std::span<const LogKind> all();
 
-  // Returns the kind with that id. Fails with the ids that there are.
+  // Returns the kind with that id. If there is none, fails with a list of the ids.
   static const LogKind& named(std::string_view id);
 };
 
-// The ids or forms of all kinds, joined by `separator`.
+// Returns the ids or forms of all kinds, joined by `separator`.
 std::string joinKinds(std::string_view LogKind::* text, std::string_view separator);
 
 }  // namespace host

@@ -15,17 +15,19 @@ namespace host {
 struct Stream {
   runeflow::FileDescriptor fd;
   std::string name;     // for messages
-  const LogKind* kind;  // never null once the stream is open
+  const LogKind* kind;  // not null after the functions below have returned
   std::vector<std::uint8_t> head = {};
   std::optional<std::int64_t> size = std::nullopt;  // bytes, of a regular file
   bool isLive = false;                              // a connection, which may end at any time
   std::string note = {};                            // for the user, if not empty
 };
 
-// Opens a file, or standard input for "-". `kind` is null for a file whose first bytes tell.
+// Opens a file, or standard input if `path` is "-". If `kind` is null, recognises the kind by the
+// first bytes of the stream.
 Stream openFile(const std::string& path, const LogKind* kind);
 
-// `target` is HOST[:PORT], with an IPv6 address in brackets if a port follows.
+// Connects to a DLT daemon. `target` is HOST[:PORT]. An IPv6 address needs brackets if a port
+// follows.
 Stream connectToDlt(const std::string& target);
 
 // The command that `connectToAdb` runs on the device unless the user names another.

@@ -16,7 +16,7 @@ HostAndPort parseTarget(const std::string& target, std::uint16_t defaultPort) {
   if (bracket != std::string::npos) {
     host = std::string_view(target).substr(1, bracket - 1);
     port = std::string_view(target).substr(bracket + 1);
-  } else if (std::ranges::count(target, ':') == 1) {  // several colons are those of an IPv6 address
+  } else if (std::ranges::count(target, ':') == 1) {  // an IPv6 address has more
     host = host.substr(0, target.find(':'));
     port = std::string_view(target).substr(host.size());
   }

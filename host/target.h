@@ -1,4 +1,4 @@
-// Servers as users type them.
+// Reads the addresses of servers that users type.
 #pragma once
 
 #include <cstdint>
@@ -11,8 +11,8 @@ struct HostAndPort {
   std::uint16_t port;
 };
 
-// Reads HOST[:PORT], with an IPv6 address in brackets if a port follows. Fails if the text names no
-// host or no valid port.
+// Reads HOST[:PORT]. An IPv6 address needs brackets if a port follows. Fails if the text has no
+// host or an invalid port.
 HostAndPort parseTarget(const std::string& target, std::uint16_t defaultPort);
 
 }  // namespace host

@@ -201,7 +201,8 @@ class CaptureSession::Reader {
     nextEmptying_ = store_->emptyLog(kLogWait) ? kLargestLog : size + kLogStep;
   }
 
-  // The semaphore comes before the host's callback, so that the next reader does not wait for it.
+  // Releases the semaphore before the host's callback runs, so that the next reader does not wait
+  // for the callback.
   void end() {
     store_.reset();
     decoder_.reset();
@@ -256,7 +257,7 @@ void CaptureSession::run(int fd, DecoderFactory makeDecoder, FinishCallback onFi
       std::make_shared<Reader>(*this, before, fd, std::move(makeDecoder), std::move(onFinish));
   std::move_only_function<void()> body = [reader] { reader->run(); };
   if (!startThread({"runeflow.log-reader", kReaderStack}, body)) {
-    readerGate_ = before;  // the next reader has to wait for that one
+    readerGate_ = before;  // the next reader must wait for the reader before this one
     reader->giveUp();
   }
 }

@@ -3,12 +3,14 @@
 ///
 ///     auto store = EventStore::open("phone.db", true, SourceDescriptor::logcat());
 ///     CaptureSession session("phone.db", SourceDescriptor::logcat());
-///     session.run(fd, [] { return std::make_unique<LogcatDecoder>(std::chrono::system_clock::now);
-///     },
-///                 [] { /* the stream has ended, its records are stored */ });
+///     const auto now = std::chrono::system_clock::now;
+///     session.run(
+///         fd, [now] { return std::make_unique<LogcatDecoder>(now); },
+///         [] { /* the stream has ended and its records are stored */ });
 ///
-/// There is no stop call: a host ends a capture by ending the stream, with shutdown() on a socket
-/// or by closing the writing end of a pipe.
+/// There is no function that stops a capture. A host (the program that uses the library) ends a
+/// capture by ending its stream: it calls shutdown() on the socket or closes the writing end of the
+/// pipe.
 #pragma once
 
 #include <chrono>
@@ -24,7 +26,7 @@ namespace runeflow {
 
 class Semaphore;
 
-/// What the readers of one session have done so far.
+/// What the readers of one session have done so far, summed over all of them.
 struct CaptureProgress {
   std::int64_t bytesRead = 0;      ///< Bytes read from the streams.
   std::int64_t rowsDecoded = 0;    ///< Records that the decoders returned.
@@ -36,11 +38,11 @@ struct CaptureProgress {
 /// Captures streams into one database file, one stream after the other.
 ///
 /// run() starts a reader: a thread that reads a stream to its end, decodes it, stores the records
-/// in batches and keeps the database under a size cap. A new reader waits up to 5 s for the
-/// previous one of the session. A reader does not keep the session alive, and destroying the
-/// session does not stop it.
+/// in batches and deletes old records if the database has a size cap. A new reader waits until the
+/// previous reader of the session has ended, but at most 5 s. Destroying the session does not stop
+/// its readers.
 ///
-/// One thread at a time may call run(); the other members may be called from any thread.
+/// One thread at a time may call run(). The other members may be called from any thread.
 ///
 /// A reader that cannot start, that is ended by an exception or whose database file is deleted or
 /// replaced writes a line to the log (AppLog, category "lifecycle"). A batch that cannot be written
@@ -51,21 +53,22 @@ struct CaptureProgress {
 /// waits up to 200 ms for readers that use it.
 class CaptureSession {
  public:
-  /// Returns the decoder of a stream; must not return null.
+  /// Creates the decoder of one stream. Must not return null.
   using DecoderFactory = std::move_only_function<std::unique_ptr<RowDecoder>()>;
-  /// Called when a reader has ended.
+  /// Called when a reader has ended. Must not throw.
   using FinishCallback = std::move_only_function<void()>;
 
-  /// The database at `dbPath` must exist with its schema before run() is called: open it with
-  /// EventStore::open(dbPath, true, descriptor).
+  /// Creates a session that captures into the database at `dbPath`. The session does not create the
+  /// database: the caller must call EventStore::open(dbPath, true, descriptor) before run().
   CaptureSession(std::string dbPath, SourceDescriptor descriptor);
   ~CaptureSession();
   CaptureSession(const CaptureSession&) = delete;
   CaptureSession& operator=(const CaptureSession&) = delete;
 
-  /// Sets the cap on the used bytes of the database; below 1 there is none, which is the default.
-  /// Running readers apply a new cap after their next batch. A batch that finds the used bytes at
-  /// or above the cap is followed by a trim of the 10,000 oldest records.
+  /// Sets the size cap in bytes. A value below 1 means no cap, which is the default. After each
+  /// batch, a reader compares EventStore::usedBytes() with the cap; if the cap is reached, the
+  /// reader deletes the 10,000 oldest records. A running reader applies a new cap after its next
+  /// batch.
   void setMaxBytes(std::int64_t maxBytes);
 
   /// Bounds one trim in bytes of messages; below 1, which is the default, a trim deletes 10,000
@@ -86,14 +89,14 @@ class CaptureSession {
 
   /// Starts a reader and returns at once. The reader owns `fd` and closes it when it ends.
   ///
-  /// The reader calls `makeDecoder` once, after it has opened the database, and `onFinish`, which
-  /// may be empty, when it has ended for any reason. `onFinish` must not throw. Both run on the
-  /// reader's thread, which blocks SIGINT and the other asynchronous signals. The next reader may
-  /// run while `onFinish` does. If the system cannot start a thread, `onFinish` runs before run()
-  /// returns.
+  /// The reader calls `makeDecoder` once, after it has opened the database. It calls `onFinish`,
+  /// which may be empty, when it has ended for any reason. Both run on the reader's thread, which
+  /// blocks SIGINT and the other asynchronous signals. The next reader may already run while
+  /// `onFinish` runs. If the system cannot start a thread, run() calls `onFinish` on the caller's
+  /// thread before it returns.
   void run(int fd, DecoderFactory makeDecoder, FinishCallback onFinish = nullptr);
 
-  /// Returns the sums over all readers of the session.
+  /// Returns the progress of all readers of the session together.
   CaptureProgress progress() const;
 
  private:
@@ -102,8 +105,8 @@ class CaptureSession {
 
   std::string dbPath_;
   SourceDescriptor descriptor_;
-  std::shared_ptr<Semaphore> readerGate_;  // released when the reader started last ends
-  std::shared_ptr<Shared> shared_;         // with the running readers
+  std::shared_ptr<Semaphore> readerGate_;  // released when the latest reader ends
+  std::shared_ptr<Shared> shared_;         // shared with the running readers
 };
 
 }  // namespace runeflow

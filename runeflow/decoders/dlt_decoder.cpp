@@ -36,9 +36,9 @@ constexpr std::uint8_t kWithTimestamp = 1U << 4;
 // DLT extended header, MSIN: bit 0 VERB, bits 1 to 3 MSTP, bits 4 to 7 MTIN.
 constexpr std::uint8_t kVerbose = 1U << 0;
 
-// The extent of the next message of a stream, judged by its length field alone.
+// The extent of the next message of a stream, according to its length field.
 struct Frame {
-  std::size_t size;         // bytes to take off the stream once it holds that many
+  std::size_t size;         // bytes to remove from the stream as soon as it holds that many
   std::size_t storageSize;  // of the storage header; 0 if there is none
   // If false, the bytes are skipped.
   bool holdsMessage() const { return size - storageSize >= kStandardHeaderSize; }
@@ -93,7 +93,7 @@ std::size_t headersSize(std::uint8_t headerType) {
   return headerType & kUseExtendedHeader ? size + kExtendedHeaderSize : size;
 }
 
-// Absent if the header fields that HTYP announces do not fit into the message.
+// Returns nothing if the message is shorter than the header fields that HTYP announces.
 std::optional<Message> readMessage(Bytes bytes) {
   const std::uint8_t headerType = bytes[0];
   const std::size_t headers = headersSize(headerType);
@@ -232,7 +232,7 @@ void appendRow(std::vector<LogRow>& rows, Bytes storageHeader, Bytes bytes, cons
       slots.read(*message, storageHeader));
 }
 
-// Decodes the complete messages at the front of `stream` and takes them off it.
+// Decodes the complete messages at the front of `stream` and removes them from it.
 void decode(Bytes& stream, const Clock& now, std::vector<LogRow>& rows) {
   constexpr std::size_t kMostRowsReserved = 4096;  // a counted message may still give no record
   rows.reserve(std::min(kMostRowsReserved, countMessages(stream)));

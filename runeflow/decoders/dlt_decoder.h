@@ -24,16 +24,16 @@ namespace runeflow {
 /// of 16 bytes and a message of up to 65,535 bytes.
 class DLTDecoder final : public RowDecoder {
  public:
-  /// Makes a decoder for a new stream. The decoder calls `now` once for each record whose message
+  /// Creates a decoder for a new stream. The decoder calls `now` once for each record whose message
   /// has no storage header, and uses the result as the record's time.
   explicit DLTDecoder(Clock now);
 
   /// Returns the records of the messages that `bytes` completes.
   ///
-  /// A message whose headers do not fit into its own length is skipped whole. A length below the 4
-  /// bytes of the standard header means that the decoder has lost the message boundary: it skips
-  /// one byte (and the storage header before it, if there is one) and tries again. The version bits
-  /// in the HTYP byte of the standard header are ignored.
+  /// A message that is shorter than the headers that it announces is skipped. A length below the 4
+  /// bytes of the standard header means that the decoder has lost the message boundary. The decoder
+  /// then skips one byte (and the storage header before it, if there is one) and tries again. The
+  /// version bits in the HTYP byte of the standard header are ignored.
   std::vector<LogRow> consume(std::span<const std::uint8_t> bytes) override;
 
   /// The largest number of bytes at the start of a stream that looksLikeRecording() examines.

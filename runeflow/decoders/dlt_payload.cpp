@@ -88,7 +88,7 @@ std::optional<Argument> readText(std::uint32_t typeInfo, Bytes data, std::endian
 std::optional<Argument> readArgument(std::uint32_t typeInfo, Bytes data, std::endian order) {
   if (typeInfo & kVariableInfo) return std::nullopt;  // its data begins with a name and a unit
   if (typeInfo & (kString | kRaw)) return readText(typeInfo, data, order);
-  if (typeInfo & kBool) {  // one byte, whatever TYLE and the number bits say
+  if (typeInfo & kBool) {  // one byte; TYLE and the number bits do not matter
     if (data.empty()) return std::nullopt;
     return Argument{data[0] != 0, 1};
   }

@@ -48,7 +48,7 @@ void skipSpaces(std::string_view& text) {
   while (!text.empty() && isCharacter(text, 0, ' ')) text.remove_prefix(1);
 }
 
-// Takes the next field off `text`. Returns an empty view at the end of the text.
+// Removes the next field from `text` and returns it. Returns an empty view at the end of the text.
 std::string_view takeField(std::string_view& text) {
   skipSpaces(text);
   const auto field = text.substr(0, findCharacter(text, ' '));
@@ -152,8 +152,9 @@ std::int64_t twoDigits(std::string_view text, std::size_t at) {
                                                     : kNone;
 }
 
-// Reads the first two fields in the exact form that logcat prints, "MM-DD hh:mm:ss.mmm ", and takes
-// them off `text`. Absent, with `text` unchanged, if they have any other form, even a valid one.
+// Reads the first two fields in the exact form that logcat prints, "MM-DD hh:mm:ss.mmm ", and
+// removes them from `text`. Returns nothing and leaves `text` unchanged if they have any other
+// form, even a valid one.
 std::optional<DateAndTime> takeUsualDateAndTime(std::string_view& text) {
   constexpr std::size_t kSize = 19;
   if (text.size() <= kSize) return std::nullopt;

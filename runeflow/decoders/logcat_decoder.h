@@ -7,14 +7,15 @@
 /// 2 the thread ID. Invalid UTF-8 becomes U+FFFD.
 ///
 /// Dates carry no year. They are read as local times of this machine, in the year in which the
-/// decoder was made. A day that its month does not have rolls over into the next month. The
-/// fraction is a whole number of milliseconds (".5" is 5 ms). A sign may precede it; a negative
-/// fraction lies before the second. A fraction that is not a whole number counts as 0.
+/// decoder was created. A date with a day that its month does not have counts on into the next
+/// month: 30 February is 1 or 2 March. The fraction of a second is a whole number of milliseconds
+/// (".5" is 5 ms). It may have a sign; a negative fraction is subtracted from the second. A
+/// fraction that is not a whole number counts as 0.
 ///
 /// Empty lines and banners (lines that begin with "-") give no record. Any other line that is not
 /// threadtime text gives a raw row: a record of level Info with the whole line as its message and
-/// the current time. A fraction too large for 64-bit nanoseconds also makes the line a raw row. The
-/// last line of a stream is lost unless a line feed ends it.
+/// the current time. A line whose fraction, in nanoseconds, does not fit 64 bits also gives a raw
+/// row. The last line of a stream is lost unless it ends with a line feed.
 #pragma once
 
 #include <cstddef>
@@ -34,13 +35,13 @@ class LocalTimeZone;
 /// Decodes one logcat stream.
 class LogcatDecoder final : public RowDecoder {
  public:
-  /// Makes a decoder for a new stream. Calls `now` once to learn the year of the dates. Later the
-  /// decoder calls it once for each raw row, whose time it gives.
+  /// Creates a decoder for a new stream. Calls `now` once to find out the year of the dates. Later
+  /// the decoder calls `now` once for each raw row and uses the result as the row's time.
   explicit LogcatDecoder(Clock now);
   ~LogcatDecoder() override;
 
-  /// Returns the records of the lines that `bytes` completes. The decoder keeps an unfinished line
-  /// without a limit on its length: a stream without line feeds grows it until memory runs out.
+  /// Returns the records of the lines that `bytes` completes. The decoder keeps an unfinished line,
+  /// whose length has no limit: a stream without line feeds fills the memory.
   std::vector<LogRow> consume(std::span<const std::uint8_t> bytes) override;
 
   /// The largest number of bytes at the start of a stream that looksLikeThreadtime() examines.

@@ -1,6 +1,6 @@
 /// \file
-/// Finds the Apple log sources that a user can pick besides this machine: booted simulators, and
-/// the phones, tablets and other devices that the developer tools know.
+/// Finds the Apple log sources that a user can select, except this machine: booted simulators, and
+/// the phones, tablets and other devices that the Apple developer tools know.
 ///
 ///     const auto sources = DeviceCatalog::discoverSimulators(true).get();
 ///
@@ -35,8 +35,9 @@ Async<std::vector<SourceRef>> discoverDevices(bool enabled);
 /// Reads the simulators that are booted from `data`, the output of "simctl list devices --json".
 /// The result is empty if any entry is malformed, even an entry that would not be listed.
 ///
-/// The result is sorted by name, in the order of code points. Simulators with equal names are in
-/// the byte order of their runtime keys, and within one runtime in the order of the document.
+/// The result is sorted by name, in the order of code points. Simulators with equal names are
+/// sorted by the bytes of their runtime keys. Within one runtime they are in the order of the
+/// document.
 std::vector<SourceRef> parseSimulators(std::span<const std::uint8_t> data);
 
 /// Reads the physical devices except Macs from `data`, the output of "devicectl list devices
@@ -56,8 +57,8 @@ bool isStreamableDeviceState(const std::optional<std::string>& platform,
                              const std::optional<std::string>& tunnelState,
                              const std::optional<std::string>& pairingState);
 
-/// Returns the name and version for a simctl runtime key: "iOS 17.2" for
-/// "com.apple.CoreSimulator.SimRuntime.iOS-17-2".
+/// Returns the name and version of the operating system that a simctl runtime key names: "iOS 17.2"
+/// for "com.apple.CoreSimulator.SimRuntime.iOS-17-2".
 std::string osLabel(std::string_view fromRuntimeKey);
 
 /// Returns the name under which a platform is sold: "visionOS" for "xrOS". Returns every other name
@@ -70,8 +71,8 @@ Async<bool> toolExists(std::string tool);
 /// The bytes that a tool printed.
 using Bytes = std::vector<std::uint8_t>;
 
-/// Runs xcrun with `arguments` and returns its standard output, unparsed. Absent if xcrun cannot be
-/// started or does not exit with status 0.
+/// Runs xcrun with `arguments` and returns its standard output, unparsed. The result is absent if
+/// xcrun cannot be started or does not exit with status 0.
 Async<std::optional<Bytes>> runJSON(std::vector<std::string> arguments);
 
 }  // namespace runeflow::DeviceCatalog

@@ -2,9 +2,10 @@
 /// One log record, and its severity.
 ///
 /// Decoders turn bytes into LogRow values. The store keeps each LogRow as one row of its `events`
-/// table and returns it from its reads. All kinds of sources share this one type. What a source has
-/// besides time, level and message goes into the slots: eight optional texts, s0 to s7, whose
-/// meaning the SourceDescriptor of the source gives. For logcat, for example, slot 0 is the tag.
+/// table and returns it from its reads. All kinds of sources share this one type. The other fields
+/// of a source, besides time, level and message, are stored in slots: eight optional texts, s0 to
+/// s7. The SourceDescriptor of the source gives their meaning. For logcat, for example, slot 0 is
+/// the tag.
 ///
 /// A raw row is the record of a line that its decoder could not read. Its level is Info, its
 /// message is the whole line, its time is the time of decoding, and all its slots are absent.
@@ -29,8 +30,8 @@ namespace runeflow {
 /// microseconds.
 using Timestamp = std::chrono::sys_time<std::chrono::duration<double>>;
 
-/// The severity of a record, in ascending order. The store keeps the raw value, and ranges of
-/// levels compare raw values.
+/// The severity of a record, in ascending order. The raw value is the integer value of the
+/// enumerator. The store keeps the raw value, and queries compare it.
 enum class RuneflowLogLevel : std::uint8_t {
   Trace,    ///< Raw value 0.
   Debug,    ///< Raw value 1.
@@ -72,7 +73,7 @@ class LogRow {
   RuneflowLogLevel level() const { return level_; }
   /// Returns the message text.
   std::string_view message() const { return texts_.view().substr(slotEnds_.back()); }
-  /// Returns the additional names and values, which are absent in records without any.
+  /// Returns the additional names and values. Absent in records that have none.
   const std::optional<Context>& ctx() const { return ctx_; }
 
   /// \name Slots
@@ -107,14 +108,14 @@ class LogRow {
   std::optional<Context> ctx_;
 };
 
-/// Returns whole microseconds since 1970-01-01T00:00:00Z. Rounds to the nearest, and halves away
-/// from zero. Returns nothing if `timestamp` is not finite, or if the result does not fit 64 bits:
-/// that is the case about 292,000 years or more from 1970.
+/// Returns whole microseconds since 1970-01-01T00:00:00Z, rounded to the nearest number; halves are
+/// rounded away from zero. Returns nothing if `timestamp` is not finite or if the result does not
+/// fit 64 bits. The result fits for about 292,000 years before and after 1970.
 std::optional<std::int64_t> microsecondsSinceEpoch(Timestamp timestamp);
 
-/// Returns the instant `microseconds` after 1970-01-01T00:00:00Z. microsecondsSinceEpoch() returns
-/// the same number again for instants from 1834 to 2105. Outside these years it can return another
-/// number, because a double cannot represent every microsecond there.
+/// Returns the instant `microseconds` after 1970-01-01T00:00:00Z. For instants from 1834 to 2105,
+/// microsecondsSinceEpoch() converts the result back to the same number. Outside these years it can
+/// return another number, because a double cannot represent every microsecond there.
 Timestamp timestampFromMicroseconds(std::int64_t microseconds);
 
 /// Returns the level with the raw value `rawValue`, or nothing if it is not in the range 0 to 5.

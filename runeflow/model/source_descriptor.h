@@ -41,7 +41,7 @@ class StoreColumn {
   struct Message {
     bool operator==(const Message&) const = default;
   };
-  /// Exactly one kind of column.
+  /// The kinds of columns.
   using Value = std::variant<Slot, Level, Timestamp, Message>;
 
   /// Returns the column of slot `index`, which should be in the range 0 to 7.
@@ -67,7 +67,7 @@ class StoreColumn {
   Value value_;
 };
 
-/// One field of a source. Immutable except by assignment.
+/// One field of a source. A field can be assigned to, but not changed in parts.
 class FieldDescriptor {
  public:
   /// Creates a field from the values that the getters of the same names return.
@@ -147,7 +147,7 @@ struct DisplayHints {
   bool operator==(const DisplayHints&) const = default;
 };
 
-/// The schema of one kind of source. Immutable except by assignment.
+/// The schema of one kind of source. A descriptor can be assigned to, but not changed in parts.
 class SourceDescriptor {
  public:
   /// Returns the descriptor of the records that DLTDecoder creates.
@@ -156,8 +156,8 @@ class SourceDescriptor {
   static const SourceDescriptor& logcat();
 
   /// Creates a descriptor from the values that the getters of the same names return. No two fields
-  /// may use the same column, and slots must be in the range 0 to 7. The constructor checks
-  /// neither; validationError() finds columns used twice.
+  /// may use the same column, and slots must be in the range 0 to 7. The constructor checks neither
+  /// rule; validationError() finds columns that are used twice.
   SourceDescriptor(std::string id, std::string displayName, std::vector<FieldDescriptor> fields,
                    DisplayHints display, std::optional<std::string> appFieldName)
       : id_(std::move(id)),
@@ -171,7 +171,7 @@ class SourceDescriptor {
   const std::string& id() const { return id_; }
   /// Returns the name shown to the user, for example "DLT".
   const std::string& displayName() const { return displayName_; }
-  /// Returns the fields. The functions below that return lists keep their order.
+  /// Returns the fields. The functions below return lists in the same order.
   const std::vector<FieldDescriptor>& fields() const { return fields_; }
   /// Returns the hints for a viewer.
   const DisplayHints& display() const { return display_; }
@@ -196,8 +196,8 @@ class SourceDescriptor {
   /// the column of the first field, or slot 0 if there are no fields.
   StoreColumn appColumn() const;
 
-  /// Returns a text that names the first two fields found to use the same column, or nothing if all
-  /// columns differ. Checks nothing else.
+  /// Returns an error text that names the first two fields that use the same column, or nothing if
+  /// all columns differ. Checks nothing else.
   std::optional<std::string> validationError() const;
 
   bool operator==(const SourceDescriptor&) const = default;

@@ -1,9 +1,9 @@
 /// \file
 /// A reference to one Apple log source that the user can select: the Mac, a simulator or a device.
 ///
-/// SourceRef::thisMac() describes the machine that the library runs on. The functions of
-/// devices/device_catalog.h find simulators and attached devices. A SourceRef is a plain value and
-/// may be used on any thread.
+/// SourceRef::thisMac() describes the machine that the library runs on, also if that machine is not
+/// a Mac. The functions of devices/device_catalog.h find simulators and attached devices. A
+/// SourceRef is a plain value and may be used on any thread.
 #pragma once
 
 #include <cstddef>
@@ -35,14 +35,14 @@ struct SourceRef {
   /// The marketing name of a device. Absent for other kinds, and if the developer tools report
   /// none.
   std::optional<std::string> model = std::nullopt;
-  bool streamable;     ///< True if logs can be captured from the source at present.
+  bool streamable;     ///< True if logs can be streamed from the source at present.
   std::string symbol;  ///< The SF Symbols name of the source's icon.
 
   bool operator==(const SourceRef&) const = default;
 
-  /// Returns the machine that the library runs on, queried again on every call. `name` is its
-  /// network name, or "This Mac" if it has none. `osVersion` is "macOS " followed by the
-  /// version of the running kernel.
+  /// Returns the machine that the library runs on. Asks the system again on every call. `name` is
+  /// the machine's network name, or "This Mac" if it has none. `osVersion` is "macOS " followed by
+  /// the version of the running kernel, on every system.
   static SourceRef thisMac();
 
   /// Returns the SF Symbols name of the icon for `type`, a device type or a name that contains one,

@@ -32,8 +32,8 @@ class SwitchingSink final : public spdlog::sinks::base_sink<std::mutex> {
     stderr_.set_pattern("%Y-%m-%d %H:%M:%S.%e [" + std::string(subsystem) + ":%n] %l: %v");
   }
 
-  // `newSink` ends up holding the old sink, which is destroyed after the lock is released: objects
-  // that it captured may log in their destructors.
+  // After the swap `newSink` holds the old sink. It is destroyed after the lock is released,
+  // because objects that the old sink captured may log in their destructors.
   void attach(Sink newSink, spdlog::level::level_enum minimumLevel) {
     const std::lock_guard lock(mutex_);
     sink_.swap(newSink);

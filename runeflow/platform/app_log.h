@@ -2,10 +2,9 @@
 /// The library's diagnostic log. It reports the failures that the library does not return to its
 /// caller.
 ///
-/// Below, a host is the program that uses the library. By default, lines of level error go to
-/// standard error, and other lines are discarded. A host that has a log of its own calls
-/// AppLog::attachSink() to receive the lines. All functions may be called from any thread, except
-/// from inside a sink.
+/// By default, lines of level error go to standard error, and other lines are discarded. A host
+/// (the program that uses the library) with a log of its own calls AppLog::attachSink() to receive
+/// the lines. All functions may be called from any thread, but not from inside a sink.
 #pragma once
 
 #include <functional>
@@ -35,16 +34,16 @@ struct Line {
 /// Exceptions that it throws are discarded.
 using Sink = std::function<void(const Line&)>;
 
-/// Sends lines of `minimumLevel` and above to `sink`, and to no other place, from this call on. The
-/// library does not build the text of lines below `minimumLevel`. If `sink` is empty, lines go to
-/// standard error again. The previous sink is not called after attachSink() returns.
+/// Makes `sink` the only receiver of all lines of `minimumLevel` and above. The library does not
+/// build the text of lines below `minimumLevel`. If `sink` is empty, lines go to standard error
+/// again. The previous sink is not called after attachSink() returns.
 void attachSink(Sink sink, Level minimumLevel = Level::error);
 
 /// Writes lines of one category. Loggers exist until the process ends.
 class Logger {
  public:
-  /// Returns true if lines of `level` are written at present. If not, the caller can skip building
-  /// the message.
+  /// Returns true if `level` is enabled, which means that lines of this level are written. If it is
+  /// not, the caller need not build the message.
   bool isEnabled(Level level) const;
 
   /// Writes `message` at level debug, if that level is enabled.

@@ -2,12 +2,15 @@
 /// Runs blocking work on a background thread and lets the caller wait for its result.
 ///
 ///     auto answer = Async<int>([] { return slowSum(); });   // starts the work
-///     int sum = answer.get();                               // blocks until it is done
-///     int sum = co_await answer;                            // or, in a coroutine, suspends
+///     const int sum = answer.get();                         // blocks until the work is done
 ///
-/// Each piece of work runs on its own thread, which exits when the work is done. Any number of them
-/// can run at once, and work that never ends does not delay other work. The threads run at utility
-/// priority (a niceness of at least 10), have a stack of 4 MiB and receive no asynchronous signals.
+/// A coroutine waits with `co_await answer` instead of get(), which suspends it without blocking a
+/// thread.
+///
+/// Each piece of work runs on its own thread, which exits when the work is done. Any number of
+/// threads can run at once, and work that never ends does not delay other work. The threads run at
+/// utility priority (a niceness of at least 10), have a stack of 4 MiB and receive no asynchronous
+/// signals.
 ///
 /// An Async may be destroyed at any time without waiting, because the thread shares ownership of
 /// the result. The work then runs to its end and its result is discarded.
@@ -66,9 +69,11 @@ class [[nodiscard]] Async {
   }
 
   /// Suspends the coroutine until the work is done, then resumes it on the work's thread with the
-  /// result. If the work is already done, the coroutine continues at once on its own thread. A
-  /// suspended coroutine may be destroyed and is then not resumed. Its owner must ensure that the
-  /// work does not end at the same moment: the work's thread may already be resuming the coroutine.
+  /// result. If the work is already done, the coroutine continues at once on its own thread.
+  ///
+  /// A suspended coroutine may be destroyed and is then not resumed. The caller that destroys it
+  /// must ensure that the work does not end at the same moment, because the work's thread may
+  /// already be resuming the coroutine.
   auto operator co_await() {
     assert(state_ && "the result has been taken");
     return Awaiter(std::exchange(state_, nullptr));

@@ -19,7 +19,7 @@ std::chrono::year calendarYear(std::int64_t number) {
 
 // Returns the seconds east of UTC that are in force at an instant. Uses localtime_r instead of
 // mktime: mktime rereads the zone on every call, and its answer for an ambiguous time can depend on
-// the call before.
+// the previous call.
 std::int64_t offsetAtInstant(std::int64_t seconds) {
   const auto time = static_cast<std::time_t>(seconds);
   std::tm fields{};

@@ -9,8 +9,8 @@
 namespace runeflow {
 namespace {
 
-// A bound text ends at its first NUL character, as stored texts do. What a pattern adds behind a text
-// must not end with it.
+// A bound text ends at its first NUL character, as stored texts do. What a pattern adds behind a
+// text must not end with it.
 std::string_view untilNul(std::string_view text) {
   return text.substr(0, text.find('\0'));
 }
@@ -35,9 +35,10 @@ std::string ftsExpression(std::span<const std::string_view> words) {
   return expression;
 }
 
-// json_extract() compares the label of a path with the key as the stored JSON text spells it. The
-// path therefore contains the escape sequences of the store. A double quote cannot be
-// written: SQLite ends the label at the first double quote, even if it is doubled.
+// json_extract() compares the key in a path with the key in the stored JSON text, without decoding
+// escapes. The path therefore contains the same escape sequences as the stored text. A key with a
+// double quote cannot be expressed: SQLite ends the key at the first double quote, even if it is
+// doubled.
 std::string jsonPath(std::string_view key) {
   std::string path = "$.\"";
   for (const char& c : key) path += c == '"' ? "\"\"" : escapeJson({&c, 1});

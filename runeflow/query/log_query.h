@@ -1,6 +1,6 @@
 /// \file
-/// A LogQuery says which stored records to keep: a tree of conditions on columns, on keys of the
-/// context map and on the message, joined by AND, OR and NOT.
+/// A LogQuery selects stored records. It is a tree of conditions on columns, on the context map and
+/// on the message, joined by AND, OR and NOT.
 ///
 ///     const LogQuery query{QueryNode::and_(
 ///         {QueryNode::field({StoreColumn::level(), FieldOp::greaterOrEqual, Bind::int_(4)}),
@@ -8,24 +8,24 @@
 ///     const auto seqs = store.matchingSeqs(query, 0);
 ///
 /// QueryParser builds a query from typed text. A host (the program that uses the library) may also
-/// build one by hand. EventStore compiles the query into SQL. User text reaches SQLite only in
-/// bound parameters, never as part of the SQL text. All types are plain values. All operations are
-/// pure and may run on any thread.
+/// build the tree itself, as above. EventStore compiles the query to SQL. User text reaches SQLite
+/// only in bound parameters, never as part of the SQL text. All types are plain values. All
+/// operations are pure and may run on any thread.
 ///
-/// Every operation on a tree is recursive, its destruction too. In an optimised build a level of
-/// the tree takes about 300 bytes of stack, and 10,000 levels fit into the 8 MiB stack of a main
-/// thread.
+/// Every operation on a tree is recursive, including its destruction. In an optimised build each
+/// level of the tree takes about 300 bytes of stack; 10,000 levels fit into the 8 MiB stack of a
+/// main thread.
 ///
-/// SQLite refuses trees that are much smaller. The largest numbers that release 3.40 (Debian 12)
-/// takes, whatever the conditions and the read are:
+/// SQLite refuses much smaller trees. Release 3.40 (Debian 12) accepts, for every kind of condition
+/// and every function of EventStore that reads, at most:
 ///  - 993 children of one AND or OR; each word of a full-text term with `matchCase` is a child;
-///  - 39 NOTs inside one another;
-///  - 26 ANDs and ORs inside one another, if each is the last child of the next outer one;
-///  - 76 ANDs and ORs inside one another, if each is the first child of the next outer one;
-///  - 15 ANDs and ORs inside one another, if each is the last child and negated.
+///  - 39 nested NOTs;
+///  - 26 nested ANDs and ORs, if each is the last child of the next outer one;
+///  - 76 nested ANDs and ORs, if each is the first child of the next outer one;
+///  - 15 nested ANDs and ORs, if each is negated and the last child of the next outer one.
 ///
-/// Releases whose SQL parser has no fixed stack take deeper nesting. Larger queries compile, but
-/// SQLite fails to prepare their clause.
+/// SQLite releases whose SQL parser has no fixed stack accept deeper nesting. compile() also
+/// accepts larger trees, but SQLite cannot prepare the result.
 #pragma once
 
 #include <cstddef>
@@ -88,17 +88,18 @@ struct FieldPredicate {
 
 /// How a ContextPredicate searches the `ctx` column, which holds the context map as a JSON object.
 enum class ContextMatch {
-  /// Evaluates json_extract(). A JSON path cannot express a key that contains a double quote: no
-  /// record matches, and SQLite 3.40 fails the read at a record that has the part of the key before
+  /// Evaluates json_extract(). Key and value are compared byte by byte. A JSON path cannot express
+  /// a key that contains a double quote. A condition on such a key matches no record. With SQLite
+  /// 3.40, the whole read fails if it meets a record whose map contains the part of the key before
   /// the quote as a key.
   json,
-  /// Scans the JSON text with LIKE, which ignores the case of ASCII letters. Finds every key.
+  /// Scans the JSON text with LIKE, which ignores the case of ASCII letters. Can find every key.
   substringScan
 };
 
-/// The context map holds `key` with exactly `value`.
+/// A condition on the context map: the map contains `key`, and its value is `value`.
 struct ContextPredicate {
-  std::string key;                          ///< The key, case included.
+  std::string key;                          ///< The whole key.
   std::string value;                        ///< The whole value.
   ContextMatch match = ContextMatch::json;  ///< The method of the search.
   bool operator==(const ContextPredicate&) const = default;
@@ -107,17 +108,18 @@ struct ContextPredicate {
 /// How a FullTextTerm searches the message.
 class FullTextMode {
  public:
-  /// Searches the full-text index. The message contains all words, in any order; see ftsMatch().
+  /// Searches the full-text index. The message must contain all words, in any order; see
+  /// LogQuery::ftsMatch().
   struct Fts {
     bool operator==(const Fts&) const = default;
   };
-  /// Scans the messages with LIKE, which ignores the case of ASCII letters. The message contains
-  /// the whole text, without the white space at its ends, in one piece.
+  /// Scans the messages with LIKE, which ignores the case of ASCII letters. The message must
+  /// contain the whole text, except the white space at its ends, in one piece.
   struct SubstringScan {
     bool operator==(const SubstringScan&) const = default;
   };
-  /// A regular expression for the host. The library does not evaluate it, and the term matches no
-  /// record.
+  /// A regular expression that the host evaluates itself. The library does not evaluate it; in the
+  /// store the term matches no record.
   struct Regex {
     std::string pattern;  ///< The expression, in whatever syntax the host uses.
     bool operator==(const Regex&) const = default;
@@ -144,7 +146,7 @@ class FullTextMode {
 struct FullTextTerm {
   std::string raw;  ///< The text as typed. A text of white space alone matches every record.
   FullTextMode mode = FullTextMode::fts();  ///< The method of the search.
-  bool matchCase = false;  ///< The message also contains each word as typed; only for `fts`.
+  bool matchCase = false;  ///< The message must also contain each word as typed; only for `fts`.
   bool operator==(const FullTextTerm&) const = default;
 };
 
@@ -165,17 +167,17 @@ class QueryNode {
    private:
     std::shared_ptr<const std::vector<QueryNode>> nodes_;
   };
-  /// All children match. A list without children matches every record.
+  /// Matches if all children match. Without children it matches every record.
   struct And {
     Children children;  ///< The nodes that AND joins.
     bool operator==(const And&) const = default;
   };
-  /// At least one child matches. A list without children matches every record.
+  /// Matches if at least one child matches. Without children it matches every record.
   struct Or {
     Children children;  ///< The nodes that OR joins.
     bool operator==(const Or&) const = default;
   };
-  /// The child does not match.
+  /// Matches if the child does not match. See FieldOp for columns without a value.
   struct Not {
     Children child;  ///< A list of exactly one node.
     bool operator==(const Not&) const = default;
@@ -222,8 +224,8 @@ struct LogQuery {
 
   QueryNode root = QueryNode::all();  ///< The tree. By default the query matches every record.
 
-  /// Returns the query as SQL. Every tree compiles. A caller that puts parameters of its own in
-  /// front of the clause binds these first.
+  /// Returns the query as SQL. Every tree compiles. If the caller's statement has parameters before
+  /// the clause, the caller must bind those first.
   Compiled compile() const;
 
   /// Returns the query for an SQLite without FTS5: full-text terms of mode `fts` become LIKE scans
@@ -234,23 +236,23 @@ struct LogQuery {
   /// scans of `ctx`.
   LogQuery withContextAsSubstringScan() const;
 
-  /// Returns whether the root is `all`. Other trees that match every record are not empty.
+  /// Returns true if the root is `all`. Other trees do not count as empty, even if they match every
+  /// record.
   bool isEmpty() const;
 
   /// Escapes `text` for a LIKE pattern whose escape character is the backslash.
   static std::string escapeLike(std::string_view text);
 
-  /// Returns the FTS5 MATCH expression that finds all words of `text`. Each word, a piece between
-  /// white-space characters, is a phrase. It is a prefix phrase if isPrefixWord() holds. The result
-  /// is empty if there is no word.
+  /// Returns the FTS5 MATCH expression that finds all words of `text`. A word is a piece between
+  /// white-space characters. Each word becomes a phrase, or a prefix phrase if isPrefixWord()
+  /// returns true for it. The result is empty if `text` contains no word.
   static std::string ftsMatch(std::string_view text);
 
-  /// The number of user-perceived characters from which on a word also finds longer words that
-  /// begin with it.
+  /// The shortest length of a word that also finds longer words which begin with it, in
+  /// user-perceived characters (Unicode extended grapheme clusters).
   static constexpr std::size_t prefixCharacters = 3;
 
-  /// Returns whether `word` has at least `prefixCharacters` user-perceived characters (Unicode
-  /// extended grapheme clusters).
+  /// Returns true if `word` has at least `prefixCharacters` user-perceived characters.
   static bool isPrefixWord(std::string_view word);
 
   bool operator==(const LogQuery&) const = default;

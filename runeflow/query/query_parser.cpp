@@ -132,8 +132,8 @@ Tree negated(Tree tree, std::size_t times) {
   return {std::move(tree.root), tree.depth + times};
 }
 
-// Reads the tokens from left to right. The open groups are kept in a list, because recursion would
-// take stack for each of them. A group consists of runs joined by OR, and a run of conditions
+// Reads the tokens from left to right. Keeps the open groups in a list, because recursion would
+// need stack for each of them. A group consists of runs joined by OR. A run consists of conditions
 // joined by AND.
 class BoolParser {
  public:
@@ -151,8 +151,8 @@ class BoolParser {
   }
 
  private:
-  // Three levels stay free: later conditions may add an AND and an OR above the condition, and
-  // parse() another AND after a stray parenthesis.
+  // Three levels are reserved: later conditions may add an AND and an OR above the condition, and
+  // parse() may add another AND after a stray parenthesis.
   static constexpr std::size_t kDeepestCondition = maxDepth - 3;
 
   struct Group {
@@ -160,9 +160,9 @@ class BoolParser {
     std::size_t depth;      // ANDs, ORs and NOTs outside the group that lie above its conditions
     Operands run;           // the conditions since the last OR
     Operands branches;      // the finished runs
-    std::size_t wraps = 0;  // open parentheses around this group with nothing else in them so far
+    std::size_t wraps = 0;  // open parentheses that so far enclose nothing but this group
 
-    // The number of ANDs, ORs and NOTs above the operand that comes next.
+    // Returns the number of ANDs, ORs and NOTs above the next operand.
     std::size_t operandDepth() const {
       return depth + (run.isEmpty() ? 0 : 1) + (branches.isEmpty() ? 0 : 1);
     }
@@ -275,8 +275,8 @@ struct NameAndValue {
   std::string_view value;
 };
 
-// Splits `word` at its first colon. A colon that carries a combining mark, or is joined to the
-// character before it, does not count. Absent without a colon and for an empty value.
+// Splits `word` at its first colon. Ignores a colon that carries a combining mark or is joined to
+// the character before it. Returns nothing if there is no colon or no text after it.
 std::optional<NameAndValue> splitAtColon(std::string_view word) {
   auto colon = word.find(':');
   while (colon != std::string_view::npos && !unicode::standsAlone(word, colon)) {

@@ -8,10 +8,10 @@
 ///
 /// A plain word searches the message, `name:value` tests a field of the source, and `ctx.key:value`
 /// tests the record's context map. AND, OR, NOT and parentheses combine these conditions. Between
-/// two double quotes, blanks, parentheses and keywords are ordinary text; a colon keeps its
-/// meaning. Parsing never fails: a word that is no condition on a field or a key is searched as
-/// text, and an operator or parenthesis without its counterpart is skipped. docs/query-language.md
-/// describes the language for users.
+/// two double quotes, blanks, parentheses and keywords are ordinary text, but a colon keeps its
+/// meaning. Parsing never fails. A word that is not a condition on a field or on the context map is
+/// searched as text. An operator or parenthesis without its counterpart is skipped.
+/// docs/query-language.md describes the language for users.
 ///
 /// The text is read by user-perceived characters (Unicode extended grapheme clusters). parse() and
 /// lex() read bytes that are not UTF-8 as U+FFFD. leaf(), contextPredicate() and fieldPredicate()
@@ -48,30 +48,32 @@ std::vector<std::string> highlightTerms(const QueryNode& node);
 /// The largest depth of a tree that parse() returns. The depth of a condition is the number of
 /// ANDs, ORs and NOTs above it; parentheses alone do not count.
 ///
-/// parse() skips a NOT or a group, with everything in it, if it would put a condition deeper than
-/// maxDepth - 3. The count includes the AND and the OR that join the group to conditions before it,
-/// even if the words on both sides of the AND later merge into one term. Three levels stay free for
-/// the text that follows: it may add an AND, an OR, and, after a stray closing parenthesis, another
-/// AND.
+/// parse() skips a NOT or a group, with everything in it, if one of its conditions would lie deeper
+/// than maxDepth - 3. The depth includes the AND and the OR that join the group to the conditions
+/// before it, even if the words on both sides of the AND later merge into one term. The remaining
+/// three levels are reserved for an AND, an OR and, after a stray closing parenthesis, another AND
+/// that the rest of the text may add above.
 inline constexpr std::size_t maxDepth = 2'000;
 
-/// Returns the condition that one word stands for: a condition on the context map, else one on a
-/// field, else a full-text term of the whole word.
+/// Returns the condition that one word stands for: the result of contextPredicate(), else that of
+/// fieldPredicate(), else a full-text term of the whole word.
 QueryNode leaf(std::string_view word, const SourceDescriptor& descriptor, bool matchCase);
 
 /// Returns the condition of a `ctx.key:value` word. The value is everything after the first colon.
-/// Absent for any other word, and if the key or the value is empty.
+/// Returns nothing for any other word, or if the key or the value is empty.
 std::optional<ContextPredicate> contextPredicate(std::string_view word);
 
 /// Returns the condition of a `name:value` word. The value is everything after the first colon.
 ///
-/// Absent if `name` is not a queryable field of `descriptor`, if the value is empty, if the field
-/// is the level and the value is not the name of a level, and if the field is the timestamp.
+/// Returns nothing if `name` is not a queryable field of `descriptor`, if the value is empty, if
+/// the field is the level and the value is not the name of a level, or if the field is the
+/// timestamp.
 std::optional<FieldPredicate> fieldPredicate(std::string_view word,
                                              const SourceDescriptor& descriptor);
 
-/// Returns the raw value of the RuneflowLogLevel with the name or short name `text`, in any case.
-/// Absent if there is no such level.
+/// Returns the raw value of the RuneflowLogLevel that `text` names, in upper or lower case:
+/// "trace", "debug", "info", "warning", "warn", "error", "err", "fatal", "fault" or "critical".
+/// Returns nothing for any other text.
 std::optional<std::int64_t> levelValue(std::string_view text);
 
 /// A token of the query language.
@@ -133,7 +135,7 @@ enum class Combinator {
   or_    ///< At least one node must match.
 };
 
-/// Returns `nodes` joined by `combinator`. A single node is returned as it is. Absent if the list
+/// Returns `nodes` joined by `combinator`. Returns a single node unchanged, and nothing if the list
 /// is empty.
 std::optional<QueryNode> reduce(std::vector<QueryNode> nodes, Combinator combinator);
 

@@ -6,10 +6,11 @@
 ///     const auto query = QueryParser::parse("level:error", store->descriptor(), false);
 ///     for (const auto& [seq, row] : store->fetch(store->matchingSeqs(query, 0))) { … }
 ///
-/// A record's number is its `seq`: the rowid of its row, a positive integer that grows in the order
-/// of storing and starts again at 1 after `clear()` or when a trim removed every record.
+/// The number of a record is its `seq`, the rowid of its row. It is a positive integer that grows
+/// in the order of storing. After clear(), or after trimOldest() has deleted all records, the next
+/// record gets 1 again.
 ///
-/// Which read serves which need:
+/// Which function to use for which purpose:
 ///
 /// - For a list of all records that shows a page at a time, use `minSeq()` and `maxSeq()` for its
 ///   length and `fetchRange(first, last)` for the visible part.
@@ -62,9 +63,9 @@ struct ValueCount {
 /// Why a file cannot be read as a store.
 enum class StoreFault {
   none,          ///< It can be read.
-  noEvents,      ///< A readable database without the store's `events` table, or an empty one.
-  notADatabase,  ///< The file is no SQLite database.
-  damaged,       ///< SQLite finds the database malformed.
+  noEvents,      ///< The database has no table `events`, or the table lacks a column of a store.
+  notADatabase,  ///< The file is not an SQLite database.
+  damaged,       ///< SQLite reports that the database is malformed.
   cannotOpen,    ///< The file cannot be opened: it does not exist, or permission is missing.
   readOnly,  ///< Reading needs to write beside the file (`-wal`, `-shm`), which is not permitted.
   locked,    ///< Another connection held a lock for longer than the wait for locks, usually 5 s.
@@ -91,18 +92,19 @@ struct StoreCheck {
 struct StoreInfo {
   bool isEmpty = false;                 ///< The database has no table at all.
   StoreFault fault = StoreFault::none;  ///< Why the records cannot be read.
-  std::string faultText;                ///< The same in SQLite's words; empty for `none`.
-  bool hasFullText = false;             ///< The full-text index is there.
+  std::string faultText;                ///< SQLite's text for `fault`; empty for `none`.
+  bool hasFullText = false;             ///< The database has a full-text index.
   std::vector<std::string> indexes;     ///< Names of the indexes of `events`, in order of creation.
 
-  /// Returns whether the indexes are those that a store with this descriptor has, and no others.
+  /// Returns true if `indexes` are exactly those that a store with `descriptor` creates, in any
+  /// order.
   bool hasIndexesOf(const SourceDescriptor& descriptor) const;
 };
 
 /// One connection to one database file.
 ///
-/// The store owns its connection. One thread at a time may use an object; it takes no lock. A
-/// connection waits up to 5 s for locks of other connections.
+/// The store owns its connection. Only one thread at a time may use an object. A connection waits
+/// up to 5 s for locks of other connections.
 ///
 /// Writes report failure in the diagnostic log (AppLog, category "store"), not to the caller; a
 /// batch or trim that fails leaves the database as it was. A read that fails returns what it has
@@ -110,12 +112,13 @@ struct StoreInfo {
 /// inert, closed or moved-from store stores and finds nothing.
 class EventStore {
  public:
-  /// Opens the file at `path`. With `create` true, makes the file if it does not exist and creates
-  /// the tables and indexes that it lacks.
+  /// Opens the file at `path`. If `create` is true, creates the file if it does not exist, and the
+  /// tables and indexes that it lacks. In this case an invalid `descriptor` (see
+  /// SourceDescriptor::validationError()) is logged, but used.
   ///
-  /// Returns absence if the file cannot be opened. SQLite reads the file at the first statement, so
-  /// a file that is no database opens, and every write and read of it fails. An invalid
-  /// `descriptor` is logged and used.
+  /// Returns nothing if the file cannot be opened. The function does not check the contents of the
+  /// file and does not report tables that it cannot create. It can therefore return a store for a
+  /// file that is not a database; all writes and reads of that store fail. inspect() finds out.
   static std::optional<EventStore> open(const std::string& path, bool create,
                                         SourceDescriptor descriptor);
 
@@ -143,14 +146,14 @@ class EventStore {
   /// Closes the connection, as destruction does. May be called again.
   void close();
 
-  /// The descriptor that the store was opened with.
+  /// Returns the descriptor that the store was opened with.
   const SourceDescriptor& descriptor() const { return descriptor_; }
 
-  /// Whether this SQLite has FTS5. Without it, full-text terms of a query become substring scans of
-  /// the message.
+  /// Returns true if SQLite has FTS5. If not, the full-text terms of a query become substring scans
+  /// of the message.
   bool ftsAvailable() const { return ftsAvailable_; }
-  /// Whether this SQLite has the JSON functions. Without them, context conditions become substring
-  /// scans of the `ctx` column.
+  /// Returns true if SQLite has the JSON functions. If not, the context conditions of a query
+  /// become substring scans of the `ctx` column.
   bool jsonAvailable() const { return jsonAvailable_; }
 
   /// Appends `rows` in one transaction. Stores all of them or, after a failure, which it logs,
@@ -159,7 +162,7 @@ class EventStore {
   /// the store logs the first one.
   void insert(std::span<const LogRow> rows);
 
-  /// Returns how many rows insert() has committed through this object.
+  /// Returns the number of rows that insert() has committed through this object.
   std::int64_t insertedRows() const { return insertedRows_; }
 
   /// Deletes every record in one transaction; the next record gets seq 1. If the transaction cannot
@@ -167,12 +170,12 @@ class EventStore {
   /// full-text index is emptied all the same.
   void clear();
 
-  /// Deletes the `chunk` oldest records if the used bytes have reached `toUsedBytes`, and returns
-  /// the smallest remaining seq, or 0 if no record remains. One call deletes one chunk, however
-  /// large the excess is.
+  /// Deletes the `chunk` oldest records if usedBytes() is at least `toUsedBytes`. Deletes only one
+  /// chunk per call, even if usedBytes() is still above `toUsedBytes` afterwards.
   ///
-  /// Returns absence if it deleted nothing, also for a `toUsedBytes` below 1 and for a `chunk`
-  /// outside 1 to 2^31 - 1.
+  /// Returns the smallest remaining seq, or 0 if no record remains. Returns nothing if no record
+  /// was deleted. This is also the result if `toUsedBytes` is below 1 or `chunk` is not in the
+  /// range 1 to 2^31 - 1.
   std::optional<std::int64_t> trimOldest(std::int64_t toUsedBytes, std::int64_t chunk);
 
   /// Deletes the oldest records if the used bytes have reached `toUsedBytes`: at most
@@ -227,36 +230,41 @@ class EventStore {
   std::int64_t maxSeq();
   /// Returns the number of records.
   std::int64_t count();
-  /// Returns the number of records that match.
+  /// Returns the number of records that match `query`.
   std::int64_t countMatching(const LogQuery& query);
 
-  /// Returns the seqs greater than `after` of all records that match, ascending.
+  /// Returns the seqs of all records that match `query` and whose seq is greater than `after`, in
+  /// ascending order.
   std::vector<std::int64_t> matchingSeqs(const LogQuery& query, std::int64_t after);
 
-  /// Returns the detail lines of SQLite's plan for the statement of matchingSeqs(). The list is
-  /// empty if SQLite refuses the statement.
+  /// Returns the plan that EXPLAIN QUERY PLAN gives for the statement of matchingSeqs(), as the
+  /// texts of its column `detail`. The list is empty if SQLite refuses the statement.
   std::vector<std::string> matchingSeqsQueryPlan(const LogQuery& query, std::int64_t after);
 
-  /// Returns the records with a seq from `first` to `last`, both included, ascending.
+  /// Returns the records with a seq from `first` to `last`, both included, in ascending order.
   std::vector<FetchedRow> fetchRange(std::int64_t first, std::int64_t last);
 
-  /// Returns the stored records among `seqs`, ascending by seq, each once. The list is empty if
-  /// there are more numbers than SQLite takes parameters (250,000 on Debian).
+  /// Returns the stored records whose seq is one of `seqs`, in ascending order and each once. The
+  /// list is empty if `seqs` has more elements than SQLite allows parameters (250,000 on Debian).
   std::vector<FetchedRow> fetch(std::span<const std::int64_t> seqs);
 
-  /// Returns the distinct non-empty values of a slot column among the records that match (all
-  /// records without `matching`) and that begin with `prefix`, the most frequent value first, equal
-  /// counts in byte order. Any other column has none. The case of ASCII letters in `prefix` does
-  /// not matter. `limit` is clamped to 32 bits; a negative limit means no limit.
+  /// Returns the distinct non-empty values of `column`, which must be a slot; other columns give an
+  /// empty list. `matching`, if present, restricts the records that are examined. `prefix`, if
+  /// present, restricts the values to those that begin with it; ASCII case is ignored.
+  ///
+  /// The most frequent value comes first. Values with equal counts are in byte order. The list has
+  /// at most `limit` values; a negative limit means no limit. A `limit` that does not fit 32 bits
+  /// counts as the nearest number that does.
   std::vector<std::string> distinctValues(const StoreColumn& column,
                                           const std::optional<LogQuery>& matching,
                                           const std::optional<std::string>& prefix,
                                           std::int64_t limit);
-  /// Returns the distinct values of all records with their counts, in the same order and with the
-  /// same `limit`.
+  /// Returns the distinct values of all records, like distinctValues(), and the number of records
+  /// with each value.
   std::vector<ValueCount> distinctValuesWithCounts(const StoreColumn& column, std::int64_t limit);
 
-  /// Returns the size in bytes of the pages in use. The file may be larger.
+  /// Returns the size in bytes of all pages in use, by tables and by indexes. The file may be
+  /// larger.
   std::int64_t usedBytes();
 
  private:

@@ -32,9 +32,9 @@ std::optional<LogRow::Context> parseContext(std::string_view text) {
   return ctx;
 }
 
-// Converts to the record of the row at which a statement stands. emplace_back() then constructs the
-// record in its place in the list; constructing it elsewhere and moving it takes longer. The views
-// are members because constructing them for every row takes longer, too.
+// Converts to a LogRow: the record of the statement's current row. Because the conversion happens
+// inside emplace_back(), the record is constructed in its place in the list, which takes less time
+// than moving it there. The views are members because constructing them for every row takes longer.
 class RowReader {
  public:
   explicit RowReader(const Statement& statement) : statement_(statement) {}
@@ -43,7 +43,7 @@ class RowReader {
     statement_.readTexts(kFirstSlotColumn, slots_);
     statement_.readTexts(kMessageColumn, messageAndContext_);
     const auto& [message, ctx] = messageAndContext_;
-    // Only the low 32 bits of the level count; any number but 0 to 5 reads as Info.
+    // Uses only the low 32 bits of the level. Reads any number other than 0 to 5 as Info.
     const auto level =
         levelFromRawValue(static_cast<std::int32_t>(statement_.integer(kLevelColumn)));
     return {timestampFromMicroseconds(statement_.integer(kTimestampColumn)),

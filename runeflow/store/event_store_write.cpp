@@ -233,7 +233,7 @@ void EventStore::clear() {
 }
 
 std::optional<std::int64_t> EventStore::trimOldest(std::int64_t toUsedBytes, std::int64_t chunk) {
-  // SQLite takes a negative LIMIT for no limit.
+  // SQLite treats a negative LIMIT as no limit.
   if (chunk < 1 || chunk > std::numeric_limits<std::int32_t>::max()) return std::nullopt;
   if (!database_ || trim(*database_, toUsedBytes, {chunk}, ftsAvailable_) == 0) return std::nullopt;
   return minSeq();

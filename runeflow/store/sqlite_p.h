@@ -1,7 +1,8 @@
-// SQLite's C interface with owners: a connection, a prepared statement, a transaction.
+// Classes that own the objects of SQLite's C interface: a connection, a prepared statement, a
+// transaction.
 //
-// Nothing here throws or logs. A function reports failure by its result, and the connection holds
-// SQLite's text for it.
+// Nothing here throws or logs. A function reports failure by its result, and
+// Connection::errorText() returns SQLite's text for it.
 #pragma once
 
 #include <atomic>
@@ -19,9 +20,9 @@ namespace runeflow {
 
 class Bind;
 
-// Owns a prepared statement and finalizes it. A default-constructed or moved-from object, and one
-// whose SQL could not be prepared, owns none and converts to false; the caller must not use any
-// other member of it.
+// Owns a prepared statement and finalizes it. An object owns no statement if it is
+// default-constructed or moved-from, or if its SQL could not be prepared. Such an object converts
+// to false, and the caller must not use any other member of it.
 class Statement {
  public:
   enum class Step { row, done, error };

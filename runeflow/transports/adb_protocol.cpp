@@ -116,7 +116,7 @@ std::vector<std::string_view> lines(std::string_view text) {
   return found;
 }
 
-// Takes the next token off `line`. Returns an empty view at the end of the line.
+// Removes the next token from `line` and returns it. Returns an empty view at the end of the line.
 std::string_view takeToken(std::string_view& line) {
   constexpr std::string_view kBlanks = " \t";
   line.remove_prefix(std::min(line.find_first_not_of(kBlanks), line.size()));

@@ -2,24 +2,29 @@
 /// A client of the adb server, the part of Android's debug bridge that runs on the developer's
 /// machine.
 ///
-/// The client lists the devices that the server knows, chooses one, and opens a stream on which a
-/// shell command runs on that device. The command is normally a logcat that prints the threadtime
-/// text that LogcatDecoder reads. By default the server listens only on loopback; the functions
-/// connect to any address.
+/// The functions list the devices that the server knows, choose one, and start a shell command on
+/// it. They return the output of the command as a stream. The command is normally a logcat that
+/// prints threadtime text, the format that LogcatDecoder reads. By default the server listens only
+/// on loopback, but the functions connect to any address. In this example, fail() is a function of
+/// the program:
 ///
-///     namespace adb = ADBTransport;
+///     namespace adb = runeflow::ADBTransport;
 ///     const auto found = adb::devices(adb::defaultHost, adb::defaultPort);
 ///     if (!found) return fail(found.error().message());
 ///     const auto target = adb::pickTarget(*found);
 ///     if (!target) return fail(adb::ADBError::noDevices().message());
-///     if (!target->isReady()) return fail(adb::ADBError::deviceNotReady(…).message());
-///     const auto fd = adb::connectLogcat(target->serial, …, "logcat -v threadtime");
+///     if (!target->isReady()) {
+///       return fail(adb::ADBError::deviceNotReady(target->serial, target->state).message());
+///     }
+///     const auto fd = adb::connectLogcat(target->serial, adb::defaultHost, adb::defaultPort,
+///                                        "logcat -v threadtime");
+///     if (!fd) return fail(fd.error().message());
 ///
 /// Any number of threads may call the functions at once. The functions that take a host and a port
-/// block their thread. Only connecting has a time limit, for each address of the host: 3 s in
-/// devices() and 5 s in connectLogcat(). If a server accepts the connection and then stays silent,
-/// the call waits without limit. If the server closes the connection, the call returns an error and
-/// raises no SIGPIPE.
+/// block their thread. Only connecting has a time limit, which applies to each address of the host:
+/// 3 s in devices() and 5 s in connectLogcat(). If a server accepts the connection and then stays
+/// silent, the call waits without limit. If the server closes the connection, the call returns an
+/// error and raises no SIGPIPE.
 #pragma once
 
 #include <cstdint>
@@ -64,10 +69,10 @@ struct Device {
 /// with `ServerUnreachable` or `ProtocolFailure`.
 std::expected<std::vector<Device>, ADBError> devices(std::string_view host, std::uint16_t port);
 
-/// Chooses a device from `devices`. With a `serial`, returns the device with exactly that serial,
-/// whatever its state; absent if there is no such device. If `serial` is absent or empty, returns
-/// the first ready emulator, else the first ready device, else the first device; absent only if
-/// the list is empty. The caller must check whether the chosen device is ready.
+/// Chooses a device from `devices`. If `serial` is given, returns the device with exactly that
+/// serial, even if it is not ready, or nothing if there is no such device. If `serial` is absent or
+/// empty, returns the first ready emulator, else the first ready device, else the first device, or
+/// nothing if the list is empty. The caller must check whether the chosen device is ready.
 std::optional<Device> pickTarget(std::span<const Device> devices,
                                  std::optional<std::string_view> serial = std::nullopt);
 
@@ -84,14 +89,14 @@ std::expected<int, ADBError> connectLogcat(std::string_view serial, std::string_
 /// The error of devices() and connectLogcat().
 class ADBError {
  public:
-  /// The server could not be connected to, or the connection broke before it answered.
+  /// Connecting to the server failed, or the connection broke before the server answered.
   struct ServerUnreachable {
     std::string text;  ///< A complete sentence for the user.
     bool operator==(const ServerUnreachable&) const = default;
   };
   /// The server rejected a request, or its answer could not be read.
   struct ProtocolFailure {
-    std::string text;  ///< The reason: the server's own text, or a phrase if it gave none.
+    std::string text;  ///< The server's own text, or a phrase of the library if it sent none.
     bool operator==(const ProtocolFailure&) const = default;
   };
   /// The server does not know the device.

@@ -26,8 +26,8 @@ struct OpenFile {
   bool operator==(const OpenFile&) const = default;
 };
 
-/// Opens the file as openForReading() does and determines its length. Absent if the file cannot be
-/// opened; errno is then set as for openForReading().
+/// Opens the file as openForReading() does and determines its length. Returns nothing if the file
+/// cannot be opened; errno is then set as for openForReading().
 std::optional<OpenFile> openForReadingWithSize(std::string_view path);
 
 }  // namespace runeflow::FileTransport
