@@ -57,7 +57,7 @@ class RecordPrinter {
   RecordFormat format_;
   Highlighting highlighting_;
   std::FILE* out_;
-  bool isGuarded_;  // the output reaches a terminal: no control characters, not even in CSV
+  bool isGuarded_;  // the output reaches a terminal: CSV and JSON are escaped, too
 };
 
 }  // namespace cli
