@@ -1,9 +1,7 @@
-#include <fmt/format.h>
-
 #include "commands.h"
 #include "host/database.h"
 #include "host/failure.h"
-#include "terminal.h"
+#include "output.h"
 
 namespace cli {
 
@@ -13,7 +11,7 @@ namespace {
 
 void repair(EventStore& store, const std::string& path) {
   if (store.rebuildFullText()) {
-    fmt::print("{}: the full-text index was built anew\n", path);
+    printLine("{}: the full-text index was built anew", path);
     return;
   }
   const auto error = store.takeError();
@@ -23,16 +21,16 @@ void repair(EventStore& store, const std::string& path) {
 
 // Prints what was found and returns whether the database is sound.
 bool report(const runeflow::StoreCheck& found, const std::string& path) {
-  for (const auto& fault : found.faults) fmt::print("{}: {}\n", path, onOneLine(fault));
+  for (const auto& fault : found.faults) printLine("{}: {}", path, fault);
   if (!found.fullTextFault.empty()) {
-    fmt::print("{}: the full-text index does not fit the records ({}); mend it with --repair\n",
-               path, onOneLine(found.fullTextFault));
+    printLine("{}: the full-text index does not fit the records ({}); mend it with --repair", path,
+              found.fullTextFault);
   }
   const bool isSound = found.faults.empty() && found.fullTextFault.empty();
   if (isSound) {
-    fmt::print("{}: the database is sound{}\n", path,
-               found.isFullTextChecked ? ", and the full-text index fits the records"
-                                       : "; it has no full-text index");
+    printLine("{}: the database is sound{}", path,
+              found.isFullTextChecked ? ", and the full-text index fits the records"
+                                      : "; it has no full-text index");
   }
   return isSound;
 }

@@ -202,7 +202,10 @@ void addSources(CLI::App& app, int& exitCode) {
 }  // namespace
 
 int runCommandLine(int argc, char** argv) {
-  CLI::App app("Captures log streams into an SQLite database and answers questions about them.");
+  // Named here, because CLI11 would print the first argument, which the caller chooses, in the
+  // help.
+  CLI::App app("Captures log streams into an SQLite database and answers questions about them.",
+               "runeflow");
   app.require_subcommand(1);
   app.footer("Exit codes: 0 done, 1 nothing matched, 2 a usage or input error.");
   app.set_version_flag("--version", RUNEFLOW_VERSION);

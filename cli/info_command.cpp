@@ -12,6 +12,7 @@
 #include "host/failure.h"
 #include "json_line.h"
 #include "level_counts.h"
+#include "output.h"
 #include "record_printer.h"
 #include "runeflow/platform/app_log.h"
 #include "terminal.h"
@@ -74,35 +75,35 @@ void printJson(const std::string& path, const Summary& summary) {
   object["usedBytes"] = summary.usedBytes;
   object["indexes"] = summary.info.indexes;
   object["fullText"] = summary.info.hasFullText;
-  fmt::print("{}\n", jsonLine(object));
+  fmt::print("{}\n", jsonLine(object, isTerminal(stdout)));
 }
 
 void printText(const std::string& path, const runeflow::SourceDescriptor& descriptor,
                const Summary& summary) {
   const auto time = [](const auto& t) { return t ? localTime(*t) : std::string("-"); };
-  fmt::print("{}: {} records\n", path, descriptor.displayName());
-  fmt::print("  records     {}\n", summary.records);
-  fmt::print("  seq         {} to {}\n", summary.firstSeq, summary.lastSeq);
-  fmt::print("  time        {} to {}\n", time(summary.firstTime), time(summary.lastTime));
+  printLine("{}: {} records", path, descriptor.displayName());
+  printLine("  records     {}", summary.records);
+  printLine("  seq         {} to {}", summary.firstSeq, summary.lastSeq);
+  printLine("  time        {} to {}", time(summary.firstTime), time(summary.lastTime));
   std::int64_t most = 0;
   for (const auto& [level, count] : summary.levels) most = std::max(most, count);
   for (const auto& [level, count] : summary.levels) {
-    fmt::print("  {:<10} {:>9}  {}\n", levelName(level), count,
-               bar(count, most, barColumns(kLabelColumns)));
+    printLine("  {:<10} {:>9}  {}", levelName(level), count,
+              bar(count, most, barColumns(kLabelColumns)));
   }
-  fmt::print("  used bytes  {}\n", summary.usedBytes);
-  fmt::print("  indexes     {}\n", fmt::join(summary.info.indexes, ", "));
-  fmt::print("  full text   {}\n", summary.info.hasFullText ? "yes" : "no");
+  printLine("  used bytes  {}", summary.usedBytes);
+  printLine("  indexes     {}", fmt::join(summary.info.indexes, ", "));
+  printLine("  full text   {}", summary.info.hasFullText ? "yes" : "no");
 }
 
 bool hasConsent(const std::string& path, std::int64_t records) {
   if (::isatty(STDIN_FILENO) != 1)
     host::fail("clearing {} needs --yes when nobody can be asked", path);
-  fmt::print(stderr, "Delete {} of {}? [y/N] ", counted(records, "record"), path);
+  ask("Delete {} of {}? [y/N] ", counted(records, "record"), path);
   std::string answer;
-  if (!std::getline(std::cin, answer)) fmt::print(stderr, "\n");
+  if (!std::getline(std::cin, answer)) writeError("\n");
   const bool agrees = answer == "y" || answer == "Y" || answer == "yes";
-  if (!agrees) fmt::print(stderr, "runeflow: nothing deleted\n");
+  if (!agrees) say("nothing deleted");
   return agrees;
 }
 
@@ -130,7 +131,7 @@ int clear(const ClearOptions& options) {
   if (const auto error = store.takeError()) {
     host::fail("could not clear {}: {}", options.database, error->text);
   }
-  fmt::print(stderr, "runeflow: {} deleted\n", counted(records, "record"));
+  say("{} deleted", counted(records, "record"));
   return 0;
 }
 

@@ -1,8 +1,5 @@
 // `runeflow`: the command-line host of RuneflowCore. Records go to standard output, everything else
 // to standard error.
-#include <fmt/format.h>
-
-#include <cstdio>
 #include <exception>
 #include <system_error>
 
@@ -15,15 +12,16 @@ namespace {
 constexpr int kUsageOrInputError = 2;
 
 int complain(const char* sentence) {
-  // Not with fmt::print, which throws if standard error cannot be written.
-  std::fputs(fmt::format("runeflow: {}\n", sentence).c_str(), stderr);
+  cli::say("{}", sentence);
   return kUsageOrInputError;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  cli::reserveStandardDescriptors();
   try {
+    cli::sayLibraryLog();
     const int exitCode = cli::runCommandLine(argc, argv);
     cli::flushOutput();
     return exitCode;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "output.h"
 #include "runeflow/platform/app_log.h"
 #include "terminal.h"
 
@@ -37,7 +38,7 @@ Progress::Progress(const runeflow::CaptureSession& session, std::optional<std::i
 }
 
 Progress::~Progress() {
-  runeflow::AppLog::attachSink({});
+  sayLibraryLog();
   const std::lock_guard lock(mutex_);
   erase();
   flushRepeats();
@@ -54,7 +55,7 @@ void Progress::tick() {
   samples_.emplace_back(now, done.rowsStored);
   if (samples_.size() > kRateSamples) samples_.pop_front();
   const auto line = text(done);
-  fmt::print(stderr, "\r{}\x1b[K", columnsOf(line) > width ? fitted(line, width) : line);
+  writeError(fmt::format("\r{}\x1b[K", columnsOf(line) > width ? fitted(line, width) : line));
   isDrawn_ = true;
 }
 
@@ -80,14 +81,14 @@ double Progress::seconds() const {
 }
 
 void Progress::erase() {
-  if (isDrawn_) fmt::print(stderr, "\r\x1b[K");
+  if (isDrawn_) writeError("\r\x1b[K");
   isDrawn_ = false;
 }
 
 void Progress::say(const std::string& line) {
   const std::lock_guard lock(mutex_);
   erase();
-  fmt::print(stderr, "runeflow: {}\n", line);
+  cli::say("{}", line);
 }
 
 // Counts repeated lines instead of printing them: a full disk causes the same line for every batch.
@@ -99,12 +100,12 @@ void Progress::logLine(std::string line) {
   }
   erase();
   flushRepeats();
-  fmt::print(stderr, "runeflow: {}\n", line);
+  cli::say("{}", line);
   lastLogged_ = std::move(line);
 }
 
 void Progress::flushRepeats() {
-  if (repeats_ > 0) fmt::print(stderr, "runeflow: (the same {} more)\n", counted(repeats_, "time"));
+  if (repeats_ > 0) cli::say("(the same {} more)", counted(repeats_, "time"));
   repeats_ = 0;
 }
 
@@ -119,7 +120,7 @@ void Progress::summarise(std::optional<std::int64_t> recordsKept) {
   const std::lock_guard lock(mutex_);
   erase();
   flushRepeats();
-  fmt::print(stderr, "runeflow: {}\n", summary);
+  cli::say("{}", summary);
 }
 
 }  // namespace cli

@@ -162,7 +162,7 @@ int query(const QueryOptions& options) {
   host::failIfRefused(store, parsed, options.database);
   if (options.showsPlan) {
     const auto plan = store.matchingSeqsQueryPlan(parsed, after);
-    fmt::print("{}\n", fmt::join(plan, "\n"));
+    for (const auto& step : plan) printLine("{}", step);
     return 0;
   }
   if (options.counts) return count(store, parsed, options);

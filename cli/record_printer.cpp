@@ -10,6 +10,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "host/terminal_text.h"
 #include "json_line.h"
 #include "terminal.h"
 
@@ -169,7 +170,7 @@ void RecordPrinter::print(std::span<const FetchedRow> records) {
 void RecordPrinter::fitColumnsTo(std::span<const FetchedRow> records) {
   for (auto& column : columns_) {
     for (const auto& record : records) {
-      const auto taken = columnsOf(onOneLine(slotText(record, column.slot)));
+      const auto taken = columnsOf(host::terminalField(slotText(record, column.slot)));
       column.width = std::min(kWidestColumn, std::max(column.width, taken));
     }
   }
@@ -187,13 +188,13 @@ std::string RecordPrinter::peopleLine(const FetchedRow& record) const {
                   paint(colour::kReset));
   for (const auto& column : columns_) {
     if (!column.isInTable || column.width == 0) continue;
-    line += ' ' + fitted(onOneLine(slotText(record, column.slot)), column.width);
+    line += ' ' + fitted(host::terminalField(slotText(record, column.slot)), column.width);
   }
   return line + "  " + highlighted(record.row.message());
 }
 
 std::string RecordPrinter::highlighted(std::string_view message) const {
-  if (!highlighting_.usesColour || highlighting_.words.empty()) return onOneLine(message);
+  if (!highlighting_.usesColour || highlighting_.words.empty()) return host::terminalField(message);
   std::vector<bool> covered(message.size(), false);
   for (const auto& word : highlighting_.words)
     cover(covered, message, word, highlighting_.matchCase);
@@ -201,7 +202,7 @@ std::string RecordPrinter::highlighted(std::string_view message) const {
   for (std::size_t start = 0; start < message.size();) {
     std::size_t end = start + 1;
     while (end < message.size() && covered[end] == covered[start]) ++end;
-    const auto piece = onOneLine(message.substr(start, end - start));
+    const auto piece = host::terminalField(message.substr(start, end - start));
     line +=
         covered[start] ? fmt::format("{}{}{}", colour::kHighlight, piece, colour::kReset) : piece;
     start = end;
@@ -212,8 +213,9 @@ std::string RecordPrinter::highlighted(std::string_view message) const {
 std::string RecordPrinter::plainLine(const FetchedRow& record) const {
   std::string line = fmt::format("{}\t{}\t{}", record.seq, utcTime(record.row.timestamp()),
                                  levelName(record.row.level()));
-  for (const auto& column : columns_) line += '\t' + onOneLine(slotText(record, column.slot));
-  return line + '\t' + onOneLine(record.row.message());
+  for (const auto& column : columns_)
+    line += '\t' + host::terminalField(slotText(record, column.slot));
+  return line + '\t' + host::terminalField(record.row.message());
 }
 
 std::string RecordPrinter::jsonLine(const FetchedRow& record) const {
@@ -227,7 +229,7 @@ std::string RecordPrinter::jsonLine(const FetchedRow& record) const {
   }
   object["message"] = record.row.message();
   if (record.row.ctx()) object["ctx"] = *record.row.ctx();
-  return cli::jsonLine(object);
+  return cli::jsonLine(object, isGuarded_);
 }
 
 std::string RecordPrinter::csvHeader() const {
@@ -240,7 +242,7 @@ std::string RecordPrinter::csvLine(const FetchedRow& record) const {
   std::string line = fmt::format("{},{},{}", record.seq, utcTime(record.row.timestamp()),
                                  levelName(record.row.level()));
   const auto append = [&](std::string_view text) {
-    line += ',' + (isGuarded_ ? csvField(onOneLine(text)) : csvField(text));
+    line += ',' + (isGuarded_ ? csvField(host::terminalField(text)) : csvField(text));
   };
   for (const auto& column : columns_) append(slotText(record, column.slot));
   append(record.row.message());

@@ -58,7 +58,7 @@ class RecordPrinter {
   RecordFormat format_;
   Highlighting highlighting_;
   std::FILE* out_;
-  bool isGuarded_;  // the output reaches a terminal; control characters are escaped even in CSV
+  bool isGuarded_;  // the output reaches a terminal: CSV and JSON are escaped, too
 };
 
 }  // namespace cli

@@ -7,7 +7,9 @@
 #include <vector>
 
 #include "commands.h"
+#include "host/terminal_text.h"
 #include "json_line.h"
+#include "output.h"
 #include "runeflow/devices/device_catalog.h"
 #include "runeflow/transports/adb_transport.h"
 #include "terminal.h"
@@ -57,9 +59,7 @@ void addApple(std::vector<Source>& sources) {
     const auto* missing = listsSimulators ? "devices"
                           : listsDevices  ? "simulators"
                                           : "simulators or devices";
-    fmt::print(stderr,
-               "runeflow: no Apple {}: the developer tools for them (xcrun) are not installed\n",
-               missing);
+    say("no Apple {}: the developer tools for them (xcrun) are not installed", missing);
   }
   auto simulators = DeviceCatalog::discoverSimulators(listsSimulators);
   auto devices = DeviceCatalog::discoverDevices(listsDevices);
@@ -71,7 +71,7 @@ void addAndroid(std::vector<Source>& sources) {
   const auto devices =
       ADBTransport::devices(std::string(ADBTransport::defaultHost), ADBTransport::defaultPort);
   if (!devices) {
-    fmt::print(stderr, "runeflow: no Android devices: {}\n", devices.error().message());
+    say("no Android devices: {}", devices.error().message());
     return;
   }
   for (const auto& device : *devices) {
@@ -88,20 +88,20 @@ void printJson(const Source& source) {
       {"kind", source.kind},         {"id", source.id},
       {"name", source.name},         {"os", text(source.os)},
       {"model", text(source.model)}, {"streamable", source.streamable}};
-  fmt::print("{}\n", jsonLine(object));
+  fmt::print("{}\n", jsonLine(object, isTerminal(stdout)));
 }
 
 void printTable(const std::vector<Source>& sources) {
   std::size_t nameWidth = 4;
   std::size_t osWidth = 2;
   for (const auto& source : sources) {
-    nameWidth = std::max(nameWidth, columnsOf(onOneLine(source.name)));
-    osWidth = std::max(osWidth, columnsOf(onOneLine(source.os.value_or(""))));
+    nameWidth = std::max(nameWidth, columnsOf(host::terminalText(source.name)));
+    osWidth = std::max(osWidth, columnsOf(host::terminalText(source.os.value_or(""))));
   }
   const auto line = [&](std::string_view kind, const std::string& name, const std::string& os,
                         std::string_view logs, const std::string& id) {
-    fmt::print("{:<10} {}  {}  {:<4}  {}\n", kind, fitted(onOneLine(name), nameWidth),
-               fitted(onOneLine(os), osWidth), logs, onOneLine(id));
+    printLine("{:<10} {}  {}  {:<4}  {}", kind, fitted(host::terminalText(name), nameWidth),
+              fitted(host::terminalText(os), osWidth), logs, id);
   };
   line("KIND", "NAME", "OS", "LOGS", "ID");
   for (const auto& source : sources) {

@@ -39,39 +39,6 @@ int terminalWidth(std::FILE* stream) {
   return size.ws_col;
 }
 
-std::optional<unsigned> c1ControlAt(std::string_view text, std::size_t at) {
-  constexpr unsigned char kLead = 0xC2;  // the first of two bytes; the second is the code point
-  if (at + 1 >= text.size() || static_cast<unsigned char>(text[at]) != kLead) return std::nullopt;
-  const auto number = static_cast<unsigned char>(text[at + 1]);
-  if (number < 0x80 || number > 0x9F) return std::nullopt;
-  return number;
-}
-
-std::string onOneLine(std::string_view text) {
-  std::string line;
-  line.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    if (const auto control = c1ControlAt(text, i)) {
-      line += fmt::format("\\u{:04x}", *control);
-      ++i;
-    } else if (byte == '\n') {
-      line += "\\n";
-    } else if (byte == '\r') {
-      line += "\\r";
-    } else if (byte == '\t') {
-      line += "\\t";
-    } else if (byte == '\\') {
-      line += "\\\\";
-    } else if (byte < 0x20 || byte == 0x7F) {
-      line += fmt::format("\\x{:02x}", byte);
-    } else {
-      line += text[i];
-    }
-  }
-  return line;
-}
-
 std::string counted(std::int64_t count, std::string_view noun) {
   return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }

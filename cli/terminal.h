@@ -1,9 +1,9 @@
-// Text for a terminal: colours, widths and the escaping of control characters.
+// The terminal: its colours, and the widths of texts. host/terminal_text.h escapes what it would
+// obey.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -27,14 +27,6 @@ inline constexpr std::string_view kYellow = "\x1b[33m";
 inline constexpr std::string_view kBlue = "\x1b[34m";
 inline constexpr std::string_view kHighlight = "\x1b[1;30;43m";
 }  // namespace colour
-
-// Returns the text with backslashes and control characters escaped ("\n", "\x1b"), because a log
-// may hold escape sequences for the terminal.
-std::string onOneLine(std::string_view text);
-
-// Returns the C1 control character (U+0080 to U+009F) that begins at `at`, or nothing if another
-// character begins there.
-std::optional<unsigned> c1ControlAt(std::string_view text, std::size_t at);
 
 // Returns "1 record", "2 records".
 std::string counted(std::int64_t count, std::string_view noun);

@@ -6,6 +6,7 @@
 
 #include "commands.h"
 #include "host/database.h"
+#include "host/terminal_text.h"
 #include "json_line.h"
 #include "level_counts.h"
 #include "record_printer.h"
@@ -63,18 +64,19 @@ std::vector<ValueCount> levelValues(EventStore& store, const LogQuery& matching,
 
 void printValues(const std::vector<ValueCount>& values, bool isJson) {
   std::size_t width = 0;
-  for (const auto& value : values) width = std::max(width, columnsOf(onOneLine(value.value)));
+  for (const auto& value : values)
+    width = std::max(width, columnsOf(host::terminalField(value.value)));
   width = std::min(width, kWidestValue);
   for (const auto& [value, count] : values) {
     if (isJson) {
       const nlohmann::ordered_json object = {{"value", value}, {"count", count}};
-      fmt::print("{}\n", jsonLine(object));
+      fmt::print("{}\n", jsonLine(object, isTerminal(stdout)));
     } else if (isTerminal(stdout)) {
       constexpr std::size_t kCountColumns = 13;  // the count and the blanks around it
-      fmt::print("{}  {:>9}  {}\n", fitted(onOneLine(value), width), count,
+      fmt::print("{}  {:>9}  {}\n", fitted(host::terminalField(value), width), count,
                  bar(count, values.front().count, barColumns(width + kCountColumns)));
     } else {
-      fmt::print("{}\t{}\n", onOneLine(value), count);
+      fmt::print("{}\t{}\n", host::terminalField(value), count);
     }
   }
 }

@@ -113,6 +113,9 @@ void failIfIncomplete(EventStore& store, const std::string& path) {
 
 void failIfRefused(EventStore& store, const runeflow::LogQuery& query, const std::string& path) {
   if (!store.matchingSeqsQueryPlan(query, 0).empty()) return;
+  if (const auto error = store.takeError(); error && error->fault != StoreFault::refused) {
+    fail("cannot read {}: {}{}", path, error->text, adviceFor(error->fault));
+  }
   if (!EventStore::inspect(path).hasFullText) {
     fail("{} has no full-text index; ask it without words, or capture it anew", path);
   }

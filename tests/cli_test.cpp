@@ -2,7 +2,9 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,7 +15,10 @@
 #include <fstream>
 #include <memory>
 #include <regex>
+#include <thread>
 
+#include "host/terminal_text.h"
+#include "runeflow/platform/file_descriptor.h"
 #include "support.h"
 
 namespace runeflow {
@@ -41,6 +46,12 @@ class Command : public testing::Test {
   std::string shown(const std::string& arguments) const {
     return runLine(
                fmt::format("script -qec '{} {}' /dev/null </dev/null", RUNEFLOW_COMMAND, arguments))
+        .output;
+  }
+  // With a terminal as well, but without colours.
+  std::string shownWithoutColour(const std::string& arguments) const {
+    return runLine(fmt::format("NO_COLOR=1 PAGER=cat script -qec '{} {}' /dev/null </dev/null",
+                               RUNEFLOW_COMMAND, arguments))
         .output;
   }
   Outcome runLine(const std::string& command) const {
@@ -227,6 +238,307 @@ TEST_F(Command, anInterruptedCaptureKeepsEverythingDecoded) {
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   EXPECT_EQ(run("query a.db last --count", "").output, "1\n");
+}
+
+// Sets a terminal's title and colour, by C0 and C1; turns the text around; hides a character.
+constexpr std::string_view kHostile =
+    "\x1b]0;t\x07\x1b[31m\u009b31m\u202e\ufeff\u00ad\U000e0041\x7f";
+// As kHostile, and forges a second line. For words that are not split at white space.
+const std::string kForging = std::string(kHostile) +
+                             "\x9b"
+                             "2J\b\r\nruneflow: all is well\t\u2028";
+
+std::string shellWord(std::string_view word) {
+  return fmt::format("'{}'", word);
+}
+
+// Every line feed ends a line of the command's own. The terminal adds a return to it, and CSV has
+// one already.
+void expectHarmless(const std::string& output) {
+  const auto text = std::regex_replace(output, std::regex("\r*\n"), "|");
+  EXPECT_EQ(text, host::terminalText(text));
+}
+
+std::string withLength(std::string_view text) {
+  return fmt::format("{:04x}{}", text.size(), text);
+}
+
+// An adb server that serves one connection after the other. It waits for a request before each of
+// its answers, and hangs up behind the last one.
+class StandInServer {
+ public:
+  using Connections = std::vector<std::vector<std::string>>;
+
+  explicit StandInServer(Connections connections, std::uint16_t port = 0) {
+    sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    auto* const plain = reinterpret_cast<sockaddr*>(&address);
+    socklen_t size = sizeof address;
+    const int on = 1;
+    ::setsockopt(listener_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    listens_ = ::bind(listener_.get(), plain, size) == 0 && ::listen(listener_.get(), 8) == 0;
+    ::getsockname(listener_.get(), plain, &size);
+    port_ = ntohs(address.sin_port);
+    if (!listens_) return;
+    thread_ = std::jthread([this, connections = std::move(connections)] {
+      for (const auto& answers : connections) serve(answers);
+    });
+  }
+  ~StandInServer() { finish(); }
+  StandInServer(const StandInServer&) = delete;
+  StandInServer& operator=(const StandInServer&) = delete;
+
+  bool listens() const { return listens_; }
+  std::string address() const { return fmt::format("127.0.0.1:{}", port_); }
+
+  // Returns what clients sent behind their last request.
+  std::string finish() {
+    ::shutdown(listener_.get(), SHUT_RDWR);  // ends a wait for a client
+    if (thread_.joinable()) thread_.join();
+    return unasked_;
+  }
+
+ private:
+  static std::string read(int client, std::size_t most) {
+    std::string bytes;
+    char byte = 0;
+    while (bytes.size() < most && ::recv(client, &byte, 1, 0) == 1) bytes += byte;
+    return bytes;
+  }
+  void serve(const std::vector<std::string>& answers) {
+    const FileDescriptor client(::accept(listener_.get(), nullptr, nullptr));
+    if (!client) return;
+    for (const auto& answer : answers) {
+      const auto length = read(client.get(), 4);
+      if (length.size() < 4) return;
+      read(client.get(), std::stoul(length, nullptr, 16));
+      ::send(client.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
+    }
+    ::shutdown(client.get(), SHUT_WR);
+    unasked_ += read(client.get(), std::string::npos);
+  }
+
+  FileDescriptor listener_{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  bool listens_ = false;
+  std::uint16_t port_ = 0;
+  std::string unasked_;
+  std::jthread thread_;
+};
+
+const std::string kLogLine = "01-02 03:04:05.678  1  2 W Net: disk full\n";
+
+std::string deviceList(std::string_view lines) {
+  return "OKAY" + withLength(lines);
+}
+
+TEST_F(Command, hostileWordsOfTheCommandLineAreEscaped) {
+  captureThree();
+  const std::string file = kForging + ".file";
+  const std::string database = kForging + "m.db";
+  const std::string other = kForging + ".other";
+  write(file, "no log at all\n");
+  write(kForging + ".dlt", std::string("DLT\x01") + std::string(12, '\0'));
+  EXPECT_EQ(run("capture a.log --db " + shellWord(database)).exitCode, 0);
+  write(other, "");
+  test::sql(folder_.file(other), "CREATE TABLE t(x)");
+  const std::string word = shellWord(kForging);
+  const std::string table[] = {
+      "capture " + word + " --db b.db",
+      "capture " + shellWord(file) + " --db b.db",
+      "capture a.log " + shellWord(kForging + ".dlt") + " --db b.db",
+      "capture a.log --db " + shellWord(kForging + "/b.db"),
+      "capture a.log --db " + shellWord(file),
+      "capture a.log --db " + shellWord(other),
+      "capture " + shellWord(kForging + ".dlt") + " --db " + shellWord(database),
+      "capture a.log --db b.db --format " + word,
+      "capture a.log --db b.db --max-bytes " + word,
+      "capture --db b.db --dlt " + shellWord(kForging + ":0"),
+      "capture --db b.db --dlt " + shellWord(kForging + std::string(300, 'x')),
+      "capture --db b.db --adb " + shellWord(kForging + ":x"),
+      "capture --db b.db --adb " + shellWord(kForging + std::string(300, 'x')),
+      "capture --db b.db --" + word,
+      "query " + word + " x",
+      "query " + shellWord(file) + " x",
+      "query " + shellWord(other) + " x",
+      "query a.db x --source " + word,
+      "query a.db x --" + word,
+      "query a.db x --first " + word,
+      "query a.db x --after " + word,
+      "values a.db " + word,
+      "values a.db tag --limit " + word,
+      "info " + word,
+      "info a.db " + word,
+      "clear " + shellWord(database) + " </dev/null",
+      "clear a.db --source " + word,
+      word,
+  };
+  for (const auto& arguments : table) {
+    SCOPED_TRACE(arguments);
+    const auto [exitCode, output] = run(arguments);
+    EXPECT_EQ(exitCode, 2);
+    EXPECT_EQ(std::ranges::count(output, '\n'), 1) << output;
+    expectHarmless(output);
+  }
+  for (const auto& arguments : {"info *m.db", "info *m.db --json", "clear *m.db"}) {
+    SCOPED_TRACE(arguments);
+    const auto output = shownWithoutColour(arguments);
+    EXPECT_THAT(output, HasSubstr("all is well"));
+    expectHarmless(output);
+  }
+  const auto help =
+      runLine(fmt::format("bash -c 'exec -a \"$0\" {} --help' {}", RUNEFLOW_COMMAND, word));
+  EXPECT_EQ(help.exitCode, 0);
+  expectHarmless(help.output);
+}
+
+TEST_F(Command, hostileRecordsAreEscaped) {
+  write("a.log", fmt::format("01-02 03:04:05.678  1  2 W {0}: disk {0}\x9b 2J\r{1}\n", kHostile,
+                             "\u2028\u2066"));
+  EXPECT_EQ(run("capture a.log --db a.db").exitCode, 0);
+  // A decoder stores valid UTF-8 only; a database of somebody else may hold anything.
+  test::sql(folder_.file("a.db"),
+            "INSERT INTO events(ts, level, s0, message) VALUES(0, 2, CAST(x'9b1b5b41c2' AS TEXT), "
+            "CAST(x'6469736b209b311b5b41e280' AS TEXT))");
+  for (const auto* arguments :
+       {"query a.db level:info", "query a.db level:info --json", "query a.db level:info --csv",
+        "query a.db level:info --pager", "query a.db level:info --csv --pager", "values a.db tag",
+        "values a.db tag --json"}) {
+    SCOPED_TRACE(arguments);
+    const auto output = shownWithoutColour(arguments);
+    EXPECT_THAT(output, HasSubstr("31m"));
+    expectHarmless(output);
+  }
+  EXPECT_THAT(run("query a.db disk --json").output, HasSubstr("\\u001b[31m\\u009b31m\u202e\ufeff"));
+  EXPECT_THAT(run("query a.db disk --csv").output, HasSubstr(kHostile));
+}
+
+TEST_F(Command, hostileDatabasesAreEscaped) {
+  captureThree();
+  const auto ask = [this](const std::string& statement) {
+    EXPECT_THAT(test::sql(folder_.file("a.db"), statement), testing::IsEmpty());
+  };
+  const auto expectHarmlessly = [this](const std::string& arguments) {
+    SCOPED_TRACE(arguments);
+    for (const auto& output : {run(arguments).output, shownWithoutColour(arguments)}) {
+      EXPECT_THAT(output, HasSubstr("31m"));
+      expectHarmless(output);
+    }
+  };
+  ask(fmt::format("DROP INDEX i_s0; CREATE INDEX \"{}\" ON events(s0)", kForging));
+  expectHarmlessly("info a.db --source logcat");
+  EXPECT_THAT(run("info a.db --source logcat --json").output, HasSubstr("\\u001b[31m"));
+  expectHarmless(shownWithoutColour("info a.db --source logcat --json"));
+  expectHarmlessly("query a.db tag:Net --plan --source logcat");
+  // Reported by the library's log.
+  ask(
+      fmt::format("CREATE TRIGGER d BEFORE DELETE ON events BEGIN SELECT RAISE(ABORT, '{0}'); END;"
+                  "CREATE TRIGGER i BEFORE INSERT ON events BEGIN SELECT RAISE(ABORT, '{0}'); END",
+                  kForging));
+  expectHarmlessly("clear a.db --source logcat --yes");
+  expectHarmlessly("capture a.log --db a.db");
+  // Reported by SQLite as it opens the database.
+  ask(
+      fmt::format("PRAGMA writable_schema = ON; INSERT INTO sqlite_schema VALUES('table', '{0}', "
+                  "'{0}', 0, 'CREATE TABLE (')",
+                  kForging));
+  expectHarmlessly("info a.db");
+  expectHarmlessly("capture a.log --db a.db");
+}
+
+TEST_F(Command, hostileServersAreEscaped) {
+  const auto name = std::string(kHostile);  // serials and models end at white space
+  const auto two = deviceList(fmt::format("{0}1 device model:{0}\n{0}2 device model:{0}\n", name));
+  const auto failure = "FAIL" + withLength(kForging);
+  const struct {
+    const char* name;
+    StandInServer::Connections connections;
+    std::string options;
+    int exitCode = 2;
+  } table[] = {
+      {"FAIL for the list", {{failure}}, ""},
+      {"no status", {{"\x1b[31"}}, ""},
+      {"truncated", {{"\x1b[3Jffff\x1b[31m"}}, ""},
+      {"state", {{deviceList(name + " " + name)}}, ""},
+      {"unknown serial", {{two}}, "--serial nobody"},
+      {"hostile serial", {{two}}, "--serial " + shellWord(kForging)},
+      {"FAIL for the device", {{two}, {failure}}, ""},
+      {"not found", {{two}, {"FAIL" + withLength(kForging + "not found")}}, ""},
+      {"FAIL for the command", {{two}, {"OKAY", failure}}, ""},
+      {"hang-up", {{two}, {"OKAY"}}, "--command " + shellWord(kForging)},
+      {"one of two", {{two}, {"OKAY", "OKAY" + kLogLine}}, "", 0},
+  };
+  for (const auto& row : table) {
+    SCOPED_TRACE(row.name);
+    StandInServer server(row.connections);
+    const auto [exitCode, output] =
+        run(fmt::format("capture --db a.db --adb {} {}", server.address(), row.options));
+    EXPECT_EQ(exitCode, row.exitCode);
+    EXPECT_GE(std::ranges::count(output, '\n'), 1);
+    expectHarmless(output);
+  }
+}
+
+TEST_F(Command, listsTheDevicesOfAHostileServer) {
+  EXPECT_EQ(run("sources", "2>/dev/full >out").exitCode, 0);
+  EXPECT_THAT(runLine("cat out").output, HasSubstr("machine"));
+  const auto devices =
+      deviceList(fmt::format("{0}1 device model:{0}\nemulator-{0} device model:{0}\n", kHostile));
+  constexpr std::uint16_t kAdbPort = 5037;  // the only one that `sources` asks
+  StandInServer server({{devices}, {devices}, {"FAIL" + withLength(kForging)}}, kAdbPort);
+  if (!server.listens()) GTEST_SKIP() << "another adb server uses port 5037";
+  for (const auto* arguments : {"sources", "sources --json", "sources"}) {
+    SCOPED_TRACE(arguments);
+    const auto output = shownWithoutColour(arguments);
+    EXPECT_THAT(output, HasSubstr("31m"));
+    expectHarmless(output);
+  }
+}
+
+TEST_F(Command, nothingDependsOnStandardError) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(::pipe(ends.data()), 0);
+  const FileDescriptor unread(ends[1]);
+  ::close(ends[0]);
+  for (const auto& target :
+       {std::string("2>/dev/full"), std::string("2>&-"), fmt::format("2>&{}", unread.get())}) {
+    SCOPED_TRACE(target);
+    captureThree();
+    EXPECT_EQ(run("capture a.log --db b.db", target).exitCode, 0);
+    EXPECT_EQ(run("query missing.db x", target).exitCode, 2);
+    EXPECT_EQ(run("query a.db x --first 0", target).exitCode, 2);
+    EXPECT_EQ(run("clear a.db </dev/null", target).exitCode, 2);
+    EXPECT_EQ(run("clear a.db --yes", target).exitCode, 0);
+    EXPECT_EQ(run("query a.db --count", target).output, "0\n");
+  }
+}
+
+TEST_F(Command, aLiveCaptureOutlivesItsStandardError) {
+  const auto devices = deviceList("a device\nb device\n");
+  for (const auto* target : {"/dev/full", "&-"}) {
+    SCOPED_TRACE(target);
+    // After a reconnect, the device sends its newest records again. They are stored once.
+    std::string both = kLogLine + kLogLine;
+    both.insert(both.size() - 1, " again");
+    StandInServer server(
+        {{devices}, {"OKAY", "OKAY" + kLogLine}, {devices}, {"OKAY", "OKAY" + both}});
+    const auto line =
+        fmt::format("cd {} && exec {} capture --adb {} --db live.db --reconnect >/dev/null 2>{}",
+                    folder_.file(""), RUNEFLOW_COMMAND, server.address(), target);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      ::execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
+      ::_exit(127);
+    }
+    // The second record comes over the second connection.
+    for (int left = 500; left > 0 && run("query live.db --count", "2>&1").output != "2\n"; --left) {
+      ::usleep(20'000);
+    }
+    ::kill(child, SIGINT);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(run("clear live.db --yes").output, "runeflow: 2 records deleted\n");
+    EXPECT_EQ(server.finish(), "") << "a sentence went to the device";
+  }
 }
 
 }  // namespace

@@ -95,8 +95,14 @@ bool OpenDatabase::openForReading() {
 
 bool OpenDatabase::reopenIfChanged(bool hasFailed) {
   if (!isForReading || isInSnapshot || !(isUnwatched || hasFailed)) return false;
+  // A capture that begins or ends creates or removes the log between two looks at it.
+  constexpr int kPause = 10;  // milliseconds
+  const bool isTransient =
+      hasFailed && failure &&
+      (failure->fault == StoreFault::cannotOpen || failure->fault == StoreFault::readOnly);
+  if (isTransient) sqlite3_sleep(kPause);
   const auto now = FileState::of(path);
-  return now != openedAs && now.isSameFile(openedAs) && openForReading();
+  return (isTransient || now != openedAs) && now.isSameFile(openedAs) && openForReading();
 }
 
 StoreError OpenDatabase::presentError() const {
