@@ -85,6 +85,13 @@ StoreInfo EventStore::inspect(const std::string& path) {
   Statement tables = db.prepare("SELECT count(*) FROM sqlite_schema");
   if (!tables || !tables.stepsToRow()) return failed();
   info.isEmpty = tables.integer(0) == 0;
+  Statement view =
+      db.prepare("SELECT 1 FROM sqlite_schema WHERE type='view' AND name='events' COLLATE NOCASE");
+  if (view && view.stepsToRow()) {
+    info.fault = StoreFault::noEvents;
+    info.faultText = "events is a view, not a table";
+    return info;
+  }
   Statement events = db.prepare("SELECT seq,ts,level,message FROM events LIMIT 1");
   if (!events || events.step() == Statement::Step::error) return failed();
   info.hasFullText = static_cast<bool>(db.prepare("SELECT rowid FROM events_fts LIMIT 1"));

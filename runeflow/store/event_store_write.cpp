@@ -164,7 +164,9 @@ std::optional<std::int64_t> EventStore::trimOldest(std::int64_t toUsedBytes, std
 std::int64_t EventStore::usedBytes() {
   const auto pages = scalar(database_.get(), "PRAGMA page_count");
   const auto freePages = scalar(database_.get(), "PRAGMA freelist_count");
-  return (pages - freePages) * scalar(database_.get(), "PRAGMA page_size");
+  // The file's header states the number of free pages, and SQLite does not check it.
+  const auto usedPages = pages - std::clamp<std::int64_t>(freePages, 0, pages);
+  return usedPages * scalar(database_.get(), "PRAGMA page_size");
 }
 
 }  // namespace runeflow
