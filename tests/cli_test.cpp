@@ -180,6 +180,7 @@ TEST_F(Command, whatCannotBeDoneIsOneSentenceAndExitCodeTwo) {
       {"capture a.log --db b.db --reconnect", "--reconnect goes with --dlt or --adb"},
       {"capture --db b.db", "name what to capture"},
       {"capture --dlt 127.0.0.1:0 --db b.db", "no valid port"},
+      {"capture --dlt ::1]:3490 --db b.db", "'::1]:3490' has a bracket without its counterpart"},
       {"capture --dlt 127.0.0.1:1 --db b.db", "127.0.0.1:1: Connection refused"},
       {"capture --adb 127.0.0.1:1 --db b.db", "No adb server is listening on 127.0.0.1:1."},
       {"query missing.db x", "missing.db does not exist"},
