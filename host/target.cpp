@@ -21,6 +21,9 @@ HostAndPort parseTarget(const std::string& target, std::uint16_t defaultPort) {
     port = std::string_view(target).substr(host.size());
   }
   if (host.empty()) fail("'{}' names no host; write HOST or HOST:PORT", target);
+  if (host.find_first_of("[]") != std::string_view::npos) {
+    fail("'{}' has a bracket without its counterpart; write [ADDRESS]:PORT", target);
+  }
   if (port.empty()) return {std::string(host), defaultPort};
   std::uint16_t number = 0;
   const char* end = port.data() + port.size();

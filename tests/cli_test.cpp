@@ -175,6 +175,8 @@ TEST_F(Command, whatCannotBeDoneIsOneSentenceAndExitCodeTwo) {
   write("empty", "");
   write("other", "");
   test::sql(folder_.file("other"), "CREATE TABLE t(x)");
+  write("view", "");
+  test::sql(folder_.file("view"), "CREATE VIEW events AS SELECT 1 seq, 2 ts, 3 level, 'm' message");
   write("rec.dlt", std::string("DLT\x01") + std::string(12, '\0'));
   const std::pair<const char*, const char*> table[] = {
       {"capture missing.log --db b.db", "cannot open missing.log: No such file or directory"},
@@ -189,11 +191,13 @@ TEST_F(Command, whatCannotBeDoneIsOneSentenceAndExitCodeTwo) {
       {"capture a.log --db b.db --reconnect", "--reconnect goes with --dlt or --adb"},
       {"capture --db b.db", "name what to capture"},
       {"capture --dlt 127.0.0.1:0 --db b.db", "no valid port"},
+      {"capture --dlt ::1]:3490 --db b.db", "'::1]:3490' has a bracket without its counterpart"},
       {"capture --dlt 127.0.0.1:1 --db b.db", "127.0.0.1:1: Connection refused"},
       {"capture --adb 127.0.0.1:1 --db b.db", "No adb server is listening on 127.0.0.1:1."},
       {"query missing.db x", "missing.db does not exist"},
       {"query empty x", "empty holds no log records"},
       {"query other x", "other holds no log records"},
+      {"info view --source logcat", "view holds no log records"},
       {"values a.db tagg", "there is no field 'tagg'; Android records have tag, pid, tid, level"},
       {"query a.db x --json --csv", "--json excludes --csv"},
       {"query a.db x --frist 1", "there is no option --frist"},

@@ -81,6 +81,14 @@ StoreInfo EventStore::inspect(const std::string& path) {
   info = reading(database.get(), [](OpenDatabase& db) {
     StoreInfo found;
     found.isEmpty = db.scalar("SELECT count(*) FROM sqlite_schema") == 0;
+    // A view may run any query, also one that never ends.
+    const bool isView = db.scalar(
+                            "SELECT count(*) FROM sqlite_schema WHERE type='view' AND "
+                            "name='events' COLLATE NOCASE") > 0;
+    if (isView) {
+      db.note({StoreFault::refused, "events is a view, not a table"});
+      return found;
+    }
     Statement events = db.prepare("SELECT seq,ts,level,message FROM events LIMIT 1");
     db.forEachRow(events, [] {});
     found.hasFullText = static_cast<bool>(db.prepare("SELECT rowid FROM events_fts LIMIT 1"));

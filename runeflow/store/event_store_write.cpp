@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <expected>
@@ -153,8 +154,11 @@ bool deleteUpTo(OpenDatabase& db, std::int64_t seq) {
 }
 
 std::int64_t usedBytesOf(OpenDatabase& db) {
-  const auto pages = db.scalar("PRAGMA page_count") - db.scalar("PRAGMA freelist_count");
-  return pages * db.scalar("PRAGMA page_size");
+  const auto pages = db.scalar("PRAGMA page_count");
+  const auto freePages = db.scalar("PRAGMA freelist_count");
+  // The header of the file states the number of free pages, and SQLite does not check it.
+  const auto usedPages = pages - std::clamp<std::int64_t>(freePages, 0, pages);
+  return usedPages * db.scalar("PRAGMA page_size");
 }
 
 std::int64_t failTrim(OpenDatabase& db, const char* step, StoreError error) {
