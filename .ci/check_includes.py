@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Checks every #include of the tree against the table of folders in docs/architecture.md.
 
 usage: check_includes.py [ROOT]      checks the tree at ROOT (default: the current folder)

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Input and databases for the benchmarks. Most benchmarks compare the library with a bare program,
 // their yardstick: the least code that does the same work, in plain C++ or with SQLite's C
 // interface.

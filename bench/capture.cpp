@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Compares a whole capture, from bytes in a file to records in the database, with a bare program: a
 // loop that stores the same rows from memory.
 #include <fmt/format.h>

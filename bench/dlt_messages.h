@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Generates a DLT recording for the benchmarks. All its messages have the same layout.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Compares the decoding of logcat text into rows with a bare program: a loop that reads the same
 // fields and copies no texts.
 #include <fmt/format.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Times the library and the bare program (the least code that does the same work) in turn.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Compares the store's queries and fetches with a bare program: an equivalent SQL statement, run
 // through SQLite's C interface. The two use separate connections to one database.
 #include <fmt/format.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Reads from a database every 16 ms, as the table of a log viewer does, while a capture writes to
 // it at full speed. Fails if a read misses stored records or returns them out of order.
 #include <fmt/format.h>

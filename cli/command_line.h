@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The command line of `runeflow`: its subcommands with their options and help texts.
 #pragma once
 

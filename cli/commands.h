@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The subcommands of `runeflow`: the options of each, and the function that runs it. Each function
 // returns the exit code: 0 done, 1 nothing matched, 2 input or records were lost. It throws
 // host::Failure for everything else.

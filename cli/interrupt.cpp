@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "interrupt.h"
 
 #include <poll.h>

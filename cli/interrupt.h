@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Ctrl-C as an event that a loop can wait for.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // JSON for a line of output.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The number of records of each level.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // `runeflow`: the command-line host of RuneflowCore. Records go to standard output, everything else
 // to standard error.
 #include <exception>

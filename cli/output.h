@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Standard output and standard error. Every sentence to the user goes through this header, which
 // escapes what a terminal would obey (host/terminal_text.h). fmt::print is for lines whose parts
 // are escaped already.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A line on standard error that shows the progress of a capture. The lines of the library's log are
 // printed above it.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "pump.h"
 
 #include <poll.h>

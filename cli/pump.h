@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Moves the bytes of a stream into the pipe of a capture's reader, so that the user can interrupt
 // any stream.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "record_printer.h"
 
 #include <fmt/chrono.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Prints records, for people and for programs.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The terminal: its colours, and the widths of texts. host/terminal_text.h escapes what it would
 // obey.
 #pragma once

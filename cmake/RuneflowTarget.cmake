@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: MIT
+
 # Sets the compile options that all targets of this tree share. The warning options are private to the target. The
 # presets turn warnings into errors (CMAKE_COMPILE_WARNING_AS_ERROR); a packager's build does not.
 function(runeflow_target target)

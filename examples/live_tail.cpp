@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Captures from a DLT daemon and prints each new record that matches a query. Ctrl-C ends it.
 #include <sys/socket.h>
 #include <unistd.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Captures a saved logcat file into a database, then prints the records that match a query.
 #include <chrono>
 #include <future>

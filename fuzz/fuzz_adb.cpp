@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Takes any bytes as the answers of an adb server. Every call must return, the device list must not
 // hold more devices than the answer has room for, and a request for a service must not read beyond
 // the "OKAY" that accepts it.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Any typed bytes as a size and as an address: what is refused is refused with a sentence, and what
 // is accepted means what the text says.
 #include <cstdint>

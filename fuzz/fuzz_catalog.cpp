@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Passes any bytes to both parsers of the device catalog. The result must be sorted by name, every
 // source must have a symbol, and every id must begin with the prefix of its kind.
 #include <algorithm>

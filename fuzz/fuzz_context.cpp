@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Any texts as a context map: its JSON reads back as the same map, a store returns the same map,
 // and conditions on its members find the record.
 #include <algorithm>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Any bytes as a database file: every function of a store returns within seconds, a host fails only
 // with a sentence, and looking at a file does not change it. (A file made by hand can keep SQLite
 // busy for ever; see docs/architecture.md. Patches at random offsets do not build one.)

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Decodes any bytes as a DLT stream, whole and cut in two. Both ways must give the same rows, and
 // the texts of the rows must be valid UTF-8.
 #include <cstddef>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // However logcat text is cut, its rows are the same, and their texts are UTF-8.
 #include <algorithm>
 #include <cstddef>

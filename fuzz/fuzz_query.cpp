@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Parses any bytes as a typed query. SQLite must be able to prepare its clause, also after the
 // full-text and context conditions are rewritten as substring scans.
 #include <sqlite3.h>

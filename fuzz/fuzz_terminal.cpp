@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Any bytes as text for a terminal: the result is valid UTF-8 and holds nothing that a terminal
 // obeys, harmless text stays as it is, and a field can be restored.
 #include <unicode/uchar.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Runs random queries on a store of 1,000 records. countMatching() and matchingSeqs() must agree on
 // the number of matches. The argument is the number of queries. The seed is fixed, so every run
 // asks the same queries. A failure prints the query and its number.

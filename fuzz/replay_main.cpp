@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Runs a fuzz target on every file in the folders that the arguments name. Used where libFuzzer is
 // not available.
 #include <cstdint>

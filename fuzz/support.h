@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // What several fuzz targets need: a check that ends the process, and a folder of their own.
 #pragma once
 

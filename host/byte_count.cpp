@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/byte_count.h"
 
 #include <charconv>

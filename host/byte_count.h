@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Reads the sizes that users type.
 #pragma once
 

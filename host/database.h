@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Functions that open the database that a user names. If it cannot be used, they fail with a
 // sentence that gives the reason.
 #pragma once

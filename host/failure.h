@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The failure that a host shows to its user: one sentence that says what failed, on which file,
 // host or word, and what to do.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/log_kind.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The kinds of logs that the hosts can capture and show, in one table. A new kind is a new row.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/overlap.h"
 
 #include <fmt/chrono.h>

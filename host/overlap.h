@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Resuming a logcat stream: a device that is connected to again sends records that are stored
 // already.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/stream.h"
 
 #include <netinet/in.h>

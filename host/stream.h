@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The byte streams that a capture reads: files, standard input, a DLT daemon, the adb server.
 #pragma once
 

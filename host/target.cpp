@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/target.h"
 
 #include <algorithm>

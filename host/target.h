@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Reads the addresses of servers that users type.
 #pragma once
 

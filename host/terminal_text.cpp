@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "host/terminal_text.h"
 
 #include <fmt/format.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Text for a terminal. Names, error texts, paths and log messages come from servers, files and
 // users. A terminal obeys control sequences in them, and some of Unicode's invisible characters
 // reorder or hide the text around them. These functions escape both; their result is valid UTF-8 on

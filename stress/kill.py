@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Kills `runeflow` with SIGKILL at random moments and checks the database after each kill.
 
 usage: kill.py RUNEFLOW [N] [--seed SEED] [--kinds KIND,...]

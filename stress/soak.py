@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Captures, reads and clears one database at once for some minutes, and checks it again and again.
 
 usage: soak.py RUNEFLOW [MINUTES] [--seed SEED] [--report-only]

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Shared by kill.py and soak.py: generated logs, a filter in plain Python that answers the same
 queries as `runeflow query`, running commands, and the checks that every database must pass."""
 

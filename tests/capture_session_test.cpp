@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/capture/capture_session.h"
 
 #include <fcntl.h>

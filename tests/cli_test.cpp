@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The command as a user runs it: the built program, its output and its exit codes.
 #include <fmt/format.h>
 #include <gmock/gmock.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Runs the example hosts (programs that use the library) as a user does, and checks the code that
 // the documentation quotes.
 #include <arpa/inet.h>

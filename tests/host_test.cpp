@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Text for a terminal: what is escaped, what is not, and where the borders lie.
 #include <gtest/gtest.h>
 

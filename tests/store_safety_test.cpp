@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The store beside other connections, on damaged files, and when a read or write is cut short.
 #include <fmt/format.h>
 #include <gmock/gmock.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <gmock/gmock.h>

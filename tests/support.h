@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Helpers that several test files share: a temporary folder, SQL on a second connection to a
 // database, the lines of the library's log, and a thread with a small stack.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/decoders/dlt_decoder.h"
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// Decodes the AUTOSAR Diagnostic Log and Trace (DLT) byte format into records.
 ///

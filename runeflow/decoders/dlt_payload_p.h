@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Formats the payload of a DLT message as text. No function here reads beyond the bytes that it is
 // given, except load(), whose caller checks the size.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// Decodes Android logcat text in the threadtime format, one record per line:
 ///

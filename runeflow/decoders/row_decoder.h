@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// The interface of the decoders, which cut a byte stream into log records.
 ///

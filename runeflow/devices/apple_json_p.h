@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The device lists that the developer tools print as JSON. The structures hold only the keys that
 // the catalog reads.
 //

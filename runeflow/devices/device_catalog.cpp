@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/devices/device_catalog.h"
 
 #include <iterator>

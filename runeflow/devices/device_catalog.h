@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// Finds the Apple log sources that a user can select, except this machine: booted simulators, and
 /// the phones, tablets and other devices that the Apple developer tools know.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The JSON text of a record's context map, as stored in the store's `ctx` column.
 //
 // The store and the query compiler share these functions. If SQLite lacks its JSON functions, a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/model/log_row.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// The buffer that holds the texts of one LogRow. Programs use LogRow and need not use this class.
 ///

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/model/source_descriptor.h"
 
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/model/source_ref.h"
 
 #include <type_traits>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// A reference to one Apple log source that the user can select: the Mac, a simulator or a device.
 ///

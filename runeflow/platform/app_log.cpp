@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/platform/app_log.h"
 
 #include <spdlog/pattern_formatter.h>

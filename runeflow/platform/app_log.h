@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// The library's diagnostic log. It reports the failures that the library does not return to its
 /// caller.

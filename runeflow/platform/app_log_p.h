@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The loggers for the library's own lines.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/platform/background.h"
 
 #include <sys/resource.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// Runs blocking work on a background thread and lets the caller wait for its result.
 ///

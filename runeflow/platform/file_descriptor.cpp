@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/platform/file_descriptor.h"
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// The owner of one POSIX file descriptor.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The name and operating system version of this machine, and random identifiers.
 #pragma once
 

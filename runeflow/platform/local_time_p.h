@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Converts local wall-clock times of the machine's time zone to instants. Most conversions use a
 // cached offset.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Runs another program and collects its standard output.
 #pragma once
 

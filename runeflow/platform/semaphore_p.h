@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // A counting semaphore with a timed wait.
 //
 // It replaces std::counting_semaphore, which can miss a release in libstdc++ 12 (GCC PR 104928).

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Starts detached threads with attributes that std::thread cannot set.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include <unicode/locid.h>
 #include <unicode/ubrk.h>
 #include <unicode/uchar.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Unicode text: user-perceived characters, white space, letter case, and repair of invalid UTF-8.
 //
 // All functions follow the Unicode properties as ICU implements them. Validation, comparison and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/query/log_query.h"
 
 #include <memory>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// A LogQuery selects stored records. It is a tree of conditions on columns, on the context map and
 /// on the message, joined by AND, OR and NOT.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/query/query_parser.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// The query language: parse() turns the line that a user types into a LogQuery, and
 /// highlightTerms() lists the words that a viewer highlights.

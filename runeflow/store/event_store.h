@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// The database of log records: one SQLite file, and one connection to it.
 ///

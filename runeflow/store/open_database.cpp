@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include <fmt/format.h>
 #include <sqlite3.h>
 #include <sys/stat.h>

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // What an EventStore keeps of SQLite while it is open: the connection, what it knows of the file,
 // and the first failure that nobody has asked for yet.
 #pragma once

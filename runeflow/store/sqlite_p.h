@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // Classes that own the objects of SQLite's C interface: a connection, a prepared statement, a
 // transaction.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The adb server's protocol on a connected stream socket.
 //
 // A request is its length in four hexadecimal digits, followed by its bytes. The answer is "OKAY",

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/transports/adb_transport.h"
 
 #include <fmt/format.h>

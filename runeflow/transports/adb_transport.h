@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// A client of the adb server, the part of Android's debug bridge that runs on the developer's
 /// machine.

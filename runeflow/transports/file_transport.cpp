@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/transports/file_transport.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// Saved logs as byte streams: opens a file, which a CaptureSession then reads like a live
 /// connection.

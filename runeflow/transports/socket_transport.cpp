@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/transports/socket_transport.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// Outgoing TCP connections, opened within a bounded time.
 ///

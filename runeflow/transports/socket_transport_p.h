@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The steps of SocketTransport::connect() other than name resolution.
 #pragma once
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Captures with the built `runeflow` from a real adb server and a real DLT daemon.
 
 Usage: run.py PATH_OF_RUNEFLOW

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """A stand-in for an Android device: the device end of adb's transport protocol, over TCP.
 
 An adb server that connects to the stand-in lists it like any device. A shell command that begins
