@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 #include <nlohmann/json.hpp>
+#include <tuple>
 
 #include "commands.h"
 #include "host/database.h"
@@ -56,7 +57,9 @@ std::vector<ValueCount> levelValues(EventStore& store, const LogQuery& matching,
         std::ranges::equal(name.substr(0, options.prefix.size()), options.prefix, isSameLetter);
     if (count > 0 && hasPrefix) counted.push_back({std::string(name), count});
   }
-  std::ranges::stable_sort(counted, std::ranges::greater{}, &ValueCount::count);
+  std::ranges::sort(counted, [](const ValueCount& a, const ValueCount& b) {
+    return std::tie(b.count, a.value) < std::tie(a.count, b.value);
+  });
   if (options.limit >= 0 && counted.size() > static_cast<std::size_t>(options.limit)) {
     counted.resize(static_cast<std::size_t>(options.limit));
   }
