@@ -22,6 +22,7 @@
 
 #include "runeflow/decoders/row_decoder.h"
 #include "runeflow/model/source_descriptor.h"
+#include "runeflow/platform/api.h"
 
 namespace runeflow {
 
@@ -52,7 +53,7 @@ struct CaptureProgress {
 ///
 /// After a flush that leaves more than 32 MB of write-ahead log, the reader empties the log and
 /// waits up to 200 ms for readers that use it.
-class CaptureSession {
+class RUNEFLOW_EXPORT CaptureSession {
  public:
   /// Creates the decoder of one stream. Must not return null.
   using DecoderFactory = std::move_only_function<std::unique_ptr<RowDecoder>()>;

@@ -18,12 +18,13 @@
 #include <vector>
 
 #include "runeflow/decoders/row_decoder.h"
+#include "runeflow/platform/api.h"
 
 namespace runeflow {
 
 /// Decodes one DLT stream. Between calls it keeps at most one unfinished message: a storage header
 /// of 16 bytes and a message of up to 65,535 bytes.
-class DLTDecoder final : public RowDecoder {
+class RUNEFLOW_EXPORT DLTDecoder final : public RowDecoder {
  public:
   /// Creates a decoder for a new stream. The decoder calls `now` once for each record whose message
   /// has no storage header, and uses the result as the record's time.

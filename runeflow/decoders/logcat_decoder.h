@@ -28,13 +28,14 @@
 #include <vector>
 
 #include "runeflow/decoders/row_decoder.h"
+#include "runeflow/platform/api.h"
 
 namespace runeflow {
 
 class LocalTimeZone;
 
 /// Decodes one logcat stream.
-class LogcatDecoder final : public RowDecoder {
+class RUNEFLOW_EXPORT LogcatDecoder final : public RowDecoder {
  public:
   /// Creates a decoder for a new stream. Calls `now` once to find out the year of the dates. Later
   /// the decoder calls `now` once for each raw row and uses the result as the row's time.

@@ -12,11 +12,12 @@
 #include <vector>
 
 #include "runeflow/model/log_row.h"
+#include "runeflow/platform/api.h"
 
 namespace runeflow {
 
 /// Decodes one stream. An object may be used by one thread at a time.
-struct RowDecoder {
+struct RUNEFLOW_EXPORT RowDecoder {
   RowDecoder() = default;
   RowDecoder(const RowDecoder&) = delete;
   RowDecoder& operator=(const RowDecoder&) = delete;

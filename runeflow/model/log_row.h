@@ -23,6 +23,7 @@
 #include <string_view>
 
 #include "runeflow/model/short_text.h"
+#include "runeflow/platform/api.h"
 
 namespace runeflow {
 
@@ -48,7 +49,7 @@ enum class RuneflowLogLevel : std::uint8_t {
 /// The record owns its texts, in one buffer that is part of the object if the texts are short. This
 /// makes records cheap to create and to move. The getters return views into the buffer. A view is
 /// not NUL-terminated, and is valid until the record is moved, assigned to or destroyed.
-class LogRow {
+class RUNEFLOW_EXPORT LogRow {
  public:
   /// The number of slots of every record.
   static constexpr std::size_t slotCount = 8;
@@ -112,15 +113,15 @@ class LogRow {
 /// Returns whole microseconds since 1970-01-01T00:00:00Z, rounded to the nearest number; halves are
 /// rounded away from zero. Returns nothing if `timestamp` is not finite or if the result does not
 /// fit 64 bits. The result fits for about 292,000 years before and after 1970.
-std::optional<std::int64_t> microsecondsSinceEpoch(Timestamp timestamp);
+RUNEFLOW_EXPORT std::optional<std::int64_t> microsecondsSinceEpoch(Timestamp timestamp);
 
 /// Returns the instant `microseconds` after 1970-01-01T00:00:00Z. For instants from 1834 to 2105,
 /// microsecondsSinceEpoch() converts the result back to the same number. Outside these years it can
 /// return another number, because a double cannot represent every microsecond there.
-Timestamp timestampFromMicroseconds(std::int64_t microseconds);
+RUNEFLOW_EXPORT Timestamp timestampFromMicroseconds(std::int64_t microseconds);
 
 /// Returns the level with the raw value `rawValue`, or nothing if it is not in the range 0 to 5.
-std::optional<RuneflowLogLevel> levelFromRawValue(std::int64_t rawValue);
+RUNEFLOW_EXPORT std::optional<RuneflowLogLevel> levelFromRawValue(std::int64_t rawValue);
 
 /// Returns the raw value of `level`, 0 to 5.
 constexpr std::int64_t rawValue(RuneflowLogLevel level) {
@@ -131,7 +132,7 @@ constexpr std::int64_t rawValue(RuneflowLogLevel level) {
 
 /// Hashes all fields of a LogRow.
 template <>
-struct std::hash<runeflow::LogRow> {
+struct RUNEFLOW_EXPORT std::hash<runeflow::LogRow> {
   /// Returns the hash of `row`.
   std::size_t operator()(const runeflow::LogRow& row) const noexcept;
 };

@@ -20,10 +20,12 @@
 #include <variant>
 #include <vector>
 
+#include "runeflow/platform/api.h"
+
 namespace runeflow {
 
 /// A column of the store's `events` table.
-class StoreColumn {
+class RUNEFLOW_EXPORT StoreColumn {
  public:
   /// The column of one slot of LogRow.
   struct Slot {
@@ -149,7 +151,7 @@ struct DisplayHints {
 };
 
 /// The schema of one kind of source. A descriptor can be assigned to, but not changed in parts.
-class SourceDescriptor {
+class RUNEFLOW_EXPORT SourceDescriptor {
  public:
   /// Returns the descriptor of the records that DLTDecoder creates.
   static const SourceDescriptor& dlt();
@@ -215,7 +217,7 @@ class SourceDescriptor {
 
 /// Hashes a StoreColumn, including the number of its slot.
 template <>
-struct std::hash<runeflow::StoreColumn> {
+struct RUNEFLOW_EXPORT std::hash<runeflow::StoreColumn> {
   /// Returns the hash of `column`.
   std::size_t operator()(const runeflow::StoreColumn& column) const noexcept;
 };

@@ -14,10 +14,12 @@
 #include <string>
 #include <string_view>
 
+#include "runeflow/platform/api.h"
+
 namespace runeflow {
 
 /// A selectable log source.
-struct SourceRef {
+struct RUNEFLOW_EXPORT SourceRef {
   /// The kind of machine that logs.
   enum class Kind : std::uint8_t {
     mac,        ///< The machine that the library runs on.
@@ -56,7 +58,7 @@ struct SourceRef {
 
 /// Hashes all fields of a SourceRef.
 template <>
-struct std::hash<runeflow::SourceRef> {
+struct RUNEFLOW_EXPORT std::hash<runeflow::SourceRef> {
   /// Returns the hash of `source`.
   std::size_t operator()(const runeflow::SourceRef& source) const noexcept;
 };

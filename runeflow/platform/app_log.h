@@ -11,6 +11,8 @@
 #include <functional>
 #include <string_view>
 
+#include "runeflow/platform/api.h"
+
 /// The library's diagnostic log and the means to redirect it.
 namespace runeflow::AppLog {
 
@@ -38,10 +40,10 @@ using Sink = std::function<void(const Line&)>;
 /// Makes `sink` the only receiver of all lines of `minimumLevel` and above. The library does not
 /// build the text of lines below `minimumLevel`. If `sink` is empty, lines go to standard error
 /// again. The previous sink is not called after attachSink() returns.
-void attachSink(Sink sink, Level minimumLevel = Level::error);
+RUNEFLOW_EXPORT void attachSink(Sink sink, Level minimumLevel = Level::error);
 
 /// Writes lines of one category. Loggers exist until the process ends.
-class Logger {
+class RUNEFLOW_EXPORT Logger {
  public:
   /// Returns true if `level` is enabled, which means that lines of this level are written. If it is
   /// not, the caller need not build the message.
@@ -65,6 +67,6 @@ class Logger {
 };
 
 /// Returns the logger for the host's own lines, of category "ui". The library never writes to it.
-const Logger& ui();
+RUNEFLOW_EXPORT const Logger& ui();
 
 }  // namespace runeflow::AppLog

@@ -26,11 +26,13 @@
 #include <optional>
 #include <utility>
 
+#include "runeflow/platform/api.h"
+
 namespace runeflow {
 
 /// Runs `work`, which must not throw, on a new thread, and does not wait for it. Returns false,
 /// without running `work`, if the system cannot create a thread. Async is built on this function.
-bool runInBackground(std::move_only_function<void()> work);
+RUNEFLOW_EXPORT bool runInBackground(std::move_only_function<void()> work);
 
 /// The result of one piece of work. The caller takes it once, with get() or with co_await. An Async
 /// that was moved from, or whose result was taken, may only be assigned to or destroyed. Two

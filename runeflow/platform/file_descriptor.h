@@ -5,11 +5,13 @@
 
 #include <utility>
 
+#include "runeflow/platform/api.h"
+
 namespace runeflow {
 
 /// Owns a file descriptor and closes it on destruction. A default-constructed or moved-from object
 /// owns none.
-class FileDescriptor {
+class RUNEFLOW_EXPORT FileDescriptor {
  public:
   FileDescriptor() = default;
   /// Takes ownership of `fd`; a negative number means none.

@@ -41,6 +41,7 @@
 #include <vector>
 
 #include "runeflow/model/source_descriptor.h"
+#include "runeflow/platform/api.h"
 
 namespace runeflow {
 
@@ -155,7 +156,7 @@ struct FullTextTerm {
 ///
 /// Children are immutable and shared between copies. Copying a tree is therefore cheap, whatever
 /// its size. A moved-from node may only be assigned to or destroyed.
-class QueryNode {
+class RUNEFLOW_EXPORT QueryNode {
  public:
   /// An immutable list of nodes, which copies share.
   class Children {
@@ -215,7 +216,7 @@ class QueryNode {
 };
 
 /// A query: the tree of its conditions.
-struct LogQuery {
+struct RUNEFLOW_EXPORT LogQuery {
   /// The SQL text of a query and the values of its parameters.
   struct Compiled {
     std::string clause;       ///< A boolean SQL expression over the table `events`.

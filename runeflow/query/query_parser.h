@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "runeflow/model/source_descriptor.h"
+#include "runeflow/platform/api.h"
 #include "runeflow/query/log_query.h"
 
 /// \namespace runeflow::QueryParser
@@ -41,10 +42,11 @@ namespace runeflow::QueryParser {
 
 /// Returns the query that `text` stands for. `descriptor` names the fields of the source, and
 /// `matchCase` applies to every full-text term. The root is `all` if `text` contains no condition.
-LogQuery parse(std::string_view text, const SourceDescriptor& descriptor, bool matchCase);
+RUNEFLOW_EXPORT LogQuery parse(std::string_view text, const SourceDescriptor& descriptor,
+                               bool matchCase);
 
 /// Returns the words of all full-text terms in order. Negated and repeated words are included.
-std::vector<std::string> highlightTerms(const QueryNode& node);
+RUNEFLOW_EXPORT std::vector<std::string> highlightTerms(const QueryNode& node);
 
 /// The largest depth of a tree that parse() returns. The depth of a condition is the number of
 /// ANDs, ORs and NOTs above it; parentheses alone do not count.
@@ -58,24 +60,25 @@ inline constexpr std::size_t maxDepth = 2'000;
 
 /// Returns the condition that one word stands for: the result of contextPredicate(), else that of
 /// fieldPredicate(), else a full-text term of the whole word.
-QueryNode leaf(std::string_view word, const SourceDescriptor& descriptor, bool matchCase);
+RUNEFLOW_EXPORT QueryNode leaf(std::string_view word, const SourceDescriptor& descriptor,
+                               bool matchCase);
 
 /// Returns the condition of a `ctx.key:value` word. The value is everything after the first colon.
 /// Returns nothing for any other word, or if the key or the value is empty.
-std::optional<ContextPredicate> contextPredicate(std::string_view word);
+RUNEFLOW_EXPORT std::optional<ContextPredicate> contextPredicate(std::string_view word);
 
 /// Returns the condition of a `name:value` word. The value is everything after the first colon.
 ///
 /// Returns nothing if `name` is not a queryable field of `descriptor`, if the value is empty, if
 /// the field is the level and the value is not the name of a level, or if the field is the
 /// timestamp.
-std::optional<FieldPredicate> fieldPredicate(std::string_view word,
-                                             const SourceDescriptor& descriptor);
+RUNEFLOW_EXPORT std::optional<FieldPredicate> fieldPredicate(std::string_view word,
+                                                             const SourceDescriptor& descriptor);
 
 /// Returns the raw value of the RuneflowLogLevel that `text` names, in upper or lower case:
 /// "trace", "debug", "info", "warning", "warn", "error", "err", "fatal", "fault" or "critical".
 /// Returns nothing for any other text.
-std::optional<std::int64_t> levelValue(std::string_view text);
+RUNEFLOW_EXPORT std::optional<std::int64_t> levelValue(std::string_view text);
 
 /// A token of the query language.
 class Tok {
@@ -124,11 +127,12 @@ class Tok {
 };
 
 /// Cuts `text` into tokens. AND, OR and NOT are keywords only in upper case and without quotes.
-std::vector<Tok> lex(std::string_view text);
+RUNEFLOW_EXPORT std::vector<Tok> lex(std::string_view text);
 
 /// Returns `nodes` with every run of neighbouring `fts` terms merged into one term, whose text is
 /// their texts joined by blanks. The merged terms take `matchCase`, whatever the old terms had.
-std::vector<QueryNode> coalesceFullText(std::vector<QueryNode> nodes, bool matchCase);
+RUNEFLOW_EXPORT std::vector<QueryNode> coalesceFullText(std::vector<QueryNode> nodes,
+                                                        bool matchCase);
 
 /// The operator that joins a list of nodes.
 enum class Combinator {
@@ -138,6 +142,7 @@ enum class Combinator {
 
 /// Returns `nodes` joined by `combinator`. Returns a single node unchanged, and nothing if the list
 /// is empty.
-std::optional<QueryNode> reduce(std::vector<QueryNode> nodes, Combinator combinator);
+RUNEFLOW_EXPORT std::optional<QueryNode> reduce(std::vector<QueryNode> nodes,
+                                                Combinator combinator);
 
 }  // namespace runeflow::QueryParser

@@ -41,6 +41,7 @@
 
 #include "runeflow/model/log_row.h"
 #include "runeflow/model/source_descriptor.h"
+#include "runeflow/platform/api.h"
 #include "runeflow/query/log_query.h"
 
 namespace runeflow {
@@ -90,7 +91,7 @@ struct StoreCheck {
 };
 
 /// What a database file says of its schema.
-struct StoreInfo {
+struct RUNEFLOW_EXPORT StoreInfo {
   bool isEmpty = false;                 ///< The database has no table at all.
   StoreFault fault = StoreFault::none;  ///< Why the records cannot be read.
   std::string faultText;                ///< SQLite's text for `fault`; empty for `none`.
@@ -111,7 +112,7 @@ struct StoreInfo {
 /// batch or trim that fails leaves the database as it was. A read that fails returns what it has
 /// read until then, usually 0 or an empty list, and logs nothing. takeError() tells of both. An
 /// inert, closed or moved-from store stores and finds nothing.
-class EventStore {
+class RUNEFLOW_EXPORT EventStore {
  public:
   /// Opens the file at `path`. If `create` is true, creates the file if it does not exist, and the
   /// tables and indexes that it lacks. In this case an invalid `descriptor` (see

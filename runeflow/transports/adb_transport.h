@@ -38,6 +38,8 @@
 #include <variant>
 #include <vector>
 
+#include "runeflow/platform/api.h"
+
 /// Lists Android devices and opens streams from them.
 namespace runeflow::ADBTransport {
 
@@ -49,7 +51,7 @@ inline constexpr std::string_view defaultHost = "127.0.0.1";
 inline constexpr std::uint16_t defaultPort = 5037;
 
 /// A device or emulator as the server lists it. Invalid UTF-8 in a text is replaced by U+FFFD.
-struct Device {
+struct RUNEFLOW_EXPORT Device {
   std::string serial;  ///< The serial number by which the server addresses the device.
   std::string state;   ///< "device" when ready; otherwise another word ("offline", "unauthorized").
   std::optional<std::string> product = std::nullopt;  ///< The product name, if listed.
@@ -68,14 +70,15 @@ struct Device {
 
 /// Returns the devices in the server's order. The list is empty if the server knows none. Fails
 /// with `ServerUnreachable` or `ProtocolFailure`.
-std::expected<std::vector<Device>, ADBError> devices(std::string_view host, std::uint16_t port);
+RUNEFLOW_EXPORT std::expected<std::vector<Device>, ADBError> devices(std::string_view host,
+                                                                     std::uint16_t port);
 
 /// Chooses a device from `devices`. If `serial` is given, returns the device with exactly that
 /// serial, even if it is not ready, or nothing if there is no such device. If `serial` is absent or
 /// empty, returns the first ready emulator, else the first ready device, else the first device, or
 /// nothing if the list is empty. The caller must check whether the chosen device is ready.
-std::optional<Device> pickTarget(std::span<const Device> devices,
-                                 std::optional<std::string_view> serial = std::nullopt);
+RUNEFLOW_EXPORT std::optional<Device> pickTarget(
+    std::span<const Device> devices, std::optional<std::string_view> serial = std::nullopt);
 
 /// Starts `command` in the shell of the device with `serial`. Returns a file descriptor, in
 /// blocking mode, that yields the command's output. The stream ends when the command ends or the
@@ -84,11 +87,13 @@ std::optional<Device> pickTarget(std::span<const Device> devices,
 /// The caller owns the descriptor. The caller closes it or passes it to CaptureSession::run(),
 /// whose reader closes it when it ends. Fails with `ServerUnreachable`, `DeviceNotFound` or
 /// `ProtocolFailure`.
-std::expected<int, ADBError> connectLogcat(std::string_view serial, std::string_view host,
-                                           std::uint16_t port, std::string_view command);
+RUNEFLOW_EXPORT std::expected<int, ADBError> connectLogcat(std::string_view serial,
+                                                           std::string_view host,
+                                                           std::uint16_t port,
+                                                           std::string_view command);
 
 /// The error of devices() and connectLogcat().
-class ADBError {
+class RUNEFLOW_EXPORT ADBError {
  public:
   /// Connecting to the server failed, or the connection broke before the server answered.
   struct ServerUnreachable {

@@ -12,13 +12,15 @@
 #include <optional>
 #include <string_view>
 
+#include "runeflow/platform/api.h"
+
 /// Opens saved logs.
 namespace runeflow::FileTransport {
 
 /// Opens the file at `path` and returns a read-only descriptor, which is not closed on exec.
 /// Returns -1 if the file cannot be opened; errno is then as open() set it. A path that contains a
 /// NUL names no file: the result is -1 with errno ENOENT.
-int openForReading(std::string_view path);
+RUNEFLOW_EXPORT int openForReading(std::string_view path);
 
 /// An open file and its length.
 struct OpenFile {
@@ -29,6 +31,6 @@ struct OpenFile {
 
 /// Opens the file as openForReading() does and determines its length. Returns nothing if the file
 /// cannot be opened; errno is then set as for openForReading().
-std::optional<OpenFile> openForReadingWithSize(std::string_view path);
+RUNEFLOW_EXPORT std::optional<OpenFile> openForReadingWithSize(std::string_view path);
 
 }  // namespace runeflow::FileTransport

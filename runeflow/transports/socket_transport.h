@@ -14,6 +14,8 @@
 #include <utility>
 #include <variant>
 
+#include "runeflow/platform/api.h"
+
 /// Opens TCP connections.
 namespace runeflow::SocketTransport {
 
@@ -33,11 +35,11 @@ class ConnectError;
 /// ms (24 days) counts as that maximum. NaN gives the error `Failed`.
 ///
 /// Blocks the calling thread. Any number of threads may call it at once.
-std::expected<int, ConnectError> connect(std::string_view host, std::uint16_t port,
-                                         double timeoutSeconds);
+RUNEFLOW_EXPORT std::expected<int, ConnectError> connect(std::string_view host, std::uint16_t port,
+                                                         double timeoutSeconds);
 
 /// The error of connect().
-class ConnectError {
+class RUNEFLOW_EXPORT ConnectError {
  public:
   /// A failure that is neither of the other two cases.
   struct Failed {
