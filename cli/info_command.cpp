@@ -11,10 +11,10 @@
 #include "commands.h"
 #include "host/database.h"
 #include "host/failure.h"
+#include "host/record_text.h"
 #include "json_line.h"
 #include "level_counts.h"
 #include "output.h"
-#include "record_printer.h"
 #include "runeflow/platform/app_log.h"
 #include "terminal.h"
 
@@ -62,7 +62,7 @@ Summary summarise(EventStore& store, const std::string& path) {
 void printJson(const std::string& path, const Summary& summary) {
   nlohmann::ordered_json object;
   const auto time = [](const auto& t) {
-    return t ? nlohmann::ordered_json(utcTime(*t)) : nlohmann::ordered_json(nullptr);
+    return t ? nlohmann::ordered_json(host::utcTime(*t)) : nlohmann::ordered_json(nullptr);
   };
   object["database"] = path;
   object["source"] = summary.kind;
@@ -72,7 +72,7 @@ void printJson(const std::string& path, const Summary& summary) {
   object["firstTime"] = time(summary.firstTime);
   object["lastTime"] = time(summary.lastTime);
   for (const auto& [level, count] : summary.levels)
-    object["levels"][std::string(levelName(level))] = count;
+    object["levels"][std::string(host::levelName(level))] = count;
   object["usedBytes"] = summary.usedBytes;
   object["indexes"] = summary.info.indexes;
   object["fullText"] = summary.info.hasFullText;
@@ -81,7 +81,7 @@ void printJson(const std::string& path, const Summary& summary) {
 
 void printText(const std::string& path, const runeflow::SourceDescriptor& descriptor,
                const Summary& summary) {
-  const auto time = [](const auto& t) { return t ? localTime(*t) : std::string("-"); };
+  const auto time = [](const auto& t) { return t ? host::localTime(*t) : std::string("-"); };
   printLine("{}: {} records", path, descriptor.displayName());
   printLine("  records     {}", summary.records);
   printLine("  seq         {} to {}", summary.firstSeq, summary.lastSeq);
@@ -89,7 +89,7 @@ void printText(const std::string& path, const runeflow::SourceDescriptor& descri
   std::int64_t most = 0;
   for (const auto& [level, count] : summary.levels) most = std::max(most, count);
   for (const auto& [level, count] : summary.levels) {
-    printLine("  {:<10} {:>9}  {}", levelName(level), count,
+    printLine("  {:<10} {:>9}  {}", host::levelName(level), count,
               bar(count, most, barColumns(kLabelColumns)));
   }
   printLine("  used bytes  {}", summary.usedBytes);

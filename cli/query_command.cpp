@@ -14,6 +14,7 @@
 #include "commands.h"
 #include "host/database.h"
 #include "host/failure.h"
+#include "host/new_records.h"
 #include "interrupt.h"
 #include "output.h"
 #include "record_printer.h"
@@ -95,39 +96,24 @@ bool hasReader(std::FILE* out) {
   return ::poll(&output, 1, 0) >= 0 && (output.revents & POLLERR) == 0;
 }
 
-using Records = std::vector<runeflow::FetchedRow>;
-
-Records recordAt(EventStore& store, std::int64_t seq) {
-  return store.fetchRange(seq, seq);
-}
-
-// Returns true if the store was cleared after `newest` had been its newest record. A cleared store
-// numbers its records from 1 again.
-bool isRenumbered(EventStore& store, const Records& newest, const Records& latest) {
-  if (newest.empty()) return false;
-  const auto seq = newest.front().seq;
-  if (latest.front().seq < seq) return true;
-  const auto now = recordAt(store, seq);
-  return !now.empty() && now != newest;
-}
-
 void follow(EventStore& store, RecordPrinter& printer, const LogQuery& query, std::int64_t after,
             const std::string& path) {
   const Interrupt interrupt;
   store.setLockWait(std::make_shared<std::atomic<std::int64_t>>(kFollowLockWait));
-  Records newest;
+  host::NewRecords news;
   do {
-    auto latest = recordAt(store, store.maxSeq());
-    if (!latest.empty() && latest != newest) {
-      if (isRenumbered(store, newest, latest)) after = 0;
-      newest = std::move(latest);
+    const auto change = news.look(store);
+    if (!change) host::failWith(change.error(), path);
+    if (*change == host::NewRecords::Change::renumbered) after = 0;
+    if (*change != host::NewRecords::Change::none) {
       const auto seqs = store.matchingSeqs(query, after);
       // A full pipe blocks the output, which Ctrl-C must be able to end.
       interrupt.unblockSignals();
       printRecords(store, printer, seqs);
       flushOutput();
       interrupt.blockSignals();
-      if (!seqs.empty()) after = seqs.back();
+      // Records that were stored since the look are among the matches.
+      after = std::max({after, news.newest(), seqs.empty() ? 0 : seqs.back()});
     }
     host::failIfIncomplete(store, path);
   } while (!interrupt.waitFor(kFollowMilliseconds) && hasReader(stdout));

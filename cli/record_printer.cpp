@@ -1,16 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "record_printer.h"
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
-#include <limits>
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "host/record_text.h"
 #include "host/terminal_text.h"
 #include "json_line.h"
 #include "terminal.h"
@@ -27,17 +25,6 @@ constexpr std::size_t kWidestColumn = 28;
 // text.
 constexpr std::size_t kMostHighlightedWords = 64;
 constexpr std::size_t kLongestHighlightedWord = 128;
-constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
-
-// Returns whole seconds since 1970, rounded down, and the microseconds after them. A time that is
-// stored as the nearest count to an instant beyond 64 bits reads back as a double beyond them.
-std::pair<std::time_t, std::int64_t> split(runeflow::Timestamp timestamp) {
-  constexpr auto kFarthest = std::numeric_limits<std::int64_t>::max();
-  const auto nearest = timestamp.time_since_epoch().count() > 0 ? kFarthest : -kFarthest;
-  const auto total = runeflow::microsecondsSinceEpoch(timestamp).value_or(nearest);
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(std::chrono::microseconds(total));
-  return {seconds.count(), total - seconds.count() * kMicrosecondsPerSecond};
-}
 
 std::string_view levelColour(RuneflowLogLevel level) {
   switch (level) {
@@ -111,24 +98,10 @@ std::string_view slotText(const FetchedRow& record, std::int64_t slot) {
 
 }  // namespace
 
-std::string_view levelName(RuneflowLogLevel level) {
-  constexpr std::string_view kNames[] = {"Trace", "Debug", "Info", "Warning", "Error", "Fatal"};
-  return kNames[runeflow::rawValue(level)];
-}
-
-std::string utcTime(runeflow::Timestamp timestamp) {
-  const auto [seconds, fraction] = split(timestamp);
-  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06}Z", fmt::gmtime(seconds), fraction);
-}
-
-std::string localTime(runeflow::Timestamp timestamp) {
-  const auto [seconds, fraction] = split(timestamp);
-  return fmt::format("{:%Y-%m-%d %H:%M:%S}.{:03}", fmt::localtime(seconds), fraction / 1000);
-}
-
 RecordPrinter::RecordPrinter(const runeflow::SourceDescriptor& descriptor, RecordFormat format,
                              Highlighting highlighting, std::FILE* out)
-    : format_(format),
+    : descriptor_(descriptor),
+      format_(format),
       highlighting_(std::move(highlighting)),
       out_(out),
       isGuarded_(isTerminal(stdout)) {
@@ -154,7 +127,7 @@ void RecordPrinter::print(std::span<const FetchedRow> records) {
         fmt::print(out_, "{}\n", peopleLine(record));
         break;
       case RecordFormat::plain:
-        fmt::print(out_, "{}\n", plainLine(record));
+        fmt::print(out_, "{}\n", host::plainLine(record, descriptor_));
         break;
       case RecordFormat::json:
         fmt::print(out_, "{}\n", jsonLine(record));
@@ -184,9 +157,9 @@ std::string RecordPrinter::peopleLine(const FetchedRow& record) const {
   };
   const auto level = record.row.level();
   std::string line =
-      fmt::format("{}{}{} {}{}{}", paint(colour::kDim), localTime(record.row.timestamp()),
-                  paint(colour::kReset), paint(levelColour(level)), levelName(level).substr(0, 1),
-                  paint(colour::kReset));
+      fmt::format("{}{}{} {}{}{}", paint(colour::kDim), host::localTime(record.row.timestamp()),
+                  paint(colour::kReset), paint(levelColour(level)),
+                  host::levelName(level).substr(0, 1), paint(colour::kReset));
   for (const auto& column : columns_) {
     if (!column.isInTable || column.width == 0) continue;
     line += ' ' + fitted(host::terminalField(slotText(record, column.slot)), column.width);
@@ -211,19 +184,11 @@ std::string RecordPrinter::highlighted(std::string_view message) const {
   return line;
 }
 
-std::string RecordPrinter::plainLine(const FetchedRow& record) const {
-  std::string line = fmt::format("{}\t{}\t{}", record.seq, utcTime(record.row.timestamp()),
-                                 levelName(record.row.level()));
-  for (const auto& column : columns_)
-    line += '\t' + host::terminalField(slotText(record, column.slot));
-  return line + '\t' + host::terminalField(record.row.message());
-}
-
 std::string RecordPrinter::jsonLine(const FetchedRow& record) const {
   nlohmann::ordered_json object;
   object["seq"] = record.seq;
-  object["time"] = utcTime(record.row.timestamp());
-  object["level"] = levelName(record.row.level());
+  object["time"] = host::utcTime(record.row.timestamp());
+  object["level"] = host::levelName(record.row.level());
   for (const auto& column : columns_) {
     const auto text = record.row.slot(column.slot);
     object[column.name] = text ? nlohmann::ordered_json(*text) : nlohmann::ordered_json(nullptr);
@@ -240,8 +205,8 @@ std::string RecordPrinter::csvHeader() const {
 }
 
 std::string RecordPrinter::csvLine(const FetchedRow& record) const {
-  std::string line = fmt::format("{},{},{}", record.seq, utcTime(record.row.timestamp()),
-                                 levelName(record.row.level()));
+  std::string line = fmt::format("{},{},{}", record.seq, host::utcTime(record.row.timestamp()),
+                                 host::levelName(record.row.level()));
   const auto append = [&](std::string_view text) {
     line += ',' + (isGuarded_ ? csvField(host::terminalField(text)) : csvField(text));
   };

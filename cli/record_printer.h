@@ -13,13 +13,6 @@
 
 namespace cli {
 
-std::string_view levelName(runeflow::RuneflowLogLevel level);
-
-// utcTime() returns ISO 8601 in UTC with microseconds. localTime() returns local time with
-// milliseconds, for people.
-std::string utcTime(runeflow::Timestamp timestamp);
-std::string localTime(runeflow::Timestamp timestamp);
-
 enum class RecordFormat {
   people,  // local time, level letter, table fields in columns, the query's words highlighted
   plain,   // one line per record, separated by tabs: seq, UTC time, level, all fields, message
@@ -43,7 +36,6 @@ class RecordPrinter {
  private:
   void fitColumnsTo(std::span<const runeflow::FetchedRow> records);
   std::string peopleLine(const runeflow::FetchedRow& record) const;
-  std::string plainLine(const runeflow::FetchedRow& record) const;
   std::string jsonLine(const runeflow::FetchedRow& record) const;
   std::string csvLine(const runeflow::FetchedRow& record) const;
   std::string csvHeader() const;
@@ -56,6 +48,7 @@ class RecordPrinter {
     std::size_t width = 0;  // in terminal columns
   };
 
+  runeflow::SourceDescriptor descriptor_;
   std::vector<Column> columns_;
   RecordFormat format_;
   Highlighting highlighting_;

@@ -8,10 +8,10 @@
 
 #include "commands.h"
 #include "host/database.h"
+#include "host/record_text.h"
 #include "host/terminal_text.h"
 #include "json_line.h"
 #include "level_counts.h"
-#include "record_printer.h"
 #include "runeflow/query/query_parser.h"
 #include "terminal.h"
 
@@ -52,7 +52,7 @@ std::vector<ValueCount> levelValues(EventStore& store, const LogQuery& matching,
                                     const ValuesOptions& options) {
   std::vector<ValueCount> counted;
   for (const auto& [level, count] : countLevels(store, matching)) {
-    const auto name = levelName(level);
+    const auto name = host::levelName(level);
     const bool hasPrefix =
         std::ranges::equal(name.substr(0, options.prefix.size()), options.prefix, isSameLetter);
     if (count > 0 && hasPrefix) counted.push_back({std::string(name), count});

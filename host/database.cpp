@@ -107,9 +107,11 @@ EventStore openForWriting(const std::string& path) {
 
 void failIfIncomplete(EventStore& store, const std::string& path) {
   if (store.hasLostItsFile()) fail("{} was deleted or replaced meanwhile; ask again", path);
-  if (const auto error = store.takeError()) {
-    fail("{} was not read completely: {}{}", path, error->text, adviceFor(error->fault));
-  }
+  if (const auto error = store.takeError()) failWith(*error, path);
+}
+
+void failWith(const runeflow::StoreError& error, const std::string& path) {
+  fail("{} was not read completely: {}{}", path, error.text, adviceFor(error.fault));
 }
 
 void failIfRefused(EventStore& store, const runeflow::LogQuery& query, const std::string& path) {

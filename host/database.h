@@ -24,6 +24,9 @@ runeflow::EventStore openForWriting(const std::string& path);
 // Fails if a read or write of the store was cut short since the last call.
 void failIfIncomplete(runeflow::EventStore& store, const std::string& path);
 
+// Fails with the sentence for a read that was cut short.
+[[noreturn]] void failWith(const runeflow::StoreError& error, const std::string& path);
+
 // Fails if SQLite refuses the statement of the query. The library's reads return nothing then, and
 // a user should not take that for "no match".
 void failIfRefused(runeflow::EventStore& store, const runeflow::LogQuery& query,

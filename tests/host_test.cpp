@@ -1,18 +1,24 @@
 // SPDX-License-Identifier: MIT
 
-// Text for a terminal: what is escaped, what is not, and where the borders lie.
+// What hosts share: text for a terminal, records as lines, and following a database.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <string_view>
 
+#include "host/new_records.h"
+#include "host/record_text.h"
 #include "host/terminal_text.h"
+#include "runeflow/store/event_store.h"
+#include "support.h"
 
 namespace runeflow {
 namespace {
 
 using namespace std::string_view_literals;
 using host::JsonReader;
+using test::at;
 
 struct Row {
   const char* name;
@@ -84,6 +90,69 @@ TEST(TerminalText, jsonStaysJson) {
     EXPECT_EQ(host::terminalJson(json, JsonReader::terminal), onTerminal);
     EXPECT_EQ(host::terminalJson(json, JsonReader::program), toProgram);
   }
+}
+
+TEST(RecordText, aLineForProgramsHasEverySlotAndNoOtherTab) {
+  const LogRow row(at(1'700'000'000.25), RuneflowLogLevel::Warning, "a\tb\\", std::nullopt, "Tag\n",
+                   std::nullopt, "7", std::nullopt, std::nullopt, std::nullopt, std::nullopt,
+                   std::nullopt);
+  EXPECT_EQ(host::plainLine({12, row}, SourceDescriptor::logcat()),
+            "12\t2023-11-14T22:13:20.250000Z\tWarning\tTag\\n\t\t7\ta\\tb\\\\");
+}
+
+TEST(NewRecords, tellsAddedRecordsFromANewNumbering) {
+  using Change = host::NewRecords::Change;
+  test::TemporaryFolder folder;
+  const auto path = folder.file("a.db");
+  auto writer = *EventStore::open(path, true, SourceDescriptor::logcat());
+  auto reader = *EventStore::openForReading(path, SourceDescriptor::logcat());
+  host::NewRecords news;
+  const struct {
+    const char* name;
+    std::function<void()> act;
+    Change change;
+    std::int64_t newest;
+  } steps[] = {
+      {"empty", [] {}, Change::none, 0},
+      {"first records", [&] { writer.insert(test::rows("a", 3)); }, Change::added, 3},
+      {"nothing new", [] {}, Change::none, 3},
+      {"more", [&] { writer.insert(test::rows("b", 2)); }, Change::added, 5},
+      {"the newest one known is trimmed",
+       [&] {
+         writer.insert(test::rows("c", 2));
+         writer.trimOldest(1, 6);
+       },
+       Change::added, 7},
+      {"cleared", [&] { writer.clear(); }, Change::renumbered, 0},
+      {"filled again", [&] { writer.insert(test::rows("d", 2)); }, Change::added, 2},
+      {"cleared and fewer",
+       [&] {
+         writer.clear();
+         writer.insert(test::rows("e", 1));
+       },
+       Change::renumbered, 1},
+      {"cleared and as many",
+       [&] {
+         writer.clear();
+         writer.insert(test::rows("f", 1));
+       },
+       Change::renumbered, 1},
+      {"cleared and more",
+       [&] {
+         writer.clear();
+         writer.insert(test::rows("g", 9));
+       },
+       Change::renumbered, 9},
+  };
+  for (const auto& [name, act, change, newest] : steps) {
+    SCOPED_TRACE(name);
+    act();
+    EXPECT_EQ(news.look(reader), change);
+    EXPECT_EQ(news.newest(), newest);
+  }
+  test::sql(path, "DROP TABLE events");
+  EXPECT_FALSE(news.look(reader).has_value());
+  EXPECT_EQ(news.newest(), 9);
 }
 
 }  // namespace
