@@ -123,7 +123,7 @@ TEST_F(Command, printsRecordsForProgramsInStableForms) {
   EXPECT_EQ(run("values a.db tag", "").output, "Net\t2\nWifi\t1\n");
   EXPECT_EQ(run("values a.db tag --matching disk --prefix W --json", "").output,
             "{\"value\":\"Wifi\",\"count\":1}\n");
-  EXPECT_EQ(run("values a.db level --limit 1", "").output, "Info\t1\n");
+  EXPECT_EQ(run("values a.db level --limit 1", "").output, "Error\t1\n");
 }
 
 TEST_F(Command, showsPeopleAlignedRecordsWithTheirWordsMarked) {
