@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: MIT
+// Sentences for screen readers, and the banner for what went wrong.
+
+import { byId } from "./dom.js";
+
+let timer = 0;
+
+// Says a sentence once the page has been quiet for a moment. A newer sentence replaces one that was not said yet.
+export function announce(sentence) {
+  clearTimeout(timer);
+  timer = setTimeout(() => {
+    byId("announce").textContent = sentence;
+  }, 400);
+}
+
+export function showError(sentence) {
+  const banner = byId("banner");
+  banner.firstElementChild.textContent = sentence;
+  banner.hidden = false;
+}
+
+export function hideError() {
+  byId("banner").hidden = true;
+}

@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: MIT
+// Requests to the server (docs/view.md, "HTTP interface").
+//
+// ask() never gives an answer that is out of date: a newer question of the same name cancels the older one, here and in
+// the server, and the older call returns null. It also returns null if the request fails; the failure has then been
+// reported through `onError`.
+
+const base = location.pathname.replace(/[^/]*$/, "");
+const page = Array.from(crypto.getRandomValues(new Uint32Array(2)), (part) => part.toString(16)).join("");
+const asked = new Map(); // name of a question → AbortController of its latest request
+
+let generation = null; // of the database; the server refuses questions about an older one
+let listeners = { onError: () => {}, onGeneration: () => {} };
+
+export function listen(given) {
+  listeners = { ...listeners, ...given };
+}
+
+export function setGeneration(number) {
+  generation = number;
+}
+
+function address(path, parameters) {
+  const text = new URLSearchParams();
+  for (const [name, value] of Object.entries(parameters)) {
+    if (value !== undefined && value !== null && value !== "" && value !== false) text.set(name, value === true ? "1" : String(value));
+  }
+  return `${base}api/v1/${path}${text.size ? `?${text}` : ""}`;
+}
+
+async function bodyOf(response) {
+  try {
+    return await response.json();
+  } catch {
+    return { error: response.status === 403 ? "The server does not know this page any more. Open the address that runeflow view printed." : `The server answered with status ${response.status}.` };
+  }
+}
+
+export async function ask(name, path, parameters = {}, { quiet = false } = {}) {
+  asked.get(name)?.abort();
+  const controller = new AbortController();
+  asked.set(name, controller);
+  const isLatest = () => asked.get(name) === controller && !controller.signal.aborted;
+  try {
+    const response = await fetch(address(path, { ...parameters, g: generation, page, ask: name }), { signal: controller.signal });
+    const body = await bodyOf(response);
+    if (!isLatest()) return null;
+    if (body.cancelled) return null;
+    if (response.status === 409 && body.generation !== undefined) {
+      listeners.onGeneration(body.generation);
+      return null;
+    }
+    if (body.error && !response.ok) throw new Error(body.error);
+    return body;
+  } catch (error) {
+    if (isLatest() && !quiet) listeners.onError(error instanceof TypeError ? "The server does not answer. Is runeflow view still running?" : error.message);
+    return null;
+  } finally {
+    if (asked.get(name) === controller) asked.delete(name);
+  }
+}
+
+export function cancel(name) {
+  asked.get(name)?.abort();
+  asked.delete(name);
+}
+
+// Asks for a change. Returns the answer's body; a refusal has a member `error`.
+export async function tell(path, body = {}) {
+  try {
+    const response = await fetch(address(path, {}), {
+      method: "POST", headers: { "Content-Type": "application/json" }, body: JSON.stringify(body),
+    });
+    const answer = await bodyOf(response);
+    return response.ok || answer.error ? answer : { error: `The server answered with status ${response.status}.` };
+  } catch {
+    return { error: "The server does not answer. Is runeflow view still running?" };
+  }
+}
+
+// Opens the stream of changes. Browsers allow six connections to a host, and each stream keeps one: a page that is not
+// shown closes its stream.
+export function watch(onState, onGone) {
+  let source = null;
+  const open = () => {
+    if (source) return;
+    source = new EventSource(address("events", { page }));
+    source.addEventListener("state", (event) => onState(JSON.parse(event.data)));
+    source.addEventListener("gone", (event) => onGone(JSON.parse(event.data)));
+  };
+  const close = () => {
+    source?.close();
+    source = null;
+  };
+  const follow = () => (document.hidden ? close() : open());
+  document.addEventListener("visibilitychange", follow);
+  addEventListener("pagehide", close);
+  addEventListener("pageshow", follow);
+  follow();
+}
