@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 
-// Any typed bytes as a size and as an address: what is refused is refused with a sentence, and what
-// is accepted means what the text says.
+// Any typed bytes as a size, as an address and as a time: what is refused is refused with a
+// sentence, and what is accepted means what the text says.
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,6 +11,7 @@
 #include "host/byte_count.h"
 #include "host/failure.h"
 #include "host/target.h"
+#include "host/time_text.h"
 
 namespace {
 
@@ -59,11 +60,27 @@ void checkTarget(const std::string& text, std::uint16_t defaultPort) {
   require(same.host == target->host && same.port == target->port);
 }
 
+// A time lies in the calendar. A day later, the same text means the same instant or that of a day
+// later.
+void checkTime(const std::string& text) {
+  constexpr std::int64_t kHour = 3'600'000'000;
+  constexpr std::int64_t kEndOfCalendar = 253'402'300'800'000'000 + 24 * kHour;
+  const auto at = [&](std::int64_t now) {
+    return accepted([&] { return host::parseTime(text, {.now = now, .end = now}); });
+  };
+  const auto time = at(0);
+  if (!time) return;
+  require(*time <= kEndOfCalendar);
+  const auto dayLater = at(24 * kHour);
+  require(dayLater && (*dayLater == *time || *dayLater == *time + 24 * kHour));
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
   require(accepted([&] { return host::parseByteCount(text); }) == sizeIn(text));
   checkTarget(text, 3490);
+  checkTime(text);
   return 0;
 }
