@@ -126,6 +126,16 @@ bool Connection::emptyLog() {
                                    nullptr) == SQLITE_OK;
 }
 
+fts5_api* Connection::fullTextInterface() {
+  fts5_api* api = nullptr;
+  Statement statement = prepare("SELECT fts5(?1)");
+  if (!statement) return nullptr;
+  sqlite3_bind_pointer(statement.handle_.get(), 1, static_cast<void*>(&api), "fts5_api_ptr",
+                       nullptr);
+  statement.step();
+  return api;
+}
+
 int Connection::errorCode() const {
   constexpr int kPrimaryCode = 0xff;
   return handle_ ? sqlite3_errcode(handle_.get()) & kPrimaryCode : SQLITE_MISUSE;

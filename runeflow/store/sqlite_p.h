@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 
+struct fts5_api;
 struct sqlite3;
 struct sqlite3_stmt;
 
@@ -90,6 +91,9 @@ class Connection {
 
   // Moves the write-ahead log into the database and empties it. Fails if others use the log.
   bool emptyLog();
+
+  // The functions of FTS5, valid while the connection is open; null without FTS5.
+  fts5_api* fullTextInterface();
 
   // SQLite's primary result code and text of the last call that failed. The next call on the
   // connection may replace them.

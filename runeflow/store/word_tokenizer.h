@@ -1,0 +1,51 @@
+/// \file
+/// Cuts a text into words as the full-text index does.
+///
+///     const auto tokenizer = WordTokenizer::create();
+///     for (const auto& word : tokenizer->words("Zürich connected")) { … }  // "zurich",
+///     "connected"
+///
+/// The words come from the tokenizer of SQLite's FTS5 that the index uses, unicode61. A host (the
+/// program that uses the library) therefore sees the same words as a query.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace runeflow {
+
+/// A word of a text.
+struct WordToken {
+  std::string folded;  ///< The word without case and diacritics, as the index keeps it.
+  std::size_t begin;   ///< The first byte of the word in the text.
+  std::size_t end;     ///< The byte after the last one of the word.
+  bool operator==(const WordToken&) const = default;
+};
+
+/// The tokenizer of the full-text index. It owns a database in memory. Only one thread at a time
+/// may use an object. A moved-from tokenizer may only be assigned to or destroyed.
+class WordTokenizer {
+ public:
+  /// Returns a tokenizer. Absent if SQLite has no FTS5.
+  static std::optional<WordTokenizer> create();
+
+  WordTokenizer(WordTokenizer&&) noexcept;
+  WordTokenizer& operator=(WordTokenizer&&) noexcept;
+  ~WordTokenizer();
+
+  /// Returns all words of `text` in order. Bytes that are not UTF-8 are read as the index reads
+  /// them. Reads at most 2^31 - 1 bytes.
+  std::vector<WordToken> words(std::string_view text) const;
+
+ private:
+  class Implementation;
+  explicit WordTokenizer(std::unique_ptr<Implementation> implementation);
+
+  std::unique_ptr<Implementation> implementation_;
+};
+
+}  // namespace runeflow
