@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The tokenizer of the full-text index, FTS5's unicode61, called directly.
 #pragma once
 

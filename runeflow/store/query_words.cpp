@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/store/query_words_p.h"
 
 namespace runeflow {

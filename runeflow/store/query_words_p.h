@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: MIT
+
 // The words of a full-text condition, cut as the index cuts them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/store/word_marks.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// Finds where the words of a query stand in a message, for highlighting.
 ///
@@ -14,13 +15,14 @@
 #include <string_view>
 #include <vector>
 
+#include "runeflow/platform/api.h"
 #include "runeflow/query/log_query.h"
 
 namespace runeflow {
 
 /// The words of one query. Only one thread at a time may use an object. A moved-from object may
 /// only be assigned to or destroyed.
-class WordMarks {
+class RUNEFLOW_EXPORT WordMarks {
  public:
   /// Takes the full-text terms of `query` that are not under a NOT. If `matchCase` is true, or if a
   /// term has it set, only places with the exact text of the word are marked. Terms of the mode

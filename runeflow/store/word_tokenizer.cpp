@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "runeflow/store/word_tokenizer.h"
 
 #include <sqlite3.h>

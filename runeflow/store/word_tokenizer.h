@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /// \file
 /// Cuts a text into words as the full-text index does.
 ///
@@ -16,6 +17,8 @@
 #include <string_view>
 #include <vector>
 
+#include "runeflow/platform/api.h"
+
 namespace runeflow {
 
 /// A word of a text.
@@ -28,7 +31,7 @@ struct WordToken {
 
 /// The tokenizer of the full-text index. It owns a database in memory. Only one thread at a time
 /// may use an object. A moved-from tokenizer may only be assigned to or destroyed.
-class WordTokenizer {
+class RUNEFLOW_EXPORT WordTokenizer {
  public:
   /// Returns a tokenizer. Absent if SQLite has no FTS5.
   static std::optional<WordTokenizer> create();
