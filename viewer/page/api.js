@@ -36,12 +36,30 @@ async function bodyOf(response) {
   }
 }
 
-export async function ask(name, path, parameters = {}, { quiet = false } = {}) {
+// Browsers allow six connections to a host. Questions whose cost grows with the database take at most two of them, so
+// that rows are never held up.
+const SLOW_AT_ONCE = 2;
+let slowRunning = 0;
+const slowWaiting = [];
+
+async function enterSlowLane() {
+  if (slowRunning < SLOW_AT_ONCE) slowRunning += 1;
+  else await new Promise((enter) => slowWaiting.push(enter));
+}
+function leaveSlowLane() {
+  const next = slowWaiting.shift();
+  if (next) next();
+  else slowRunning -= 1;
+}
+
+export async function ask(name, path, parameters = {}, { quiet = false, slow = false } = {}) {
   asked.get(name)?.abort();
   const controller = new AbortController();
   asked.set(name, controller);
   const isLatest = () => asked.get(name) === controller && !controller.signal.aborted;
+  if (slow) await enterSlowLane();
   try {
+    if (!isLatest()) return null;
     const response = await fetch(address(path, { ...parameters, g: generation, page, ask: name }), { signal: controller.signal });
     const body = await bodyOf(response);
     if (!isLatest()) return null;
@@ -56,6 +74,7 @@ export async function ask(name, path, parameters = {}, { quiet = false } = {}) {
     if (isLatest() && !quiet) listeners.onError(error instanceof TypeError ? "The server does not answer. Is runeflow view still running?" : error.message);
     return null;
   } finally {
+    if (slow) leaveSlowLane();
     if (asked.get(name) === controller) asked.delete(name);
   }
 }

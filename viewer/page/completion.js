@@ -52,7 +52,7 @@ export class Completion {
       return session.info.levels.filter((level) => level.toLowerCase().startsWith(value.toLowerCase()))
         .map((level) => ({ text: `${field.name}:${level.toLowerCase()}`, label: level.toLowerCase(), note: level === session.info.levels.at(-1) ? "" : "and more severe" }));
     }
-    const answer = await ask("complete", "complete", { field: field.name, prefix: value, limit: MOST }, { quiet: true });
+    const answer = await ask("complete", "complete", { field: field.name, prefix: value, limit: MOST }, { quiet: true, slow: true });
     return answer && answer.values.map((offer) => ({ text: condition(field.name, offer.value), label: shown(offer.value), note: numbers.count(offer.count) }))
       .filter(({ text }) => text !== null);
   }

@@ -59,7 +59,7 @@ export class Detail {
     return element("div", { class: "do" },
       element("h2", {}, `Record ${record.seq}`),
       action("context", "Show in context", "Show the record among all records", () => this.#showInContext(record.seq)),
-      action("copy", "Copy", "Copy the tab-separated line (c)", () => copyText(record.line, "Copied the record")),
+      action("copy", "Copy", "Copy the tab-separated line (c)", () => copyLine(record)),
       action("link", "Link", "Copy the address of this view", () => copyText(linkTo(record.seq), "Copied the link")),
       element("button", { class: "small", "data-action": "close", "aria-label": "Close", title: "Close (Esc)", click: () => session.change({ open: null }, "new") }, "✕"));
   }
@@ -103,6 +103,12 @@ export class Detail {
     label();
     return button;
   }
+}
+
+// The answer has no line if the message is long.
+async function copyLine(record) {
+  const line = record.line ?? (await ask("line", "lines", { seqs: record.seq }))?.text;
+  if (line !== undefined) await copyText(line.endsWith("\n") ? line : `${line}\n`, "Copied the record");
 }
 
 function linkTo(seq) {

@@ -30,7 +30,7 @@ export class Facets {
   }
   async #load() {
     if (!session.info?.database) return;
-    const answer = await ask("facets", "facets", { ...session.question(), limit: VALUES });
+    const answer = await ask("facets", "facets", { ...session.question(), limit: VALUES }, { slow: true });
     if (!answer) return;
     this.#answer = answer;
     this.show();

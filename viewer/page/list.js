@@ -216,12 +216,22 @@ export class RecordList extends EventTarget {
       if (!(await places.resolve(first, last))) return false;
       if (places === this.places && places.total !== total) this.refresh(anchor);
     }
+    return (await this.#loadPlaces(first, last, "rows")) || places !== this.places;
+  }
+  #loadPlaces(first, last, name) {
     const seqs = [];
     for (let place = first; place <= last; place += 1) {
-      const seq = places.seqAt(place);
+      const seq = this.places.seqAt(place);
       if (seq !== undefined) seqs.push(seq);
     }
-    return (await cache.load(seqs, { q: session.view.q, case: session.view.matchCase })) || places !== this.places;
+    return cache.load(seqs, { q: session.view.q, case: session.view.matchCase }, name);
+  }
+  // Loads the last records, before refresh() shows them: what follows does not flicker.
+  async prepareEnd() {
+    const last = this.places.total - 1;
+    const first = Math.max(0, last - this.rowsPerPage - 2);
+    if (!this.places.isResolved(first, last)) await this.places.resolve(first, last);
+    await this.#loadPlaces(first, last, "end");
   }
   // Loads what the list shows at the moment. Resolves when the rows stand.
   async settle() {

@@ -56,6 +56,13 @@ function showInfo() {
   if (!info.database) sources.open();
 }
 
+// Tells scripts and tests that the first rows stand.
+function setReady() {
+  if (document.body.dataset.ready === "true") return;
+  document.body.dataset.ready = "true";
+  performance.mark("ready");
+}
+
 // The record that stays in view when the list changes: the one that the address names, the selected one, or the topmost.
 function anchor() {
   const { view } = session;
@@ -90,7 +97,7 @@ session.events.addEventListener("restart", async () => {
   if (view.open !== null) selection.select(view.open);
   detail.show();
   await searchFrom(view.at === null ? null : { seq: view.at, offset: 0 });
-  if (session.live.lastSeq === 0) document.body.dataset.ready = "true";
+  setReady();
 });
 
 session.events.addEventListener("view", ({ changed, isBack }) => {
@@ -126,7 +133,7 @@ list.addEventListener("moved", ({ delta }) => {
   else if (!view.follows && list.topSeq !== undefined) session.noteTop(list.topSeq);
 });
 list.addEventListener("drawn", () => {
-  if (document.body.dataset.ready !== "true" && document.querySelector(".rows [data-tone]")) document.body.dataset.ready = "true";
+  if (document.body.dataset.ready !== "true" && document.querySelector(".rows [data-tone]")) setReady();
 });
 byId("follow").addEventListener("click", () => session.change({ follows: !session.view.follows, at: list.topSeq ?? null }));
 byId("banner").querySelector("button").addEventListener("click", hideError);

@@ -81,7 +81,7 @@ export class Matches {
   // Counts the matches of `filter` in [first, last]. Null if the question was cancelled or failed.
   static async count(filter, first, last) {
     const size = Matches.sizeFor(last - first + 1);
-    const answer = await ask("blocks", "blocks", { ...filter, first, last, size });
+    const answer = await ask("blocks", "blocks", { ...filter, first, last, size }, { slow: true });
     if (!answer) return null;
     const matches = new Matches();
     matches.#filter = filter;
@@ -140,11 +140,12 @@ export class Matches {
     const end = this.#lastBlock((block) => block.place <= last);
     return this.#blocks.slice(begin, end + 1);
   }
+  // A block that grew keeps its list, which then ends too early.
   isResolved(first, last) {
-    return this.#blocksOf(first, last).every((block) => this.#listed.has(block.first));
+    return this.#blocksOf(first, last).every((block) => (this.#listed.get(block.first)?.length ?? 0) >= Math.min(block.count, last - block.place + 1));
   }
   async resolve(first, last) {
-    return this.#list(this.#blocksOf(first, last).filter((block) => !this.#listed.has(block.first)).slice(0, 4));
+    return this.#list(this.#blocksOf(first, last).filter((block) => this.#listed.get(block.first)?.length !== block.count).slice(0, 4));
   }
   // Makes placeOf(seq) exact.
   async resolveSeq(seq) {
@@ -170,25 +171,29 @@ export class Matches {
   }
   // Counts what was added up to `last`, and forgets what was deleted below `first`. Returns the number of new matches.
   async grow(first, last) {
+    const before = this.total;
     if (last > this.#last) {
-      const answer = await ask("grown", "blocks", { ...this.#filter, first: this.#last + 1, last, size: this.#size });
+      const size = last - this.#last <= LISTED ? 1 : this.#size;
+      const answer = await ask("grown", "blocks", { ...this.#filter, first: this.#last + 1, last, size });
       if (!answer) return 0;
       this.#last = last;
-      let added = 0;
-      for (const [begin, count] of answer.blocks) {
-        const latest = this.#blocks.at(-1);
-        const start = begin - ((begin - 1) % this.#size);
-        if (latest?.first === start) latest.count += count;
-        else this.#blocks.push({ first: start, count, place: 0 });
-        this.#listed.delete(start);
-        added += count;
-      }
+      for (const [begin, count] of answer.blocks) this.#add(begin, count, size === 1);
       this.#placed = false;
-      await this.#forgetBelow(first);
-      return added;
     }
+    const added = this.total - before;
     await this.#forgetBelow(first);
-    return 0;
+    return added;
+  }
+  #add(seq, count, isOne) {
+    const first = seq - ((seq - 1) % this.#size);
+    if (this.#blocks.at(-1)?.first !== first) {
+      this.#blocks.push({ first, count: 0, place: 0 });
+      this.#listed.set(first, []);
+    }
+    const block = this.#blocks.at(-1);
+    const seqs = this.#listed.get(first);
+    if (isOne && seqs?.length === block.count) seqs.push(seq);
+    block.count += count;
   }
   async #forgetBelow(first) {
     const gone = this.#lastBlock((block) => block.first + this.#size <= first);

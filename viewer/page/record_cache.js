@@ -32,14 +32,14 @@ export function add(loaded, loadedVersion = version) {
   }
 }
 
-// Loads the records of `seqs` (ascending) that are missing. True if something was loaded.
-export async function load(seqs, query) {
+// Loads the records of `seqs` (ascending) that are missing. True if something was loaded. `name` is that of the question.
+export async function load(seqs, query, name = "rows") {
   const missing = seqs.filter(isMissing).slice(0, AT_ONCE);
   if (missing.length === 0) return false;
   const asked = version;
   const isRange = missing.at(-1) - missing[0] < AT_ONCE && missing.length * 3 > missing.at(-1) - missing[0];
   const which = isRange ? { first: missing[0], last: missing.at(-1) } : { seqs: missing.join(",") };
-  const answer = await ask("rows", "records", { ...which, ...query });
+  const answer = await ask(name, "records", { ...which, ...query });
   if (!answer) return false;
   add(answer.records, asked);
   for (const seq of missing) {

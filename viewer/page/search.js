@@ -111,6 +111,8 @@ export class Search {
       }
       const [added] = await Promise.all([places.grow(firstSeq, lastSeq), this.#marked?.grow(firstSeq, lastSeq)]);
       if (number !== this.#latest || places !== this.#list.places) return;
+      if (session.view.follows) await this.#list.prepareEnd();
+      if (number !== this.#latest || places !== this.#list.places) return;
       if (session.view.follows) this.#setMissed(0);
       else this.#setMissed(this.#missed + added);
       this.#list.refresh(session.view.follows ? null : anchor);

@@ -66,7 +66,7 @@ export class Timeline {
       return;
     }
     const bars = Math.max(20, Math.min(MOST, Math.floor(this.#plot.clientWidth / BAR)));
-    const answer = await ask("timeline", "timeline", { ...session.question(), bars });
+    const answer = await ask("timeline", "timeline", { ...session.question(), bars }, { slow: true });
     if (answer) this.#show(answer.bars?.length ? answer : null);
   }
 
