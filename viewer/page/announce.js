@@ -19,6 +19,8 @@ export function showError(sentence) {
   banner.hidden = false;
 }
 
-export function hideError() {
-  byId("banner").hidden = true;
+// Hides the banner; given a sentence, only if that is what it says.
+export function hideError(sentence) {
+  const banner = byId("banner");
+  if (typeof sentence !== "string" || banner.firstElementChild.textContent === sentence) banner.hidden = true;
 }

@@ -5,6 +5,8 @@
 // the server, and the older call returns null. It also returns null if the request fails; the failure has then been
 // reported through `onError`.
 
+export const NO_ANSWER = "The server does not answer. Is runeflow view still running?";
+
 const base = location.pathname.replace(/[^/]*$/, "");
 const page = Array.from(crypto.getRandomValues(new Uint32Array(2)), (part) => part.toString(16)).join("");
 const asked = new Map(); // name of a question → AbortController of its latest request
@@ -71,7 +73,7 @@ export async function ask(name, path, parameters = {}, { quiet = false, slow = f
     if (body.error && !response.ok) throw new Error(body.error);
     return body;
   } catch (error) {
-    if (isLatest() && !quiet) listeners.onError(error instanceof TypeError ? "The server does not answer. Is runeflow view still running?" : error.message);
+    if (isLatest() && !quiet) listeners.onError(error instanceof TypeError ? NO_ANSWER : error.message);
     return null;
   } finally {
     if (slow) leaveSlowLane();
@@ -93,21 +95,34 @@ export async function tell(path, body = {}) {
     const answer = await bodyOf(response);
     return response.ok || answer.error ? answer : { error: `The server answered with status ${response.status}.` };
   } catch {
-    return { error: "The server does not answer. Is runeflow view still running?" };
+    return { error: NO_ANSWER };
   }
 }
 
 // Opens the stream of changes. Browsers allow six connections to a host, and each stream keeps one: a page that is not
 // shown closes its stream.
-export function watch(onState, onGone) {
+export function watch({ onState, onGone, onLost, onFound }) {
   let source = null;
+  let lost = 0; // timer
   const open = () => {
     if (source) return;
     source = new EventSource(address("events", { page }));
     source.addEventListener("state", (event) => onState(JSON.parse(event.data)));
     source.addEventListener("gone", (event) => onGone(JSON.parse(event.data)));
+    source.addEventListener("error", () => {
+      lost ||= setTimeout(onLost, 2000);
+      // The browser gives up after an answer that is no stream.
+      if (source?.readyState === EventSource.CLOSED) source = null;
+    });
+    source.addEventListener("open", () => {
+      clearTimeout(lost);
+      lost = 0;
+      onFound();
+    });
   };
   const close = () => {
+    clearTimeout(lost);
+    lost = 0;
     source?.close();
     source = null;
   };

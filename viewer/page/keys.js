@@ -47,10 +47,11 @@ export function listenForKeys(list, selection, grid) {
   });
 }
 
-// Leaves, one after the other: the opened record, the marked range, the query's span, the query.
+// Leaves, one after the other: the facets over the list, the opened record, the selection, the span, the query.
 function escape(selection) {
   const { view } = session;
-  if (view.open !== null) session.change({ open: null }, "new");
+  if (document.body.dataset.facets === "true") byId("open-facets").click();
+  else if (view.open !== null) session.change({ open: null }, "new");
   else if (selection.seq !== null) selection.clear();
   else if (view.span) session.change({ span: null }, "new");
   else if (view.q) session.change({ q: "" }, "new");

@@ -136,7 +136,7 @@ list.addEventListener("drawn", () => {
   if (document.body.dataset.ready !== "true" && document.querySelector(".rows [data-tone]")) setReady();
 });
 byId("follow").addEventListener("click", () => session.change({ follows: !session.view.follows, at: list.topSeq ?? null }));
-byId("banner").querySelector("button").addEventListener("click", hideError);
+byId("banner").querySelector("button").addEventListener("click", () => hideError());
 
 async function startOver(generation, sentence) {
   if (isRestarting) return;
@@ -154,11 +154,13 @@ api.listen({
 });
 
 await restart();
-api.watch(
-  (state) => {
+api.watch({
+  onState: (state) => {
     const isOther = state.generation !== undefined && session.info && state.generation !== session.info.generation;
     if (isOther) startOver(state.generation, "The database was cleared or replaced. This is what it holds now.");
     else session.setLive(state);
   },
-  ({ error }) => showError(error),
-);
+  onGone: ({ error }) => showError(error),
+  onLost: () => showError(api.NO_ANSWER),
+  onFound: () => hideError(api.NO_ANSWER),
+});
