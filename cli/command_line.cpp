@@ -200,6 +200,20 @@ void addSources(CLI::App& app, int& exitCode) {
   sources.runs(cli::sources, exitCode);
 }
 
+void addView(CLI::App& app, int& exitCode) {
+  Subcommand<ViewCommandOptions> view(app, "view", "Show a database in the browser");
+  auto* command = view.command;
+  auto& options = *view.options;
+  command->add_option("DB|LOG", options.path, "A database, or a log to capture beside it")
+      ->type_name("");
+  view.addSource();
+  command->add_option("--port", options.port, "The port on 127.0.0.1")
+      ->type_name("N")
+      ->check(CLI::Range(1, 65'535));
+  view.addFlag("--no-open", &ViewCommandOptions::staysClosed, "Do not open a browser");
+  view.runs(cli::view, exitCode);
+}
+
 }  // namespace
 
 int runCommandLine(int argc, char** argv) {
@@ -211,7 +225,8 @@ int runCommandLine(int argc, char** argv) {
   app.footer("Exit codes: 0 done, 1 nothing matched, 2 a usage or input error.");
   app.set_version_flag("--version", RUNEFLOW_VERSION);
   int exitCode = 0;
-  for (auto* add : {addCapture, addQuery, addValues, addInfo, addClear, addCheck, addSources}) {
+  for (auto* add :
+       {addCapture, addQuery, addValues, addInfo, addClear, addCheck, addSources, addView}) {
     add(app, exitCode);
   }
   try {

@@ -76,6 +76,13 @@ struct SourcesOptions {
   bool isJson = false;
 };
 
+struct ViewCommandOptions {
+  std::string path;  // a database or a log; empty: begin with the sources
+  std::string source;
+  std::optional<std::uint16_t> port;
+  bool staysClosed = false;  // opens no browser
+};
+
 int capture(const CaptureOptions& options);
 int query(const QueryOptions& options);
 int values(const ValuesOptions& options);
@@ -83,5 +90,6 @@ int info(const InfoOptions& options);
 int clear(const ClearOptions& options);
 int check(const CheckOptions& options);
 int sources(const SourcesOptions& options);
+int view(const ViewCommandOptions& options);
 
 }  // namespace cli

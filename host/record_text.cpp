@@ -6,7 +6,11 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
 #include <limits>
+#include <system_error>
 #include <utility>
 #include <variant>
 
@@ -27,7 +31,33 @@ std::pair<std::time_t, std::int64_t> split(runeflow::Timestamp timestamp) {
   return {seconds.count(), total - seconds.count() * kMicrosecondsPerSecond};
 }
 
+// The name in the zone database, or else the abbreviation that is in force.
+std::string zoneName(const std::tm& now) {
+  const char* variable = std::getenv("TZ");  // NOLINT(concurrency-mt-unsafe)
+  std::string name = variable ? variable : "";
+  if (name.starts_with(':')) name.erase(0, 1);
+  std::error_code error;
+  if (name.empty() && !variable) {
+    name = std::filesystem::read_symlink("/etc/localtime", error).string();
+  }
+  constexpr std::string_view kFolder = "zoneinfo/";
+  if (const auto at = name.find(kFolder); at != std::string::npos)
+    name.erase(0, at + kFolder.size());
+  const bool isName = name.find('/') != std::string::npos && !name.starts_with('/');
+  return isName ? name : now.tm_zone;
+}
+
 }  // namespace
+
+std::string localZone() {
+  constexpr long kMinute = 60;
+  const auto now = fmt::localtime(std::time(nullptr));
+  const auto minutes = std::abs(now.tm_gmtoff) / kMinute;
+  auto offset = fmt::format("UTC{}{}", now.tm_gmtoff < 0 ? "-" : "+", minutes / 60);
+  if (minutes % 60 != 0) offset += fmt::format(":{:02}", minutes % 60);
+  const auto name = zoneName(now);
+  return name == "UTC" ? name : fmt::format("{} ({})", terminalText(name), offset);
+}
 
 std::string_view levelName(runeflow::RuneflowLogLevel level) {
   constexpr std::string_view kNames[] = {"Trace", "Debug", "Info", "Warning", "Error", "Fatal"};

@@ -22,6 +22,9 @@ std::string utcTime(runeflow::Timestamp timestamp);
 enum class TimeDigits { milliseconds, microseconds };
 std::string localTime(runeflow::Timestamp timestamp, TimeDigits digits = TimeDigits::milliseconds);
 
+// Returns the name of this machine's time zone and its present offset: "Europe/Berlin (UTC+1)".
+std::string localZone();
+
 // Returns the record as one line without its end: seq, UTC time, level, all fields that
 // `descriptor` keeps in slots, and the message, separated by tabs. Texts are escaped by
 // terminalField(), so that the line has no other tab and no line feed.
