@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <future>
 #include <memory>
@@ -13,35 +10,30 @@
 #include <thread>
 
 #include "commands.h"
+#include "host/capture.h"
 #include "host/database.h"
 #include "host/failure.h"
 #include "host/overlap.h"
+#include "host/pump.h"
 #include "host/stream.h"
+#include "interrupt.h"
 #include "progress.h"
-#include "pump.h"
 #include "terminal.h"
 
 namespace cli {
 
 using host::fail;
+using host::PumpResult;
 using host::Stream;
-using host::systemError;
+using host::StreamEnd;
 using runeflow::CaptureSession;
-using runeflow::FileDescriptor;
 
 namespace {
 
-constexpr int kPipeSize = 1 << 20;  // bytes; reader and pump then seldom wait for each other
 constexpr int kFirstRetrySeconds = 1;
 constexpr int kLastRetrySeconds = 30;
-constexpr std::int64_t kTrimBytes = std::int64_t{16} << 20;
-constexpr std::int64_t kSmallestCap = std::int64_t{4} << 20;
 constexpr std::chrono::milliseconds kLastLockWait{500};
 constexpr std::chrono::milliseconds kLookInterval{500};
-
-runeflow::Timestamp now() {
-  return std::chrono::system_clock::now();
-}
 
 Stream connectLive(const CaptureOptions& options) {
   return options.isAdb ? host::connectToAdb(options.adbTarget, options.serial, options.command)
@@ -59,8 +51,7 @@ class Capture {
         session_(options.database, store_.descriptor()),
         progress_(session_, totalBytes()) {
     if (options.maxBytes) session_.setMaxBytes(*options.maxBytes);
-    session_.setTrimBytes(kTrimBytes);
-    session_.setFlushesWhenQuiet(true);
+    host::configure(session_);
   }
 
   int run() {
@@ -91,59 +82,42 @@ class Capture {
   // Returns false if the capture is to end.
   bool runStream(Stream& stream, const std::optional<host::Overlap>& stored) {
     if (!stream.note.empty()) progress_.say(stream.note);
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) fail("cannot make a pipe: {}", systemError(errno));
-    FileDescriptor sink(ends[1]);
-    ::fcntl(sink.get(), F_SETPIPE_SZ, kPipeSize);
-    auto finished = std::make_shared<std::promise<void>>();
-    const auto whenFinished = finished->get_future();
-    session_.run(
-        ends[0],
-        [kind = stream.kind, stored] {
-          auto decoder = kind->makeDecoder(now);
+    const auto pumped = host::captureStream(
+        session_, stream,
+        [stored](std::unique_ptr<runeflow::RowDecoder> decoder) {
           return stored ? stored->without(std::move(decoder)) : std::move(decoder);
         },
-        [finished] { finished->set_value(); });
-    const auto pumped = pump(stream, sink.get(), interrupt_, [this] { return tick(); });
-    sink.reset();
-    stream.fd.reset();
-    if (pumped.end == StreamEnd::interrupted) {
-      // What is left to do ends soon, or at once with a second Ctrl-C.
-      interrupt_.restoreSignals();
-      session_.setLockWait(kLastLockWait);
-    }
-    while (whenFinished.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
-      progress_.tick();
-    }
+        interrupt_.fd(),
+        {.tick = [this] { return tick(); },
+         .onInterrupted =
+             [this] {
+               // What is left to do ends soon, or at once with a second Ctrl-C.
+               interrupt_.restoreSignals();
+               session_.setLockWait(kLastLockWait);
+             },
+         .onWaiting = [this] { progress_.tick(); }});
     return goesOnAfter(stream, pumped);
   }
 
   bool goesOnAfter(const Stream& stream, const PumpResult& pumped) {
+    const auto sentence = host::sentenceFor(pumped, stream, options_.database);
+    if (!sentence.empty()) {
+      progress_.say(pumped.end == StreamEnd::readerGone ? sentence + unread() : sentence);
+    }
     switch (pumped.end) {
       case StreamEnd::ended:
         return true;
       case StreamEnd::interrupted:
         return false;
       case StreamEnd::failed:
-        progress_.say(
-            fmt::format("cannot read {} to its end: {}", stream.name, systemError(pumped.error)));
         hasFailed_ = hasFailed_ || !stream.isLive;  // a live stream may end at any time
         return true;
       case StreamEnd::endless:
-        progress_.say(fmt::format("{} holds a line of more than {} MB; is it {}?", stream.name,
-                                  PumpResult::longestRecord >> 20, stream.kind->form));
-        break;
       case StreamEnd::stopped:
-        progress_.say(
-            fmt::format("{} was deleted or replaced; what is stored from now on would be "
-                        "lost with it",
-                        options_.database));
-        break;
       case StreamEnd::readerGone:
-        progress_.say(fmt::format("the rest of {} is not stored{}", stream.name, unread()));
-        break;
+        hasFailed_ = true;
+        return false;
     }
-    hasFailed_ = true;
     return false;
   }
 
@@ -245,7 +219,7 @@ int capture(const CaptureOptions& options) {
                       (options.dltTarget.empty() ? 0 : 1);
   if (sources != 1) fail("name what to capture: files, -, --dlt HOST or --adb, one of them");
   if (options.reconnects && !options.isLive()) fail("--reconnect goes with --dlt or --adb");
-  if (options.maxBytes && *options.maxBytes < kSmallestCap) {
+  if (options.maxBytes && *options.maxBytes < host::smallestCap) {
     fail("--max-bytes is below 4M; a smaller database would hold little but its indexes");
   }
   // A reader that ends early closes its pipe. This must end the pump, not the process.

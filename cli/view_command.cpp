@@ -58,6 +58,7 @@ int view(const ViewCommandOptions& options) {
   const Interrupt interrupt;  // before the first thread
   std::signal(SIGPIPE, SIG_IGN);
   viewer::Viewer viewer({.path = options.path, .source = options.source, .port = options.port});
+  if (const auto note = viewer.note(); !note.empty()) say("{}", note);
   fmt::print("{}\n", viewer.address());
   flushOutput();
   const bool isWatched = isTerminal(stdin) && isTerminal(stdout);

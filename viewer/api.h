@@ -44,6 +44,7 @@ class Call {
 
   const HttpRequest& request() const { return request_; }
   const DatabaseState& state() const { return state_; }
+  const Cancellation& cancellation() const { return cancellation_; }
 
   // Returns the store. Refuses if no database is open, or if the page's generation is over.
   runeflow::EventStore& store() const;
@@ -85,6 +86,9 @@ class Call {
 
 // What the page knows of the database without asking.
 Json stateJson(const DatabaseState& state);
+
+// The same with what never changes, and the captures.
+Json infoJson(const DatabaseState& state, Json captures);
 
 HttpAnswer jsonAnswer(const Json& value, unsigned int status = 200);
 

@@ -44,8 +44,9 @@ Json columnsOf(const runeflow::SourceDescriptor& descriptor) {
   return columns;
 }
 
-HttpAnswer info(const Call& call) {
-  const auto& state = call.state();
+}  // namespace
+
+Json infoJson(const DatabaseState& state, Json captures) {
   auto object = stateJson(state);
   object["zone"] = host::localZone();
   object["version"] = RUNEFLOW_VERSION;
@@ -60,8 +61,11 @@ HttpAnswer info(const Call& call) {
     const auto& descriptor = state.kind->descriptor();
     object["source"] = {{"id", descriptor.id()}, {"name", descriptor.displayName()}};
   }
-  return jsonAnswer(object);
+  object["capturing"] = std::move(captures);
+  return object;
 }
+
+namespace {
 
 HttpAnswer query(const Call& call) {
   const auto question = call.question();
@@ -193,9 +197,11 @@ Json stateJson(const DatabaseState& state) {
 }
 
 std::vector<Route> countRoutes() {
-  return {{"GET", "info", Lane::quick, info},    {"GET", "query", Lane::quick, query},
-          {"GET", "blocks", Lane::slow, blocks}, {"GET", "timeline", Lane::slow, timeline},
-          {"GET", "facets", Lane::slow, facets}, {"GET", "complete", Lane::slow, complete}};
+  return {{"GET", "query", Lane::quick, query},
+          {"GET", "blocks", Lane::slow, blocks},
+          {"GET", "timeline", Lane::slow, timeline},
+          {"GET", "facets", Lane::slow, facets},
+          {"GET", "complete", Lane::slow, complete}};
 }
 
 }  // namespace viewer

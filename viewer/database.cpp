@@ -35,13 +35,13 @@ std::string DatabaseState::name() const {
 Database::Database(std::function<void(const DatabaseState&)> onChange)
     : onChange_(std::move(onChange)), follower_([this] { follow(); }) {}
 
-Database::~Database() {
+void Database::end() {
   {
     const std::lock_guard lock(mutex_);
     isEnding_ = true;
   }
   ending_.notify_all();
-  follower_.join();
+  if (follower_.joinable()) follower_.join();
 }
 
 DatabaseState Database::state() const {

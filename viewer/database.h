@@ -46,7 +46,7 @@ class Database {
   // Calls `onChange` from the following thread when the state has changed, at most five times a
   // second, and from open().
   explicit Database(std::function<void(const DatabaseState&)> onChange);
-  ~Database();
+  ~Database() { end(); }
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
 
@@ -55,6 +55,9 @@ class Database {
   void open(const std::string& path, const std::string& source);
 
   DatabaseState state() const;
+
+  // Ends the following.
+  void end();
 
  private:
   void follow();

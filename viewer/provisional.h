@@ -38,15 +38,6 @@ struct Timeline {
   using Bar = std::array<std::int64_t, 6>;
   std::vector<Bar> bars;
 };
-class WordMarks {
- public:
-  WordMarks(const LogQuery&, bool) {}
-  struct Range {
-    std::size_t begin, end;
-  };
-  std::vector<Range> in(std::string_view) const { return {}; }
-};
-
 namespace reads {
 
 using Seqs = std::vector<std::int64_t>;

@@ -109,7 +109,6 @@ Json listedRecord(const RecordPreview& record, const SourceDescriptor& descripto
   auto message = safeText(record.row.message(), marks.in(record.row.message()), Lines::one);
   return {{"seq", record.seq},
           {"time", microseconds(record.row)},
-          {"local", host::localTime(record.row.timestamp(), host::TimeDigits::microseconds)},
           {"level", runeflow::rawValue(record.row.level())},
           {"fields", std::move(fields)},
           {"text", std::move(message.text)},

@@ -15,6 +15,7 @@
 #include "provisional.h"
 #include "runeflow/model/source_descriptor.h"
 #include "runeflow/store/event_store.h"
+#include "runeflow/store/word_marks.h"
 
 namespace viewer {
 

@@ -4,15 +4,19 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
 #include <mutex>
 #include <thread>
 #include <utility>
 
 #include "access.h"
 #include "api.h"
+#include "captures.h"
 #include "database.h"
 #include "host/failure.h"
 #include "http_server.h"
+#include "log_file.h"
+#include "source_calls.h"
 
 namespace viewer {
 namespace {
@@ -56,18 +60,30 @@ class Viewer::Implementation {
     beats_.join();
     api_.end();
     server_.reset();
+    const bool isCut = endLog();
+    // Their threads use the members below.
+    captures_.end();
+    database_.end();
+    removeLog(isCut);
   }
   Implementation(const Implementation&) = delete;
   Implementation& operator=(const Implementation&) = delete;
 
   std::string address() const { return access_.address(); }
+  std::string note() const { return log_ ? log_->note : std::string(); }
 
  private:
   Implementation(const ViewOptions& options, BoundSocket bound)
       : access_(bound.port),
-        database_([this](const DatabaseState& state) { tell(state); }),
+        database_([this](const DatabaseState&) { tell(); }),
+        captures_([this] { tell(); }),
+        sourceCalls_(database_, captures_),
         api_(access_.root(), database_) {
-    if (!options.path.empty()) database_.open(options.path, options.source);
+    api_.add(sourceCalls_.routes());
+    api_.add({{"GET", "info", Lane::quick, [this](const Call& call) {
+                 return jsonAnswer(infoJson(call.state(), capturesJson(captures_.states())));
+               }}});
+    show(options);
     server_.emplace(std::move(bound.socket),
                     HttpServer::Handlers{
                         .refuse = [this](const auto& request) { return access_.refusal(request); },
@@ -77,8 +93,43 @@ class Viewer::Implementation {
     beats_ = std::thread([this] { beat(); });
   }
 
-  void tell(const DatabaseState& state) {
-    api_.broadcast("state", stateJson(state));
+  void show(const ViewOptions& options) {
+    if (options.path.empty()) return;
+    if (isDatabase(options.path)) return database_.open(options.path, options.source);
+    log_ = databaseOf(options.path, options.source);
+    logName_ = options.path;
+    if (log_->stream) logCapture_ = captures_.start(std::move(*log_->stream), log_->path, 0);
+    database_.open(log_->path, "");
+  }
+
+  // Returns whether the capture of the log has to be cut short.
+  bool endLog() {
+    if (logCapture_ == 0) return false;
+    for (const auto& state : captures_.states()) {
+      if (state.id == logCapture_) return state.isRunning;
+    }
+    return false;
+  }
+
+  // Part of a log would be taken for the whole log the next time.
+  void removeLog(bool isCut) {
+    if (!log_) return;
+    std::error_code ignored;
+    if (!log_->temporaryFolder.empty()) {
+      std::filesystem::remove_all(log_->temporaryFolder, ignored);
+    } else if (isCut) {
+      for (const auto* ending : {"", "-wal", "-shm"}) {
+        std::filesystem::remove(log_->path + ending, ignored);
+      }
+    }
+  }
+
+  void tell() {
+    const std::lock_guard lock(tellMutex_);  // so that no older state follows a newer one
+    const auto state = database_.state();
+    auto object = stateJson(state);
+    object["captures"] = capturesJson(captures_.states());
+    api_.broadcast("state", object);
     if (!state.error.empty()) api_.broadcast("gone", {{"error", state.error}});
   }
 
@@ -88,9 +139,16 @@ class Viewer::Implementation {
   }
 
   Access access_;
+  std::mutex tellMutex_;
   Database database_;
+  Captures captures_;
+  SourceCalls sourceCalls_;
   Api api_;
   std::optional<HttpServer> server_;
+
+  std::optional<LogDatabase> log_;
+  std::string logName_;
+  std::int64_t logCapture_ = 0;  // 0: none
 
   std::mutex mutex_;
   bool isEnding_ = false;
@@ -102,6 +160,10 @@ Viewer::Viewer(const ViewOptions& options)
     : implementation_(std::make_unique<Implementation>(options)) {}
 
 Viewer::~Viewer() = default;
+
+std::string Viewer::note() const {
+  return implementation_->note();
+}
 
 std::string Viewer::address() const {
   return implementation_->address();

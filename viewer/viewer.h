@@ -31,6 +31,9 @@ class Viewer {
   // What the user opens in a browser; it holds the token.
   std::string address() const;
 
+  // What the user should know of the database, as a sentence; empty if there is nothing.
+  std::string note() const;
+
  private:
   class Implementation;
   std::unique_ptr<Implementation> implementation_;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "pump.h"
+#include "host/pump.h"
 
 #include <poll.h>
 #include <unistd.h>
@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-namespace cli {
+namespace host {
 namespace {
 
 constexpr std::size_t kPieceSize = 65'536;
@@ -55,8 +55,7 @@ class RecordEnds {
 
 }  // namespace
 
-PumpResult pump(host::Stream& stream, int sink, const Interrupt& interrupt,
-                const std::function<bool()>& tick) {
+PumpResult pump(Stream& stream, int sink, int end, const std::function<bool()>& tick) {
   RecordEnds ends(stream.kind->recordEnd);
   const auto pass = [&](std::span<const std::uint8_t> bytes) {
     ends.note(bytes);
@@ -65,7 +64,7 @@ PumpResult pump(host::Stream& stream, int sink, const Interrupt& interrupt,
   if (!pass(stream.head)) return {StreamEnd::readerGone};
   std::vector<std::uint8_t> piece(kPieceSize);
   std::array<pollfd, 2> waiting = {{{.fd = stream.fd.get(), .events = POLLIN, .revents = 0},
-                                    {.fd = interrupt.fd(), .events = POLLIN, .revents = 0}}};
+                                    {.fd = end, .events = POLLIN, .revents = 0}}};
   for (;;) {
     if (!tick()) return {StreamEnd::stopped};
     const int ready = ::poll(waiting.data(), waiting.size(), kTickMilliseconds);
@@ -85,4 +84,4 @@ PumpResult pump(host::Stream& stream, int sink, const Interrupt& interrupt,
   }
 }
 
-}  // namespace cli
+}  // namespace host

@@ -8,13 +8,12 @@
 #include <functional>
 
 #include "host/stream.h"
-#include "interrupt.h"
 
-namespace cli {
+namespace host {
 
 enum class StreamEnd {
   ended,
-  interrupted,  // by the user
+  interrupted,  // `end` became readable
   failed,       // the stream could not be read; PumpResult::error says why
   endless,      // a record is longer than PumpResult::longestRecord
   stopped,      // `tick` returned false
@@ -31,7 +30,6 @@ struct PumpResult {
 // Writes the bytes of the stream to `sink`, a blocking descriptor, until either of them ends or the
 // user interrupts. Calls `tick` a few times a second and after every piece. Ends the last record of
 // a file or of standard input if the file does not.
-PumpResult pump(host::Stream& stream, int sink, const Interrupt& interrupt,
-                const std::function<bool()>& tick);
+PumpResult pump(Stream& stream, int sink, int end, const std::function<bool()>& tick);
 
-}  // namespace cli
+}  // namespace host

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: MIT
+
+// Work that other servers and programs may delay for long, such as connecting.
+#pragma once
+
+#include <chrono>
+#include <exception>
+#include <future>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "asks.h"
+#include "runeflow/platform/background.h"
+
+namespace viewer {
+
+// Runs `work` on a thread of its own and waits for its result or the cancellation. Returns absence
+// if it was cancelled; the work then goes on by itself, and may only use what it owns. Rethrows
+// what `work` throws.
+template <class Result>
+std::optional<Result> aside(const Cancellation& cancellation,
+                            std::move_only_function<Result()> work) {
+  constexpr std::chrono::milliseconds kInterval{50};
+  auto promise = std::make_shared<std::promise<Result>>();
+  auto future = promise->get_future();
+  const bool hasStarted = runeflow::runInBackground([promise, work = std::move(work)]() mutable {
+    try {
+      promise->set_value(work());
+    } catch (...) {
+      promise->set_exception(std::current_exception());
+    }
+  });
+  if (!hasStarted) return std::nullopt;
+  while (future.wait_for(kInterval) != std::future_status::ready) {
+    if (cancellation->load()) return std::nullopt;
+  }
+  return future.get();
+}
+
+}  // namespace viewer
