@@ -73,8 +73,9 @@ export class RecordList extends EventTarget {
   get rowsPerPage() {
     return Math.max(1, Math.floor(this.#scroll.height / ROW) - 1);
   }
+  // Undefined while it is not known.
   get topSeq() {
-    return this.places.seqAt(Math.ceil(this.#scroll.top / ROW - 0.5));
+    return this.places.total === 0 ? undefined : this.places.seqAt(Math.ceil(this.#scroll.top / ROW - 0.5));
   }
   // A record and its distance from the upper edge, to be kept when the places change.
   anchor(seq = this.topSeq) {

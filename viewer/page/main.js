@@ -130,9 +130,9 @@ list.addEventListener("moved", ({ delta }) => {
   const { view } = session;
   if (view.follows && delta < 0 && !list.isAtEnd) session.change({ follows: false, at: list.topSeq ?? null });
   else if (!view.follows && delta > 0 && list.isAtEnd) session.change({ follows: true });
-  else if (!view.follows && list.topSeq !== undefined) session.noteTop(list.topSeq);
 });
 list.addEventListener("drawn", () => {
+  if (!session.view.follows && list.topSeq !== undefined) session.noteTop(list.topSeq);
   if (document.body.dataset.ready !== "true" && document.querySelector(".rows [data-tone]")) setReady();
 });
 byId("follow").addEventListener("click", () => session.change({ follows: !session.view.follows, at: list.topSeq ?? null }));

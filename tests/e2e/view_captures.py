@@ -1,0 +1,139 @@
+# SPDX-License-Identifier: MIT
+"""Checks of captures that are started, watched and ended in the page, from a real adb server and a real DLT daemon."""
+
+import subprocess
+import threading
+
+from browser import Keys, viewing, Browser
+from run import AdbServer, DltDaemon, Database, free_port, running, wait_until
+
+RUNNING = "return document.querySelector('.captures [data-running=true]')?.dataset.records"
+
+
+def check_follow(stage):
+    """Another process fills the database."""
+    database = stage.folder / "live.db"
+    fifo = stage.folder / "live.log"
+    lines = stage.phone.read_text("utf-8").splitlines(keepends=True)
+    capture = [stage.program, "capture", "-", "--db", database, "--format", "logcat"]
+    with running(capture, stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL) as process:
+        send = lambda part: (process.stdin.write("".join(part)), process.stdin.flush())
+        send(lines[:500])
+        wait_until("the capture stores", lambda: Database(stage.folder, "live").count() >= 499)
+        with stage.page(database) as page:
+            first = page.count()
+            page.js("""window.arrived = 0; new MutationObserver(() => { if (!window.arrived && document.querySelector(`[data-seq="${arguments[0] + 60}"][data-tone]`)) window.arrived = performance.timeOrigin + performance.now(); })
+                .observe(document.querySelector('.rows'), {subtree: true, childList: true, attributes: true});""".replace("arguments[0]", str(first)))
+            send(lines[500:600])
+            page.until("new records are shown", "return Number(document.querySelector('#count').dataset.count) > arguments[0]", first)
+            page.settled()
+            stage.check("follow: the newest record is in view", page.seqs()[-1] == page.count(), page.seqs()[-2:])
+            page.focus_list()
+            page.press(Keys.HOME)
+            page.until("the list is at its top", "return document.querySelector('#row-1')")
+            before = page.count()
+            send(lines[600:900])
+            page.until("new records are counted", "return !document.querySelector('#new').hidden && Number(document.querySelector('#count').dataset.count) > arguments[0]", before)
+            stage.check("follow: the list does not move away", page.seqs()[0] == 1, page.seqs()[:2])
+            stage.check("follow: says how many are new", page.text("#new").endswith(" new"), page.text("#new"))
+            stage.picture(page, "new")
+            page.click("#new")
+            page.until("following again", "return document.querySelector('#follow').getAttribute('aria-pressed') === 'true' && document.querySelector('#new').hidden")
+            page.settled()
+            stage.check("follow: the button goes to the newest", page.seqs()[-1] == page.count())
+            page.query("connect")
+            page.count()
+            send(lines[900:1500])
+            process.stdin.close()
+            process.wait(30)
+            page.count_becomes(stage.counts(database, "connect"))
+            page.settled()
+            stage.check("follow: new matches join a narrowed list", "connect" in page.rows()[-1][-1].lower())
+
+
+def start_from_page(page, source):
+    page.click("#open-sources")
+    page.until("the sources are open", "return document.querySelector('#sources').open")
+    page.click(source)
+
+
+def check_adb(stage):
+    with AdbServer(stage.folder, free_port()).running() as adb:
+        environment = adb.environment | {"ANDROID_ADB_SERVER_PORT": str(adb.port), "ADB_SERVER_SOCKET": f"tcp:{adb.address}"}
+        with viewing(stage.program, stage.folder, environment=environment) as server, Browser() as page:
+            page.open(server.address, ready=False)
+            page.until("the page starts with the sources", "return document.querySelector('#sources').open")
+            stage.check("adb: without a database the page starts with the sources", True)
+            with adb.device("--hold", "--chunk", 500) as serial:
+                page.click(".found ~ *, #sources h3 button")
+                page.until("the device is listed", "return [...document.querySelectorAll('.found li')].some((e) => e.dataset.kind === 'adb')")
+                set_value(page, "#capture-database", "from-adb.db")
+                stage.picture_of(page, "sources") if hasattr(stage, "picture_of") else None
+                page.click(".found [data-kind=adb] button")
+                page.until("the capture runs", RUNNING)
+                database = Database(stage.folder, "from-adb")
+                wait_until("the device's log is stored", lambda: database.count() > 1000)
+                page.until("the page watches it", "return Number(document.querySelector('.captures [data-capture]').dataset.records) > 1000")
+                stage.check("adb: a capture is started and watched in the page", True)
+                figures = page.text(".captures .figures")
+                stage.check("adb: shows rate and size", "/s" in figures and "iB" in figures, figures)
+                page.click(".captures [data-action=end]")
+                page.until("the capture has ended", "return !document.querySelector('.captures [data-running=true]')")
+                stage.check("adb: the page ends it", True)
+                page.js("document.querySelector('#sources').close()")
+                page.ready()
+                stage.check("adb: the list shows its records", page.count() == database.count(), page.count())
+            start_from_page(page, "#sources h3 button")
+            stage.equal("adb: no message on the console", page.messages(), [])
+
+
+def set_value(page, selector, text):
+    page.js("const e = document.querySelector(arguments[0]); e.value = arguments[1]; e.dispatchEvent(new Event('input', {bubbles: true}))", selector, text)
+
+
+def check_dlt(stage):
+    daemon = DltDaemon(stage.folder)
+    with viewing(stage.program, stage.folder) as server, Browser() as page:
+        page.open(server.address, ready=False)
+        page.until("the page starts with the sources", "return document.querySelector('#sources').open")
+        set_value(page, "#capture-database", "from-dlt.db")
+        set_value(page, "#dlt-host", daemon.address)
+        page.click("#start-dlt")
+        page.until("the page says that no daemon listens", "return [...document.querySelectorAll('#sources .error')].some((e) => !e.hidden && /DLT daemon/.test(e.textContent))")
+        stage.check("dlt: a daemon that is not there is said in a sentence", True)
+        set_value(page, "#capture-database", "../outside.db")
+        page.click("#start-dlt")
+        page.until("the page refuses another folder", "return /folder/.test(document.querySelector('#sources p.error').textContent)")
+        stage.check("dlt: no capture into another folder", not (stage.folder.parent / "outside.db").exists())
+        set_value(page, "#capture-database", "from-dlt.db")
+        with daemon.running():
+            page.click("#start-dlt")
+            page.until("the capture runs", RUNNING)
+            sender = threading.Thread(target=daemon.send, args=("dlt-example-user", "-n", 200, "-d", 10, "-l", 4, "seen in the page"))
+            sender.start()
+            page.until("records arrive", "return Number(document.querySelector('.captures [data-capture]').dataset.records) > 100")
+            page.js("document.querySelector('#sources').close()")
+            page.ready()
+            page.settled()
+            stage.picture(page, "capturing")
+            page.until("the timeline grows", "return / records in all/.test(document.querySelector('#timeline').getAttribute('aria-label'))")
+            sender.join(30)
+            page.query("seen in the page")
+            page.count_becomes(200)
+            stage.check("dlt: all messages are counted while the capture runs", True)
+            page.click("#open-sources")
+            set_value(page, ".captures input", "64M")
+            page.click(".captures button.small")
+            page.click(".captures [data-action=end]")
+            page.until("the capture has ended", "return !document.querySelector('.captures [data-running=true]')")
+            stage.check("dlt: the page ends the capture", True)
+        page.until("the database is listed", "return document.querySelector('.databases [data-action=clear]')")
+        page.js("[...document.querySelectorAll('.databases li')].find((e) => /from-dlt/.test(e.textContent)).querySelector('[data-action=clear]').click()")
+        page.until("the page asks first", "return document.querySelector('#confirm').open")
+        page.click("#confirm [data-action=cancel]")
+        stage.check("dlt: nothing is deleted without a yes", Database(stage.folder, "from-dlt").count() > 200)
+        page.js("[...document.querySelectorAll('.databases li')].find((e) => /from-dlt/.test(e.textContent)).querySelector('[data-action=clear]').click()")
+        page.click("#confirm [data-action=sure]")
+        page.until("the records are deleted", "return document.querySelector('#count').dataset.count === '0'")
+        stage.equal("dlt: the page clears the database", Database(stage.folder, "from-dlt").count(), 0)
+        stage.equal("dlt: no message on the console", page.messages(), [])
