@@ -305,6 +305,37 @@ TEST_F(StoreSafety, aSnapshotShowsOneMoment) {
   EXPECT_EQ(reader.maxSeq(), 20);
 }
 
+TEST_F(StoreSafety, aSnapshotTellsIfAWriterCameMeanwhile) {
+  open().insert(rows("line", 10));
+  auto reader = openForReading(path_);
+  const EventStore::Snapshot moment(reader);
+  EXPECT_EQ(reader.count(), 10);
+  EXPECT_FALSE(moment.isDisturbed());
+  open().insert(rows("line", 10));
+  EXPECT_TRUE(moment.isDisturbed());
+}
+
+TEST_F(StoreSafety, whatIsNotCheckedOrRebuiltIsNoDamage) {
+  auto store = open();
+  store.insert(rows("line", 3));
+  store.setLockWait(std::make_shared<std::atomic<std::int64_t>>(0));
+  {
+    const test::OtherConnection lock(path_, "BEGIN IMMEDIATE");
+    const auto found = store.check();
+    EXPECT_FALSE(found.isFullTextChecked);
+    EXPECT_EQ(found.fullTextFault, "");
+    EXPECT_THAT(store.takeError(), failsBy(StoreFault::locked));
+    EXPECT_FALSE(store.rebuildFullText());
+    EXPECT_THAT(store.takeError(), failsBy(StoreFault::locked));
+  }
+  expectSound();
+  // An index that cannot be emptied keeps its records, which it would otherwise find later.
+  sql(path_, "DROP TABLE events_fts_idx");
+  store.clear();
+  EXPECT_NE(store.takeError(), std::nullopt);
+  EXPECT_EQ(store.count(), 3);
+}
+
 TEST_F(StoreSafety, theLogIsEmptiedUnlessAReaderUsesIt) {
   auto store = open();
   store.insert(rows("line", 1'000));

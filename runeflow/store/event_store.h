@@ -87,7 +87,7 @@ struct StoreError {
 struct StoreCheck {
   std::vector<std::string> faults;  ///< Faults of the database, in SQLite's words; at most 100.
   std::string fullTextFault;        ///< Why the full-text index does not fit the records, or empty.
-  bool isFullTextChecked = false;   ///< False if the store has no full-text index or cannot write.
+  bool isFullTextChecked = false;   ///< False without an index, and if the check could not be made.
 };
 
 /// What a database file says of its schema.
@@ -206,7 +206,8 @@ class RUNEFLOW_EXPORT EventStore {
   bool emptyLog(std::chrono::milliseconds wait);
 
   /// Checks the database and its full-text index. Reads everything, which takes a second for about
-  /// 100 MB. The check of the full-text index needs a store that can write, and changes nothing.
+  /// 100 MB. The check of the full-text index needs a store that can write, and changes nothing. If
+  /// it fails for another reason than damage, such as a lock, takeError() returns the reason.
   StoreCheck check();
 
   /// Builds the full-text index anew from the records. Returns false if that fails.
@@ -221,6 +222,11 @@ class RUNEFLOW_EXPORT EventStore {
     ~Snapshot();
     Snapshot(const Snapshot&) = delete;
     Snapshot& operator=(const Snapshot&) = delete;
+
+    /// Returns whether the reads may not agree, because another program began to write to the file
+    /// meanwhile. It cannot if others already had it open when the snapshot began. Read again with
+    /// a new snapshot then.
+    bool isDisturbed() const;
 
    private:
     EventStore& store_;

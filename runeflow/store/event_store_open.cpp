@@ -134,6 +134,7 @@ void EventStore::setLockWait(std::shared_ptr<std::atomic<std::int64_t>> millisec
 
 EventStore::Snapshot::Snapshot(EventStore& store) : store_(store) {
   if (!store_.database_) return;
+  store_.database_->reopenIfChanged(false);
   store_.database_->isInSnapshot = true;
   store_.database_->connection.execute("BEGIN;");
 }
@@ -142,6 +143,11 @@ EventStore::Snapshot::~Snapshot() {
   if (!store_.database_) return;
   store_.database_->connection.execute("COMMIT;");
   store_.database_->isInSnapshot = false;
+}
+
+bool EventStore::Snapshot::isDisturbed() const {
+  const auto* database = store_.database_.get();
+  return database && database->isUnwatched && FileState::of(database->path) != database->openedAs;
 }
 
 // A statement that fails here shows later: the writes and reads that need its table fail.

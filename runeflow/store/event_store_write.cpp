@@ -230,11 +230,16 @@ void EventStore::clear() {
   // index entries without rows would be found in later rows.
   Transaction transaction(connection, "BEGIN IMMEDIATE;");
   if (!transaction.began()) return note();
-  if (!connection.execute("DELETE FROM events;")) note();
+  const bool isDeleted = connection.execute("DELETE FROM events;");
+  if (!isDeleted) note();
+  // A file that was made by an SQLite without FTS5 has no index, and the statement does not exist.
+  Statement deleteAll;
   if (ftsAvailable_) {
-    connection.execute("INSERT INTO events_fts(events_fts) VALUES('delete-all');");
+    deleteAll = database_->prepare("INSERT INTO events_fts(events_fts) VALUES('delete-all')");
   }
-  if (!transaction.commit()) note();
+  if (deleteAll && !deleteAll.stepsToEnd()) return note();  // with entries and no rows
+  // A DELETE that found the disk full has ended the transaction, and cannot fail a second time.
+  if (!transaction.commit() && isDeleted) note();
 }
 
 std::optional<std::int64_t> EventStore::trimOldest(std::int64_t toUsedBytes, std::int64_t chunk) {
@@ -281,16 +286,24 @@ StoreCheck EventStore::check() {
   found.isFullTextChecked = true;
   if (!connection.execute(
           "INSERT INTO events_fts(events_fts, rank) VALUES('integrity-check', 1);")) {
-    found.isFullTextChecked =
-        faultOf(connection) != StoreFault::readOnly && faultOf(connection) != StoreFault::locked;
-    found.fullTextFault = connection.errorText();
+    found.isFullTextChecked = faultOf(connection) == StoreFault::damaged;
+    if (found.isFullTextChecked) {
+      found.fullTextFault = connection.errorText();
+    } else if (faultOf(connection) !=
+               StoreFault::readOnly) {  // a store for reading cannot check it
+      database_->noteFailure();
+    }
   }
   return found;
 }
 
 bool EventStore::rebuildFullText() {
-  return database_ &&
-         database_->connection.execute("INSERT INTO events_fts(events_fts) VALUES('rebuild');");
+  if (!database_) return false;
+  if (database_->connection.execute("INSERT INTO events_fts(events_fts) VALUES('rebuild');")) {
+    return true;
+  }
+  database_->noteFailure();
+  return false;
 }
 
 }  // namespace runeflow

@@ -92,14 +92,19 @@ Connection Connection::open(const std::string& name, int flags) {
 }
 
 void Connection::waitForLocks(const LockWait& wait) {
-  constexpr int kPause = 5;  // milliseconds
-  const auto waitOnceMore = [](void* limit, int pauses) {
-    if (std::int64_t{pauses} * kPause >= static_cast<const LockWait*>(limit)->load()) return 0;
+  // By the clock, because the pauses of a busy machine are longer than asked for.
+  const auto waitOnceMore = [](void* context, int pauses) {
+    constexpr int kPause = 5;  // milliseconds
+    auto& waiting = *static_cast<Waiting*>(context);
+    const auto now = std::chrono::steady_clock::now();
+    if (pauses == 0) waiting.since = now;
+    if (now - waiting.since >= std::chrono::milliseconds(waiting.longest->load())) return 0;
     sqlite3_sleep(kPause);
     return 1;
   };
-  // SQLite passes the pointer through and does not write to it.
-  sqlite3_busy_handler(handle_.get(), waitOnceMore, const_cast<LockWait*>(&wait));
+  if (!waiting_) waiting_ = std::make_unique<Waiting>();
+  waiting_->longest = &wait;
+  sqlite3_busy_handler(handle_.get(), waitOnceMore, waiting_.get());
 }
 
 bool Connection::execute(const char* sql) {

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -104,6 +105,11 @@ class Connection {
   struct Close {
     void operator()(sqlite3* connection) const;
   };
+  struct Waiting {
+    const LockWait* longest;
+    std::chrono::steady_clock::time_point since;
+  };
+  std::unique_ptr<Waiting> waiting_;  // SQLite holds a pointer to it
   std::unique_ptr<sqlite3, Close> handle_;
 };
 
