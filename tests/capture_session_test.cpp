@@ -246,6 +246,23 @@ TEST_F(Capturing, aBoundedTrimDeletesATenthAtMostAndKeepsUsedBytesBelowTheCap) {
   EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
+TEST_F(Capturing, trimsThatFailAreCounted) {
+  ask("CREATE TRIGGER keep BEFORE DELETE ON events BEGIN SELECT RAISE(ABORT, 'kept'); END");
+  for (const std::int64_t trimBytes : {0, 1'000'000}) {
+    SCOPED_TRACE(trimBytes);
+    CaptureSession session(path_, SourceDescriptor::logcat());
+    session.setMaxBytes(1);
+    session.setTrimBytes(trimBytes);
+    Pipe pipe;
+    pipe.write(lines(10));
+    pipe.writing.reset();
+    capture(session, pipe.reading.release());
+    EXPECT_EQ(session.progress().rowsStored, 10);
+    EXPECT_GE(session.progress().trimsFailed, 1);
+  }
+  EXPECT_THAT(log_.lines(), testing::Each(HasSubstr("trim: delete failed, rolling back: kept")));
+}
+
 // Decodes one row a call and throws at its third call.
 struct ThrowingDecoder final : RowDecoder {
   explicit ThrowingDecoder(bool throwsNumber) : throwsNumber_(throwsNumber) {}

@@ -50,6 +50,7 @@ class CaptureSession::Shared {
   std::atomic<std::int64_t> rowsStored = 0;
   std::atomic<std::int64_t> rowsLost = 0;
   std::atomic<std::int64_t> readersFailed = 0;
+  std::atomic<std::int64_t> trimsFailed = 0;
 };
 
 // Everything that one reader thread touches.
@@ -163,7 +164,11 @@ class CaptureSession::Reader {
     lastFlush_ = SteadyClock::now();
     shared_->rowsStored += stored;
     shared_->rowsLost += size - stored;
-    if (const auto maxBytes = shared_->maxBytes.load(); maxBytes >= 1) trim(maxBytes, size);
+    if (const auto maxBytes = shared_->maxBytes.load(); maxBytes >= 1) {
+      store_->takeError();  // of the batch, which is counted already
+      trim(maxBytes, size);
+      if (store_->takeError()) ++shared_->trimsFailed;
+    }
     emptyLargeLog();
   }
 
@@ -267,7 +272,8 @@ CaptureProgress CaptureSession::progress() const {
   // Loaded before rowsDecoded, so that their sum never exceeds it.
   const std::int64_t stored = shared_->rowsStored;
   const std::int64_t lost = shared_->rowsLost;
-  return {shared_->bytesRead, shared_->rowsDecoded, stored, lost, shared_->readersFailed};
+  return {shared_->bytesRead,     shared_->rowsDecoded, stored, lost,
+          shared_->readersFailed, shared_->trimsFailed};
 }
 
 }  // namespace runeflow

@@ -35,6 +35,7 @@ struct CaptureProgress {
   std::int64_t rowsStored = 0;     ///< Records in committed batches.
   std::int64_t rowsLost = 0;       ///< Records that could not be stored; the log says why.
   std::int64_t readersFailed = 0;  ///< Readers that ended before their stream; the log says why.
+  std::int64_t trimsFailed = 0;    ///< Batches after which a trim failed; the log says why.
 };
 
 /// Captures streams into one database file, one stream after the other.
