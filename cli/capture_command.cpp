@@ -32,7 +32,6 @@ namespace {
 
 constexpr int kFirstRetrySeconds = 1;
 constexpr int kLastRetrySeconds = 30;
-constexpr std::chrono::milliseconds kLastLockWait{500};
 constexpr std::chrono::milliseconds kLookInterval{500};
 
 Stream connectLive(const CaptureOptions& options) {
@@ -66,7 +65,8 @@ class Capture {
     }
     progress_.summarise(options_.maxBytes ? std::optional(store_.count()) : std::nullopt);
     const auto done = session_.progress();
-    return hasFailed_ || done.rowsLost > 0 || done.readersFailed > 0 ? 2 : 0;
+    const bool isWhole = done.rowsLost == 0 && done.readersFailed == 0 && done.trimsFailed == 0;
+    return hasFailed_ || !isWhole ? 2 : 0;
   }
 
  private:
@@ -93,7 +93,6 @@ class Capture {
              [this] {
                // What is left to do ends soon, or at once with a second Ctrl-C.
                interrupt_.restoreSignals();
-               session_.setLockWait(kLastLockWait);
              },
          .onWaiting = [this] { progress_.tick(); }});
     return goesOnAfter(stream, pumped);

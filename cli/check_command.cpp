@@ -41,7 +41,12 @@ bool report(const runeflow::StoreCheck& found, const std::string& path) {
 int check(const CheckOptions& options) {
   auto store = host::openForWriting(options.database);
   if (options.repairs) repair(store, options.database);
-  return report(store.check(), options.database) ? 0 : 2;
+  const auto found = store.check();
+  // What was found is worth more than why the rest was not checked.
+  if (found.faults.empty() && found.fullTextFault.empty()) {
+    host::failIfIncomplete(store, options.database);
+  }
+  return report(found, options.database) ? 0 : 2;
 }
 
 }  // namespace cli

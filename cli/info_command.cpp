@@ -44,19 +44,23 @@ std::optional<runeflow::Timestamp> timeOf(EventStore& store, std::int64_t seq) {
   return records.front().row.timestamp();
 }
 
-Summary summarise(EventStore& store, const std::string& path) {
-  const EventStore::Snapshot moment(store);
+Summary summarise(EventStore& store, const std::string& path, int attempts = 5) {
+  std::optional<EventStore::Snapshot> moment(std::in_place, store);
   const auto first = store.minSeq();
   const auto last = store.maxSeq();
-  return {EventStore::inspect(path),
-          store.descriptor().id(),
-          store.usedBytes(),
-          store.count(),
-          first,
-          last,
-          timeOf(store, first),
-          timeOf(store, last),
-          countLevels(store, {})};
+  Summary summary{EventStore::inspect(path),
+                  store.descriptor().id(),
+                  store.usedBytes(),
+                  store.count(),
+                  first,
+                  last,
+                  timeOf(store, first),
+                  timeOf(store, last),
+                  countLevels(store, {})};
+  if (attempts <= 1 || !moment->isDisturbed()) return summary;
+  moment.reset();
+  store.takeError();  // a file that changes under the reads may look damaged
+  return summarise(store, path, attempts - 1);
 }
 
 void printJson(const std::string& path, const Summary& summary) {

@@ -14,7 +14,10 @@ sigset_t endingSignals() {
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGHUP);
+  // nohup has the process ignore it, and a descriptor for signals would receive it all the same.
+  struct sigaction atHangup{};
+  ::sigaction(SIGHUP, nullptr, &atHangup);
+  if (atHangup.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP);
   return signals;
 }
 

@@ -8,8 +8,8 @@
 namespace cli {
 
 // While an object exists, SIGINT, SIGTERM and SIGHUP do not end the process; they make fd()
-// readable. The caller must construct it before other threads start, because they inherit the
-// blocked signals.
+// readable. A SIGHUP that the process was started to ignore stays ignored. The caller must
+// construct it before other threads start, because they inherit the blocked signals.
 class Interrupt {
  public:
   Interrupt();

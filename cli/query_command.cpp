@@ -74,10 +74,13 @@ RecordFormat formatOf(const QueryOptions& options) {
   return isTerminal(stdout) ? RecordFormat::people : RecordFormat::plain;
 }
 
-void printRecords(EventStore& store, RecordPrinter& printer, std::span<const std::int64_t> seqs) {
+void printRecords(EventStore& store, RecordPrinter& printer, const LogQuery& query,
+                  std::span<const std::int64_t> seqs, const std::string& path) {
   while (!seqs.empty()) {
     const auto page = seqs.first(std::min(seqs.size(), kPageRecords));
-    printer.print(store.fetch(page));
+    const auto records = store.fetch(page);
+    printer.print(records);
+    host::failIfMissing(store, query, page, records, path);
     seqs = seqs.subspan(page.size());
   }
 }
@@ -109,7 +112,7 @@ void follow(EventStore& store, RecordPrinter& printer, const LogQuery& query, st
       const auto seqs = store.matchingSeqs(query, after);
       // A full pipe blocks the output, which Ctrl-C must be able to end.
       interrupt.unblockSignals();
-      printRecords(store, printer, seqs);
+      printRecords(store, printer, query, seqs, path);
       flushOutput();
       interrupt.blockSignals();
       // Records that were stored since the look are among the matches.
@@ -134,7 +137,7 @@ void printTo(std::FILE* out, EventStore& store, const LogQuery& query, const Que
       store.descriptor(), formatOf(options),
       {runeflow::QueryParser::highlightTerms(query.root), options.matchCase, showsColour(stdout)},
       out);
-  printRecords(store, printer, seqs);
+  printRecords(store, printer, query, seqs, options.database);
   if (!options.follows) return;
   follow(store, printer, query, seqs.empty() ? followsFrom : seqs.back(), options.database);
 }

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <array>
@@ -22,10 +23,39 @@ namespace {
 
 constexpr int kPipeSize = 1 << 20;  // bytes; reader and pump then seldom wait for each other
 constexpr std::int64_t kTrimBytes = std::int64_t{16} << 20;
-constexpr std::chrono::milliseconds kWaitInterval{100};
+constexpr std::chrono::milliseconds kWaitInterval{20};
+// Beside another capture on a busy machine, a lock may be held for long. Waiting loses nothing.
+constexpr std::chrono::seconds kLockWait{30};
+constexpr std::chrono::milliseconds kLastLockWait{500};
 
 runeflow::Timestamp now() {
   return std::chrono::system_clock::now();
+}
+
+bool isReadable(int fd) {
+  pollfd waiting{.fd = fd, .events = POLLIN, .revents = 0};
+  return ::poll(&waiting, 1, 0) > 0;
+}
+
+// Waits until the reader has stored what is in its pipe. After an interrupt, also one that comes
+// meanwhile, it waits for the locks of others once more, and no longer after a batch that was lost.
+void awaitReader(CaptureSession& session, const std::future<void>& whenFinished, int end,
+                 const CaptureHooks& hooks, PumpResult& pumped) {
+  bool isEnding = false;
+  std::int64_t lostBefore = 0;
+  while (whenFinished.wait_for(kWaitInterval) != std::future_status::ready) {
+    if (!isEnding && (pumped.end == StreamEnd::interrupted || isReadable(end))) {
+      isEnding = true;
+      if (pumped.end == StreamEnd::ended) pumped.end = StreamEnd::interrupted;
+      if (hooks.onInterrupted) hooks.onInterrupted();
+      lostBefore = session.progress().rowsLost;
+      session.setLockWait(kLastLockWait);
+    }
+    if (isEnding && session.progress().rowsLost > lostBefore) {
+      session.setLockWait(std::chrono::milliseconds(0));
+    }
+    if (hooks.onWaiting) hooks.onWaiting();
+  }
 }
 
 }  // namespace
@@ -33,6 +63,7 @@ runeflow::Timestamp now() {
 void configure(CaptureSession& session) {
   session.setTrimBytes(kTrimBytes);
   session.setFlushesWhenQuiet(true);
+  session.setLockWait(kLockWait);
 }
 
 PumpResult captureStream(CaptureSession& session, Stream& stream, const DecoderWrapper& wrap,
@@ -41,6 +72,8 @@ PumpResult captureStream(CaptureSession& session, Stream& stream, const DecoderW
   if (::pipe2(ends.data(), O_CLOEXEC) != 0) fail("cannot make a pipe: {}", systemError(errno));
   FileDescriptor sink(ends[1]);
   ::fcntl(sink.get(), F_SETPIPE_SZ, kPipeSize);
+  ::fcntl(sink.get(), F_SETFL, O_NONBLOCK);  // a reader may wait for a lock with its pipe full
+  const auto failedBefore = session.progress().readersFailed;
   auto finished = std::make_shared<std::promise<void>>();
   const auto whenFinished = finished->get_future();
   session.run(
@@ -50,13 +83,13 @@ PumpResult captureStream(CaptureSession& session, Stream& stream, const DecoderW
         return wrap ? wrap(std::move(decoder)) : std::move(decoder);
       },
       [finished] { finished->set_value(); });
-  const auto pumped = pump(stream, sink.get(), end, hooks.tick ? hooks.tick : [] { return true; });
+  auto pumped = pump(stream, sink.get(), end, hooks.tick ? hooks.tick : [] { return true; });
   sink.reset();
   stream.fd.reset();
-  if (pumped.end == StreamEnd::interrupted && hooks.onInterrupted) hooks.onInterrupted();
-  while (whenFinished.wait_for(kWaitInterval) != std::future_status::ready) {
-    if (hooks.onWaiting) hooks.onWaiting();
-  }
+  awaitReader(session, whenFinished, end, hooks, pumped);
+  // The reader may have ended while its pipe still took what is now lost.
+  const bool hasReaderFailed = session.progress().readersFailed > failedBefore;
+  if (hasReaderFailed && pumped.end == StreamEnd::ended) pumped.end = StreamEnd::readerGone;
   return pumped;
 }
 

@@ -114,6 +114,22 @@ void failWith(const runeflow::StoreError& error, const std::string& path) {
   fail("{} was not read completely: {}{}", path, error.text, adviceFor(error.fault));
 }
 
+void failIfMissing(EventStore& store, const runeflow::LogQuery& query,
+                   std::span<const std::int64_t> seqs, std::span<const runeflow::FetchedRow> found,
+                   const std::string& path) {
+  if (found.size() == seqs.size()) return;
+  const auto missing = std::ranges::find_if(seqs, [&](std::int64_t seq) {
+    return !std::ranges::binary_search(found, seq, {}, &runeflow::FetchedRow::seq);
+  });
+  if (missing != seqs.end()) {
+    const auto again = store.matchingSeqs(query, *missing - 1);
+    const bool isListed = std::ranges::find(again, *missing) != again.end();
+    if (!isListed || !store.fetch(std::array{*missing}).empty()) return;
+  }
+  fail("{} is damaged: its indexes list records that it does not have; runeflow check tells more",
+       path);
+}
+
 void failIfRefused(EventStore& store, const runeflow::LogQuery& query, const std::string& path) {
   if (!store.matchingSeqsQueryPlan(query, 0).empty()) return;
   if (const auto error = store.takeError(); error && error->fault != StoreFault::refused) {

@@ -4,6 +4,8 @@
 // sentence that gives the reason.
 #pragma once
 
+#include <cstdint>
+#include <span>
 #include <string>
 
 #include "host/log_kind.h"
@@ -26,6 +28,12 @@ void failIfIncomplete(runeflow::EventStore& store, const std::string& path);
 
 // Fails with the sentence for a read that was cut short.
 [[noreturn]] void failWith(const runeflow::StoreError& error, const std::string& path);
+
+// Fails if the store lists one of `seqs` for the query but has no such record in `found`, as in a
+// damaged file in which SQLite sees no fault. Others may have deleted records meanwhile.
+void failIfMissing(runeflow::EventStore& store, const runeflow::LogQuery& query,
+                   std::span<const std::int64_t> seqs, std::span<const runeflow::FetchedRow> found,
+                   const std::string& path);
 
 // Fails if SQLite refuses the statement of the query. The library's reads return nothing then, and
 // a user should not take that for "no match".

@@ -20,8 +20,14 @@ std::int64_t microsecondsOf(const LogRow& row) {
   return runeflow::microsecondsSinceEpoch(row.timestamp()).value_or(0);
 }
 
+// A line that could not be decoded has no tag, and its time is the time of its decoding.
+bool isRaw(const LogRow& row) {
+  return !row.slot(0);
+}
+
 // The same for a stored and a decoded record, whose times may differ in the last bit of a double.
 std::string keyOf(const LogRow& row) {
+  if (isRaw(row)) return std::string(row.message());
   auto key = fmt::format("{}\n{}", microsecondsOf(row), runeflow::rawValue(row.level()));
   for (const auto& slot : row.slots()) key += fmt::format("\n{}", slot.value_or("\n"));
   return key += fmt::format("\n{}", row.message());
@@ -30,8 +36,8 @@ std::string keyOf(const LogRow& row) {
 class OverlapFilter final : public runeflow::RowDecoder {
  public:
   OverlapFilter(std::unique_ptr<runeflow::RowDecoder> decoder,
-                std::unordered_map<std::string, int> records)
-      : decoder_(std::move(decoder)), records_(std::move(records)) {}
+                std::unordered_map<std::string, int> records, std::int64_t end)
+      : decoder_(std::move(decoder)), records_(std::move(records)), end_(end) {}
 
   std::vector<LogRow> consume(std::span<const std::uint8_t> bytes) override {
     auto rows = decoder_->consume(bytes);
@@ -41,6 +47,8 @@ class OverlapFilter final : public runeflow::RowDecoder {
 
  private:
   bool drop(const LogRow& row) {
+    // Behind the overlap, a line without a time that reads like a stored one is a new one.
+    if (!isRaw(row) && microsecondsOf(row) > end_) records_.clear();
     const auto found = records_.find(keyOf(row));
     if (found == records_.end()) return false;
     if (--found->second == 0) records_.erase(found);
@@ -49,18 +57,24 @@ class OverlapFilter final : public runeflow::RowDecoder {
 
   std::unique_ptr<runeflow::RowDecoder> decoder_;
   std::unordered_map<std::string, int> records_;
+  std::int64_t end_;
 };
 
 }  // namespace
 
 Overlap::Overlap(runeflow::EventStore& store) {
-  const auto newest = store.maxSeq();
-  const auto rows = store.fetchRange(newest - kMostRecords, newest);
-  if (rows.empty()) return;
+  const auto last = store.maxSeq();
+  const auto rows = store.fetchRange(last - kMostRecords, last);
+  const auto isDated = [](const auto& fetched) { return !isRaw(fetched.row); };
   const auto time = [](const auto& fetched) { return microsecondsOf(fetched.row); };
-  start_ = time(std::ranges::max(rows, {}, time)) - kMicrosecondsPerSecond;
-  for (const auto& fetched : rows) {
-    if (time(fetched) >= *start_) ++records_[keyOf(fetched.row)];
+  const auto newest = std::ranges::find_if(rows.rbegin(), rows.rend(), isDated);
+  if (newest == rows.rend()) return;
+  start_ = time(*newest) - kMicrosecondsPerSecond;
+  const auto isInOverlap = [&](const auto& row) { return isDated(row) && time(row) >= *start_; };
+  for (auto row = std::ranges::find_if(rows, isInOverlap); row != rows.end(); ++row) {
+    if (isDated(*row) && !isInOverlap(*row)) continue;
+    ++records_[keyOf(row->row)];
+    if (isDated(*row)) end_ = std::max(end_, time(*row) + kMicrosecondsPerSecond);
   }
 }
 
@@ -73,7 +87,7 @@ std::optional<std::string> Overlap::startForLogcat() const {
 
 std::unique_ptr<runeflow::RowDecoder> Overlap::without(
     std::unique_ptr<runeflow::RowDecoder> decoder) const {
-  return std::make_unique<OverlapFilter>(std::move(decoder), records_);
+  return std::make_unique<OverlapFilter>(std::move(decoder), records_, end_);
 }
 
 }  // namespace host

@@ -4,6 +4,8 @@
 // already.
 #pragma once
 
+#include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,7 +20,8 @@ namespace host {
 class Overlap {
  public:
   // Reads the newest records of the store. A record may reach the log of a device up to a second
-  // late, so the overlap begins a second before the newest time.
+  // late, so the overlap begins a second before the time of the newest record that has one. It is
+  // not the latest time, which the device would have to reach again after its clock was set back.
   explicit Overlap(runeflow::EventStore& store);
 
   // Where logcat has to begin, as its option -T takes it ("MM-DD hh:mm:ss.mmm", the local time of
@@ -31,8 +34,9 @@ class Overlap {
       std::unique_ptr<runeflow::RowDecoder> decoder) const;
 
  private:
-  std::optional<std::int64_t> start_;             // microseconds since 1970
-  std::unordered_map<std::string, int> records_;  // how often each is stored
+  std::optional<std::int64_t> start_;                            // microseconds since 1970
+  std::unordered_map<std::string, int> records_;                 // how often each is stored
+  std::int64_t end_ = std::numeric_limits<std::int64_t>::min();  // behind it nothing comes again
 };
 
 }  // namespace host

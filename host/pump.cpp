@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -18,14 +19,19 @@ namespace {
 constexpr std::size_t kPieceSize = 65'536;
 constexpr int kTickMilliseconds = 200;
 
-bool writeAll(int sink, std::span<const std::uint8_t> bytes) {
-  while (!bytes.empty()) {
-    const auto size = ::write(sink, bytes.data(), bytes.size());
-    if (size < 0 && errno == EINTR) continue;
-    if (size <= 0) return false;
-    bytes = bytes.subspan(static_cast<std::size_t>(size));
+// Waits until `fd` has `events`, calling `tick` a few times a second. Returns why the pump has to
+// end, if it has to.
+std::optional<PumpResult> await(int fd, short events, int end, const std::function<bool()>& tick) {
+  std::array<pollfd, 2> waiting = {
+      {{.fd = fd, .events = events, .revents = 0}, {.fd = end, .events = POLLIN, .revents = 0}}};
+  for (;;) {
+    if (!tick()) return PumpResult{StreamEnd::stopped};
+    const int ready = ::poll(waiting.data(), waiting.size(), kTickMilliseconds);
+    if (ready < 0 && errno != EINTR) return PumpResult{StreamEnd::failed, errno};
+    if (ready <= 0) continue;
+    if (waiting[1].revents != 0) return PumpResult{StreamEnd::interrupted};
+    return std::nullopt;
   }
-  return true;
 }
 
 // Follows where the records of a stream end, for kinds whose records end with a byte.
@@ -57,29 +63,32 @@ class RecordEnds {
 
 PumpResult pump(Stream& stream, int sink, int end, const std::function<bool()>& tick) {
   RecordEnds ends(stream.kind->recordEnd);
-  const auto pass = [&](std::span<const std::uint8_t> bytes) {
+  const auto pass = [&](std::span<const std::uint8_t> bytes) -> std::optional<PumpResult> {
     ends.note(bytes);
-    return writeAll(sink, bytes);
+    while (!bytes.empty()) {
+      const auto size = ::write(sink, bytes.data(), bytes.size());
+      if (size < 0 && errno == EAGAIN) {
+        if (auto early = await(sink, POLLOUT, end, tick)) return early;
+      } else if (size < 0 && errno != EINTR) {
+        return PumpResult{StreamEnd::readerGone};
+      } else if (size > 0) {
+        bytes = bytes.subspan(static_cast<std::size_t>(size));
+      }
+    }
+    return std::nullopt;
   };
-  if (!pass(stream.head)) return {StreamEnd::readerGone};
+  if (const auto early = pass(stream.head)) return *early;
   std::vector<std::uint8_t> piece(kPieceSize);
-  std::array<pollfd, 2> waiting = {{{.fd = stream.fd.get(), .events = POLLIN, .revents = 0},
-                                    {.fd = end, .events = POLLIN, .revents = 0}}};
   for (;;) {
-    if (!tick()) return {StreamEnd::stopped};
-    const int ready = ::poll(waiting.data(), waiting.size(), kTickMilliseconds);
-    if (ready < 0 && errno != EINTR) return {StreamEnd::failed, errno};
-    if (ready <= 0) continue;
-    if (waiting[1].revents != 0) return {StreamEnd::interrupted};
+    if (const auto early = await(stream.fd.get(), POLLIN, end, tick)) return *early;
     const auto size = ::read(stream.fd.get(), piece.data(), piece.size());
     if (size < 0) return {StreamEnd::failed, errno};
     if (size == 0) {
-      if (!stream.isLive) writeAll(sink, ends.missing());
-      return {StreamEnd::ended};
+      const auto early = stream.isLive ? std::nullopt : pass(ends.missing());
+      return early.value_or(PumpResult{StreamEnd::ended});
     }
-    if (!pass(std::span(piece).first(static_cast<std::size_t>(size)))) {
-      return {StreamEnd::readerGone};
-    }
+    const auto early = pass(std::span(piece).first(static_cast<std::size_t>(size)));
+    if (early) return *early;
     if (ends.sinceLast() > PumpResult::longestRecord) return {StreamEnd::endless};
   }
 }

@@ -27,9 +27,9 @@ struct PumpResult {
   int error = 0;  // an errno
 };
 
-// Writes the bytes of the stream to `sink`, a blocking descriptor, until either of them ends or the
-// user interrupts. Calls `tick` a few times a second and after every piece. Ends the last record of
-// a file or of standard input if the file does not.
+// Writes the bytes of the stream to `sink`, a descriptor that does not block, until either of them
+// ends or the user interrupts. Calls `tick` a few times a second and after every piece. Ends the
+// last record of a file or of standard input if the file does not.
 PumpResult pump(Stream& stream, int sink, int end, const std::function<bool()>& tick);
 
 }  // namespace host

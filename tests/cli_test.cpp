@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 
 // The command as a user runs it: the built program, its output and its exit codes.
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,8 +13,10 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <regex>
@@ -31,6 +34,7 @@ using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::Not;
 using testing::StartsWith;
 
 struct Outcome {
@@ -43,6 +47,9 @@ class Command : public testing::Test {
   // Runs in a folder of its own; `redirections` joins or drops standard error.
   Outcome run(const std::string& arguments, const std::string& redirections = "2>&1") const {
     return runLine(fmt::format("{} {} {}", RUNEFLOW_COMMAND, arguments, redirections));
+  }
+  static bool hasTerminals() {
+    return FileDescriptor(::posix_openpt(O_RDWR | O_NOCTTY)).get() >= 0;
   }
   // With a terminal for its output.
   std::string shown(const std::string& arguments) const {
@@ -127,6 +134,7 @@ TEST_F(Command, printsRecordsForProgramsInStableForms) {
 }
 
 TEST_F(Command, showsPeopleAlignedRecordsWithTheirWordsMarked) {
+  if (!hasTerminals()) GTEST_SKIP() << "there is no pseudo-terminal";
   captureThree();
   const auto withoutYear = [](std::string text) { return text.substr(text.find("01-02")); };
   const std::string marked = "\x1b[1;30;43mdisk\x1b[0m";
@@ -246,6 +254,47 @@ TEST_F(Command, anInterruptedCaptureKeepsEverythingDecoded) {
   EXPECT_EQ(run("query a.db last --count", "").output, "1\n");
 }
 
+TEST_F(Command, anInterruptEndsACaptureThatWaitsForALock) {
+  captureThree();
+  {
+    std::ofstream big(folder_.file("big.log"), std::ios::binary);
+    for (int i = 0; i < 40'000; ++i) {
+      big << "01-02 03:04:05.678  10  20 W Net: " << std::string(60, 'x') << '\n';
+    }
+  }
+  const test::OtherConnection lock(folder_.file("a.db"), "BEGIN IMMEDIATE");
+  const auto line = fmt::format("cd {} && exec {} capture big.log --db a.db 2>said",
+                                folder_.file(""), RUNEFLOW_COMMAND);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::execl("/bin/sh", "sh", "-c", line.c_str(), nullptr);
+    ::_exit(127);
+  }
+  ::usleep(700'000);  // its pipe is full
+  const auto begin = std::chrono::steady_clock::now();
+  ::kill(child, SIGINT);
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  // A second, and patience with a busy machine: a lock is waited for 5 s, batch by batch.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << status;
+  EXPECT_THAT(runLine("cat said").output, AllOf(HasSubstr("locked"), HasSubstr("not stored")));
+  EXPECT_THAT(run("check a.db").output,
+              AllOf(HasSubstr("database is locked"), Not(HasSubstr("--repair"))));
+}
+
+TEST_F(Command, aDamagedDatabaseIsNotAShorterOne) {
+  captureThree();
+  // As if the records had been lost from the table but not from its indexes.
+  test::sql(folder_.file("a.db"),
+            "CREATE TABLE other(seq INTEGER PRIMARY KEY); PRAGMA writable_schema = ON; "
+            "UPDATE sqlite_schema SET rootpage = (SELECT rootpage FROM sqlite_schema WHERE "
+            "name = 'other') WHERE name = 'events'");
+  const auto [exitCode, output] = run("query a.db tag:Net");
+  EXPECT_EQ(exitCode, 2);
+  EXPECT_THAT(output, AllOf(HasSubstr("a.db"), HasSubstr("runeflow check tells more")));
+}
+
 // Sets a terminal's title and colour, by C0 and C1; turns the text around; hides a character.
 constexpr std::string_view kHostile =
     "\x1b]0;t\x07\x1b[31m\u009b31m\u202e\ufeff\u00ad\U000e0041\x7f";
@@ -337,6 +386,7 @@ std::string deviceList(std::string_view lines) {
 }
 
 TEST_F(Command, hostileWordsOfTheCommandLineAreEscaped) {
+  if (!hasTerminals()) GTEST_SKIP() << "there is no pseudo-terminal";
   captureThree();
   const std::string file = kForging + ".file";
   const std::string database = kForging + "m.db";
@@ -397,6 +447,7 @@ TEST_F(Command, hostileWordsOfTheCommandLineAreEscaped) {
 }
 
 TEST_F(Command, hostileRecordsAreEscaped) {
+  if (!hasTerminals()) GTEST_SKIP() << "there is no pseudo-terminal";
   write("a.log", fmt::format("01-02 03:04:05.678  1  2 W {0}: disk {0}\x9b 2J\r{1}\n", kHostile,
                              "\u2028\u2066"));
   EXPECT_EQ(run("capture a.log --db a.db").exitCode, 0);
@@ -418,6 +469,7 @@ TEST_F(Command, hostileRecordsAreEscaped) {
 }
 
 TEST_F(Command, hostileDatabasesAreEscaped) {
+  if (!hasTerminals()) GTEST_SKIP() << "there is no pseudo-terminal";
   captureThree();
   const auto ask = [this](const std::string& statement) {
     EXPECT_THAT(test::sql(folder_.file("a.db"), statement), testing::IsEmpty());
@@ -484,6 +536,7 @@ TEST_F(Command, hostileServersAreEscaped) {
 }
 
 TEST_F(Command, listsTheDevicesOfAHostileServer) {
+  if (!hasTerminals()) GTEST_SKIP() << "there is no pseudo-terminal";
   EXPECT_EQ(run("sources", "2>/dev/full >out").exitCode, 0);
   EXPECT_THAT(runLine("cat out").output, HasSubstr("machine"));
   const auto devices =

@@ -1,15 +1,21 @@
 // SPDX-License-Identifier: MIT
 
 // What hosts share: text for a terminal, records as lines, and following a database.
+#include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "host/new_records.h"
+#include "host/overlap.h"
 #include "host/record_text.h"
 #include "host/terminal_text.h"
+#include "runeflow/decoders/logcat_decoder.h"
 #include "runeflow/store/event_store.h"
 #include "support.h"
 
@@ -19,6 +25,40 @@ namespace {
 using namespace std::string_view_literals;
 using host::JsonReader;
 using test::at;
+
+TEST(Overlap, dropsWhatIsStoredOnceAndNothingElse) {
+  const auto line = [](std::string_view time, std::string_view text) {
+    return fmt::format("01-02 {}  1  2 I T: {}\n", time, text);
+  };
+  const auto decoded = [](RowDecoder& decoder, std::string_view text) {
+    std::vector<std::string> messages;
+    for (const auto& row : decoder.consume(test::bytes(text))) {
+      messages.emplace_back(row.message());
+    }
+    return messages;
+  };
+  const auto now = [] { return test::at(1'700'000'000); };
+  test::TemporaryFolder folder;
+  auto store = *EventStore::open(folder.file("a.db"), true, SourceDescriptor::logcat());
+  EXPECT_EQ(host::Overlap(store).startForLogcat(), std::nullopt);
+  // The clock of the device is set back, and the newest line has no time of its own.
+  const auto tail = line("03:00:05.000", "one") + "raw\n" + line("03:00:05.400", "two") +
+                    line("03:00:05.400", "two") + "raw\n";
+  LogcatDecoder first(now);
+  store.insert(first.consume(
+      test::bytes(line("09:00:00.000", "ahead") + line("03:00:04.300", "before") + tail)));
+  const host::Overlap overlap(store);
+  EXPECT_EQ(overlap.startForLogcat(), "01-02 03:00:04.400");
+  const auto decoder = overlap.without(std::make_unique<LogcatDecoder>(now));
+  EXPECT_THAT(decoded(*decoder, tail + line("03:00:05.400", "two") + line("03:00:05.400", "new")),
+              testing::ElementsAre("two", "new"));
+  EXPECT_THAT(decoded(*decoder, line("03:00:05.000", "one") + "raw\n"),
+              testing::ElementsAre("one", "raw"));
+  // Behind the overlap, nothing that reads like a stored line is dropped.
+  auto again = overlap.without(std::make_unique<LogcatDecoder>(now));
+  EXPECT_THAT(decoded(*again, line("10:00:00.000", "later") + "raw\n"),
+              testing::ElementsAre("later", "raw"));
+}
 
 struct Row {
   const char* name;

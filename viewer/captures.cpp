@@ -23,7 +23,6 @@ namespace {
 
 constexpr std::chrono::milliseconds kTellInterval{250};
 constexpr std::size_t kRateSamples = 8;  // two seconds
-constexpr std::chrono::milliseconds kLastLockWait{300};
 
 bool isSameFile(const std::string& a, const std::string& b) {
   std::error_code error;
@@ -78,11 +77,10 @@ class Captures::Capture {
   void run() {
     std::string error;
     try {
-      const auto pumped =
-          host::captureStream(session_, stream_, nullptr, end_.get(),
-                              {.tick = [this] { return tick(); },
-                               .onInterrupted = [this] { session_.setLockWait(kLastLockWait); },
-                               .onWaiting = [this] { tick(); }});
+      const auto pumped = host::captureStream(session_, stream_, nullptr, end_.get(),
+                                              {.tick = [this] { return tick(); },
+                                               .onInterrupted = nullptr,
+                                               .onWaiting = [this] { tick(); }});
       error = host::sentenceFor(pumped, stream_, state_.database);
       if (error.empty() && session_.progress().readersFailed > 0) {
         error = fmt::format("the rest of {} could not be stored", stream_.name);
