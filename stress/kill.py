@@ -25,10 +25,10 @@ import time
 import stress_support as stress
 from stress_support import PATIENCE, Capture
 
-CAPS = ("4M", "8M", "16M")
+CAPS = ("4M", "6M", "8M")  # reached after 6,000 records or more
 MOST_RUNS_PER_KILL = 3
 FILES = 4
-CHUNKS_PER_FILE = 20
+CHUNKS_PER_FILE = 4
 NEXT_WRITER = 3
 
 
@@ -142,7 +142,7 @@ class Run:
 
 def insert(run):
     capture = run.capture(feed=run.log.chunks(1))
-    run.await_moment(capture, 30_000)
+    run.await_moment(capture, 8_000)
     run.kill(capture.process)
     run.faults += capture.wait_killed()
     run.check()
@@ -150,7 +150,7 @@ def insert(run):
 
 def trim(run):
     capture = run.capture("--max-bytes", run.rng.choice(CAPS), feed=run.log.chunks(1))
-    run.await_moment(capture, 60_000)
+    run.await_moment(capture, 20_000)
     run.kill(capture.process)
     run.faults += capture.wait_killed()
     run.check()
@@ -159,7 +159,7 @@ def trim(run):
 def clear(run):
     run.deletes = True
     capture = run.capture(feed=run.log.chunks(1))
-    run.await_moment(capture, 30_000, least=1_000)
+    run.await_moment(capture, 8_000, least=1_000)
     before = stress.last_number(run.database, 1)
     start = time.monotonic()
     clearing = run.runeflow.start("clear", "--yes", run.database, stderr=subprocess.DEVNULL)
@@ -191,7 +191,7 @@ def chained(run):
         server = AdbServer(run.log, run.rng)
         try:
             capture = run.capture("--adb", server.address, "--reconnect")
-            run.await_moment(capture, 20_000, pause=1.2)  # a lost connection is retried after 1 s
+            run.await_moment(capture, 6_000, pause=1.2)  # a lost connection is retried after 1 s
             run.kill(capture.process)
         finally:
             server.stop()
@@ -202,7 +202,7 @@ def chained(run):
 def concurrent(run):
     cap = run.rng.choice(CAPS)  # the same for both, so that both trim at the same moments
     captures = [run.capture("--max-bytes", cap, feed=run.log.chunks(w)) for w in (1, 2)]
-    run.await_moment(captures[0], 40_000)
+    run.await_moment(captures[0], 12_000)
     victims = run.rng.choice(([captures[0]], [captures[1]], captures))
     run.kill(*(victim.process for victim in victims))
     for writer, capture in enumerate(captures, 1):

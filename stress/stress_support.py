@@ -18,7 +18,7 @@ import threading
 import typing
 import unicodedata
 
-PATIENCE = 30  # seconds for anything that is awaited
+PATIENCE = 120  # seconds for anything that is awaited, also on a busy machine
 LINES_PER_CHUNK = 1000  # one second of a generated log
 BODIES = 4093  # a prime, so that every writer uses all bodies
 LEVELS = ("Trace", "Debug", "Info", "Warning", "Error", "Fatal")
@@ -255,6 +255,8 @@ def last_number(database, writer):
 
 def read_checked(database, log, faults):
     """Returns all rows. Appends a sentence to `faults` for each check that fails."""
+    if not database.exists():  # the capture was killed before it made its database
+        return []
     with connected(database, "rw") as connection:
         tables = {name for (name,) in connection.execute("SELECT name FROM sqlite_schema")}
         if "events" not in tables:

@@ -2,12 +2,12 @@
 # SPDX-License-Identifier: MIT
 """Captures with the built `runeflow` from a real adb server and a real DLT daemon.
 
-Usage: run.py PATH_OF_RUNEFLOW
+Usage: run.py PATH_OF_RUNEFLOW [large]
 
 All servers listen on free ports of the loopback interface, keep their files in a temporary folder
 and are ended with this program. Prints one line per check. The exit code is 0 if all checks pass, 1
 if a check fails, and 2 if an argument or a program is missing. packaging/debian-e2e.txt lists the
-Debian packages that are needed.
+Debian packages that are needed. With "large" it captures a million records of each kind instead.
 """
 
 import collections
@@ -26,7 +26,7 @@ import time
 
 DLT_TRAFFIC = pathlib.Path("/usr/lib/libdlt-examples")
 LINES = 2000  # in the log on the device; the last has no line end and gives no record
-PATIENCE = 30  # time limit of a wait, in seconds
+PATIENCE = 60  # time limit of a wait, in seconds
 
 
 class Checks:
@@ -117,18 +117,18 @@ class Runeflow:
 
     @contextlib.contextmanager
     def capturing(self, database, *source):
-        arguments = [self.program, "capture", *source, "--db", database.path]
+        arguments = [self.program, "capture", *map(str, source), "--db", database.path]
         with running(arguments, stdout=subprocess.PIPE, stderr=subprocess.PIPE) as process:
             yield process
 
-    def capture(self, database, *source):
+    def capture(self, database, *source, patience=2 * PATIENCE):
         with self.capturing(database, *source) as process:
-            return finish(process)
+            return finish(process, patience)
 
 
-def finish(process):
+def finish(process, patience=2 * PATIENCE):
     """Waits for the process and returns its exit code and its lines on standard error."""
-    _, errors = process.communicate(timeout=2 * PATIENCE)
+    _, errors = process.communicate(timeout=patience)
     return process.returncode, errors.splitlines()
 
 
@@ -396,14 +396,70 @@ def check_dlt_absent(checks, runeflow, database):
         checks.check("dlt: no daemon", said, (code, lines))
 
 
+# --- a million records
+
+MILLION = 1_000_000
+LONG = 900  # seconds
+
+
+def large_log():
+    for i in range(MILLION):
+        clock = f"03-17 {i // 3_600_000:02}:{i // 60_000 % 60:02}:{i // 1000 % 60:02}.{i % 1000:03}"
+        word = "needle" if i % 1000 == 7 else f"w{i % 977}"
+        yield f"{clock}  1702  2395 {'VDIWEF'[i % 6]} T{i % 7}: {i} {word} connect wifi\n".encode()
+
+
+def large_recording():
+    """One verbose DLT message with one string for each record, each with a storage header."""
+    for i in range(MILLION):
+        text = (f"{i} needle" if i % 1000 == 7 else f"{i} connect").encode() + b"\0"
+        payload = (0x200).to_bytes(4, "little") + len(text).to_bytes(2, "little") + text
+        message = bytes((0x21, i % 256)) + (14 + len(payload)).to_bytes(2, "big")
+        message += b"\x41\x01APP\0CTX\0" + payload
+        yield b"DLT\x01" + (i // 1000).to_bytes(4, "little") + bytes(4) + b"ECU1" + message
+
+
+def check_large(checks, runeflow, folder, adb):
+    adb.log.write_bytes(b"".join(large_log()))
+    recording = folder / "large.dlt"
+    with open(recording, "wb") as file:
+        file.writelines(large_recording())
+    cap = 64 << 20
+
+    def check(name, *source, kept=MILLION):
+        with checks.scenario(name):
+            database = Database(folder, "large-" + name.split()[0])
+            code, lines = runeflow.capture(database, *source, patience=LONG)
+            (first, last, count), = database.ask("SELECT min(seq), max(seq), count(*) FROM events")
+            query = (runeflow.program, "query", database.path, "needle", "--count")
+            found = int(subprocess.run(query, capture_output=True, timeout=PATIENCE).stdout)
+            expected = sum(1 for i in range(first - 1, last) if i % 1000 == 7)
+            complete = code == 0 and last == MILLION and count == last - first + 1
+            complete = complete and found == expected and (count == kept or kept is None)
+            checks.check(name, complete, f"{lines}, {count} records, {found} of {expected} found")
+            return database
+
+    with adb.device():
+        check("adb a million records", "--adb", adb.address)
+    check("file a million records", adb.log)
+    check("dlt a million records", recording)
+    capped = check("capped a million records", adb.log, "--max-bytes", cap, kept=None)
+    used = capped.ask(
+        "SELECT (page_count - freelist_count) * page_size "
+        "FROM pragma_page_count, pragma_freelist_count, pragma_page_size"
+    )[0][0]
+    checks.check("capped below its cap", used <= cap, f"{used} of {cap} bytes")
+
+
 def missing():
     programs = ["adb", "dlt-daemon", DLT_TRAFFIC / "dlt-example-user"]
     return [str(program) for program in programs if not shutil.which(program)]
 
 
 def main():
-    if len(sys.argv) != 2 or not os.access(sys.argv[1], os.X_OK):
-        print("usage: run.py PATH_OF_RUNEFLOW", file=sys.stderr)
+    is_large = sys.argv[2:] == ["large"]
+    if len(sys.argv) != 2 + is_large or not os.access(sys.argv[1], os.X_OK):
+        print("usage: run.py PATH_OF_RUNEFLOW [large]", file=sys.stderr)
         return 2
     if missing():
         print(
@@ -417,12 +473,16 @@ def main():
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
         with checks.scenario("adb server"), AdbServer(folder, free_port()).running() as adb:
-            check_adb_refusals(checks, runeflow, folder, adb)
-            check_adb_streams(checks, runeflow, folder, adb)
-        daemon = DltDaemon(folder)
-        check_dlt_burst(checks, runeflow, daemon, Database(folder, "dlt-burst"))
-        check_dlt_reconnect(checks, runeflow, daemon, Database(folder, "dlt-reconnect"))
-        check_dlt_absent(checks, runeflow, Database(folder, "dlt-absent"))
+            if is_large:
+                check_large(checks, runeflow, folder, adb)
+            else:
+                check_adb_refusals(checks, runeflow, folder, adb)
+                check_adb_streams(checks, runeflow, folder, adb)
+        if not is_large:
+            daemon = DltDaemon(folder)
+            check_dlt_burst(checks, runeflow, daemon, Database(folder, "dlt-burst"))
+            check_dlt_reconnect(checks, runeflow, daemon, Database(folder, "dlt-reconnect"))
+            check_dlt_absent(checks, runeflow, Database(folder, "dlt-absent"))
     print(f"{checks.passed} passed, {checks.failed} failed")
     return 1 if checks.failed else 0
 
