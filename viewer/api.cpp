@@ -34,10 +34,12 @@ std::optional<std::int64_t> parsed(std::string_view text) {
   return result.ec == std::errc() && result.ptr == end ? std::optional(number) : std::nullopt;
 }
 
-HttpAnswer errorAnswer(const Refusal& refusal) {
-  Json object = {{"error", refusal.sentence}};
+// Browsers write every answer with an error status on the console. The page asks with the parameter
+// quiet and reads the member status instead.
+HttpAnswer errorAnswer(const Refusal& refusal, const HttpRequest& request) {
+  Json object = {{"error", refusal.sentence}, {"status", refusal.status}};
   object.update(refusal.more);
-  return jsonAnswer(object, refusal.status);
+  return jsonAnswer(object, request.parameter("quiet") ? 200 : refusal.status);
 }
 
 bool isDigits(std::string_view text) {
@@ -220,11 +222,11 @@ HttpAnswer Api::answer(const HttpRequest& request, std::size_t worker) {
     if (request.method == "POST") throw Refusal(405, "files are read with GET");
     return file(path);
   } catch (const Refusal& refusal) {
-    return errorAnswer(refusal);
+    return errorAnswer(refusal, request);
   } catch (const host::Failure& failure) {
-    return errorAnswer({400, failure.what()});
+    return errorAnswer({400, failure.what()}, request);
   } catch (const std::exception& unexpected) {
-    return errorAnswer({500, unexpected.what()});
+    return errorAnswer({500, unexpected.what()}, request);
   }
 }
 

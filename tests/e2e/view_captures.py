@@ -5,8 +5,9 @@ import subprocess
 import threading
 
 from browser import Keys, viewing, Browser
-from run import AdbServer, DltDaemon, Database, free_port, running, wait_until
+from run import AdbServer, Database, DltDaemon, is_listening, running, wait_until
 
+ADB_PORT = 5037
 RUNNING = "return document.querySelector('.captures [data-running=true]')?.dataset.records"
 
 
@@ -58,23 +59,25 @@ def start_from_page(page, source):
 
 
 def check_adb(stage):
-    with AdbServer(stage.folder, free_port()).running() as adb:
-        environment = adb.environment | {"ANDROID_ADB_SERVER_PORT": str(adb.port), "ADB_SERVER_SOCKET": f"tcp:{adb.address}"}
-        with viewing(stage.program, stage.folder, environment=environment) as server, Browser() as page:
+    # The page lists the devices of the adb server on the usual port.
+    wait_until(f"no other adb server listens on port {ADB_PORT}", lambda: not is_listening(ADB_PORT))
+    with AdbServer(stage.folder, ADB_PORT).running() as adb:
+        with viewing(stage.program, stage.folder) as server, Browser() as page:
             page.open(server.address, ready=False)
             page.until("the page starts with the sources", "return document.querySelector('#sources').open")
             stage.check("adb: without a database the page starts with the sources", True)
             with adb.device("--hold", "--chunk", 500) as serial:
-                page.click(".found ~ *, #sources h3 button")
+                page.click("#sources h3 button")
                 page.until("the device is listed", "return [...document.querySelectorAll('.found li')].some((e) => e.dataset.kind === 'adb')")
                 set_value(page, "#capture-database", "from-adb.db")
-                stage.picture_of(page, "sources") if hasattr(stage, "picture_of") else None
                 page.click(".found [data-kind=adb] button")
                 page.until("the capture runs", RUNNING)
                 database = Database(stage.folder, "from-adb")
                 wait_until("the device's log is stored", lambda: database.count() > 1000)
                 page.until("the page watches it", "return Number(document.querySelector('.captures [data-capture]').dataset.records) > 1000")
                 stage.check("adb: a capture is started and watched in the page", True)
+                if stage.pictures:
+                    page.screenshot(stage.pictures / "sources.png")
                 figures = page.text(".captures .figures")
                 stage.check("adb: shows rate and size", "/s" in figures and "iB" in figures, figures)
                 page.click(".captures [data-action=end]")
@@ -101,12 +104,12 @@ def check_dlt(stage):
         page.click("#start-dlt")
         page.until("the page says that no daemon listens", "return [...document.querySelectorAll('#sources .error')].some((e) => !e.hidden && /DLT daemon/.test(e.textContent))")
         stage.check("dlt: a daemon that is not there is said in a sentence", True)
-        set_value(page, "#capture-database", "../outside.db")
-        page.click("#start-dlt")
-        page.until("the page refuses another folder", "return /folder/.test(document.querySelector('#sources p.error').textContent)")
-        stage.check("dlt: no capture into another folder", not (stage.folder.parent / "outside.db").exists())
-        set_value(page, "#capture-database", "from-dlt.db")
         with daemon.running():
+            set_value(page, "#capture-database", "../outside.db")
+            page.click("#start-dlt")
+            page.until("the page refuses another folder", "return /folder|name/.test(document.querySelector('#sources p.error').textContent)")
+            stage.check("dlt: no capture into another folder", not (stage.folder.parent / "outside.db").exists())
+            set_value(page, "#capture-database", "from-dlt.db")
             page.click("#start-dlt")
             page.until("the capture runs", RUNNING)
             sender = threading.Thread(target=daemon.send, args=("dlt-example-user", "-n", 200, "-d", 10, "-l", 4, "seen in the page"))
@@ -118,7 +121,7 @@ def check_dlt(stage):
             stage.picture(page, "capturing")
             page.until("the timeline grows", "return / records in all/.test(document.querySelector('#timeline').getAttribute('aria-label'))")
             sender.join(30)
-            page.query("seen in the page")
+            page.query("app:LOG")
             page.count_becomes(200)
             stage.check("dlt: all messages are counted while the capture runs", True)
             page.click("#open-sources")
@@ -128,11 +131,11 @@ def check_dlt(stage):
             page.until("the capture has ended", "return !document.querySelector('.captures [data-running=true]')")
             stage.check("dlt: the page ends the capture", True)
         page.until("the database is listed", "return document.querySelector('.databases [data-action=clear]')")
-        page.js("[...document.querySelectorAll('.databases li')].find((e) => /from-dlt/.test(e.textContent)).querySelector('[data-action=clear]').click()")
+        page.click(".databases [data-action=clear]")
         page.until("the page asks first", "return document.querySelector('#confirm').open")
         page.click("#confirm [data-action=cancel]")
         stage.check("dlt: nothing is deleted without a yes", Database(stage.folder, "from-dlt").count() > 200)
-        page.js("[...document.querySelectorAll('.databases li')].find((e) => /from-dlt/.test(e.textContent)).querySelector('[data-action=clear]').click()")
+        page.click(".databases [data-action=clear]")
         page.click("#confirm [data-action=sure]")
         page.until("the records are deleted", "return document.querySelector('#count').dataset.count === '0'")
         stage.equal("dlt: the page clears the database", Database(stage.folder, "from-dlt").count(), 0)

@@ -13,10 +13,15 @@ export function announce(sentence) {
   }, 400);
 }
 
-export function showError(sentence) {
+// Shows a sentence, and a button for what can be done about it: {label, act}.
+export function showError(sentence, remedy) {
   const banner = byId("banner");
+  const button = byId("remedy");
   banner.firstElementChild.textContent = sentence;
   banner.hidden = false;
+  button.hidden = !remedy;
+  button.textContent = remedy?.label ?? "";
+  button.onclick = remedy?.act ?? null;
 }
 
 // Hides the banner; given a sentence, only if that is what it says.

@@ -3,7 +3,8 @@
 //
 // ask() never gives an answer that is out of date: a newer question of the same name cancels the older one, here and in
 // the server, and the older call returns null. It also returns null if the request fails; the failure has then been
-// reported through `onError`.
+// reported through `onError`. Browsers write every answer with an error status on the console: the page asks the server
+// to answer refusals quietly, with the status 200 and a member `status`.
 
 export const NO_ANSWER = "The server does not answer. Is runeflow view still running?";
 
@@ -62,16 +63,14 @@ export async function ask(name, path, parameters = {}, { quiet = false, slow = f
   if (slow) await enterSlowLane();
   try {
     if (!isLatest()) return null;
-    const response = await fetch(address(path, { ...parameters, g: generation, page, ask: name }), { signal: controller.signal });
+    const response = await fetch(address(path, { ...parameters, g: generation, page, ask: name, quiet: 1 }), { signal: controller.signal });
     const body = await bodyOf(response);
     if (!isLatest()) return null;
     if (body.cancelled) return null;
-    if (response.status === 409 && body.generation !== undefined) {
-      listeners.onGeneration(body.generation);
-      return null;
-    }
-    if (body.error && !response.ok) throw new Error(body.error);
-    return body;
+    if (response.ok && body.status === undefined) return body;
+    if (body.generation === undefined) throw new Error(body.error);
+    listeners.onGeneration(body.generation);
+    return null;
   } catch (error) {
     if (isLatest() && !quiet) listeners.onError(error instanceof TypeError ? NO_ANSWER : error.message);
     return null;
@@ -89,11 +88,10 @@ export function cancel(name) {
 // Asks for a change. Returns the answer's body; a refusal has a member `error`.
 export async function tell(path, body = {}) {
   try {
-    const response = await fetch(address(path, {}), {
+    const response = await fetch(address(path, { quiet: 1 }), {
       method: "POST", headers: { "Content-Type": "application/json" }, body: JSON.stringify(body),
     });
-    const answer = await bodyOf(response);
-    return response.ok || answer.error ? answer : { error: `The server answered with status ${response.status}.` };
+    return await bodyOf(response);
   } catch {
     return { error: NO_ANSWER };
   }

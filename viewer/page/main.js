@@ -30,16 +30,18 @@ listenForKeys(list, selection, grid);
 
 const questionParts = ["q", "matchCase", "filters", "span"];
 let isRestarting = false;
+let newest; // generation that startOver() was last called for
 
-// Loads the description of the database and starts over.
+// Loads the description of the database and starts over. False if the server did not answer.
 async function restart(generation) {
   api.setGeneration(generation ?? null);
   const info = await ask();
-  if (!info) return;
+  if (!info) return false;
   api.setGeneration(info.generation);
   cache.forget();
   detail.forget();
   session.setInfo(info);
+  return true;
 }
 const ask = () => api.ask("info", "info");
 
@@ -51,7 +53,7 @@ function showInfo() {
   byId("zone").textContent = info.zone ?? "";
   byId("zone").title = "Times are those of the machine that runs runeflow view";
   list.setColumns(info.columns ?? []);
-  if (info.error) showError(info.error);
+  if (info.error) showGone(info.error);
   sources.show();
   if (!info.database) sources.open();
 }
@@ -136,16 +138,33 @@ list.addEventListener("drawn", () => {
   if (document.body.dataset.ready !== "true" && document.querySelector(".rows [data-tone]")) setReady();
 });
 byId("follow").addEventListener("click", () => session.change({ follows: !session.view.follows, at: list.topSeq ?? null }));
-byId("banner").querySelector("button").addEventListener("click", () => hideError());
+byId("dismiss").addEventListener("click", () => hideError());
 
 async function startOver(generation, sentence) {
+  newest = generation;
   if (isRestarting) return;
   isRestarting = true;
   if (sentence) showError(sentence);
   selection.seq = null;
   session.change({ open: null, follows: true, at: null });
-  await restart(generation);
+  let isRead;
+  do isRead = await restart(newest);
+  while (isRead && session.info.generation < (newest ?? 0));
   isRestarting = false;
+}
+
+// The database is not there any more. Perhaps another one has taken its place.
+function showGone(sentence) {
+  const act = async () => {
+    const answer = await api.tell("open", { database: session.info.database });
+    if (answer.error) {
+      showError(answer.error);
+      return;
+    }
+    hideError();
+    await startOver(answer.generation);
+  };
+  showError(sentence, session.info?.database ? { label: "Open again", act } : undefined);
 }
 
 api.listen({
@@ -160,7 +179,7 @@ api.watch({
     if (isOther) startOver(state.generation, "The database was cleared or replaced. This is what it holds now.");
     else session.setLive(state);
   },
-  onGone: ({ error }) => showError(error),
+  onGone: ({ error }) => showGone(error),
   onLost: () => showError(api.NO_ANSWER),
   onFound: () => hideError(api.NO_ANSWER),
 });

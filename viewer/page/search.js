@@ -71,7 +71,7 @@ export class Search {
 
   // A marked query does not narrow the list, but has a count.
   async #countMarked(isLatest) {
-    if (!session.view.q.trim()) return;
+    if (!session.view.q.trim() || this.#stored === 0) return;
     this.#showCount("…");
     const matches = await Matches.count(session.question(), session.live.firstSeq, session.live.lastSeq);
     if (!matches || !isLatest()) return;
@@ -143,7 +143,7 @@ export class Search {
     const field = byId("count");
     const { places } = this.#list;
     const hasQuery = session.isFiltered() || session.view.q.trim() !== "";
-    const exact = session.isFiltered() || !hasQuery ? places.isExact && places.total : this.#marked?.total;
+    const exact = this.#stored === 0 ? 0 : session.isFiltered() || !hasQuery ? places.isExact && places.total : this.#marked?.total;
     if (waiting || exact === false || exact === undefined) {
       field.removeAttribute("data-count");
       field.textContent = hasQuery ? `… of ${numbers.count(this.#stored)}` : "";

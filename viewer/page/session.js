@@ -18,14 +18,17 @@ function emit(type, members = {}) {
   events.dispatchEvent(Object.assign(new Event(type), members));
 }
 
+// A database without a first record is empty. While it is being cleared, both numbers are not always of the same moment.
+const rangeOf = ({ firstSeq, lastSeq }) => (firstSeq > 0 && lastSeq >= firstSeq ? { firstSeq, lastSeq } : { firstSeq: 0, lastSeq: 0 });
+
 export function setInfo(given) {
   info = given;
-  live = { firstSeq: given.firstSeq ?? 0, lastSeq: given.lastSeq ?? 0, usedBytes: given.usedBytes ?? 0, captures: given.capturing ?? [] };
+  live = { usedBytes: given.usedBytes ?? 0, captures: given.capturing ?? given.captures ?? [], ...rangeOf(given) };
   emit("restart");
 }
 
 export function setLive(state) {
-  live = { ...live, ...state };
+  live = { ...live, ...state, ...rangeOf({ ...live, ...state }) };
   emit("grown");
 }
 

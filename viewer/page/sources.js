@@ -70,8 +70,9 @@ export class Sources {
     const answer = await ask("databases", "databases");
     const items = (answer?.databases ?? []).map((database) => element("li", {},
       element("span", { class: "what" }, element("b", {}, element("bdi", {}, database.name)), " ", element("small", {}, numbers.bytes(database.bytes))),
-      database.open ? element("small", {}, "open") : element("button", { class: "plain", click: () => this.#open(database.name) }, "Open"),
-      element("button", { class: "plain", "data-action": "clear", click: () => this.#clear(database.name) }, "Clear …")));
+      ...(database.open
+        ? [element("small", {}, "open"), element("button", { class: "plain", "data-action": "clear", click: () => this.#clear(database.name) }, "Clear …")]
+        : [element("button", { class: "plain", "data-action": "open", click: () => this.#open(database.name) }, "Open")])));
     this.#databases.replaceChildren(...items);
     if (items.length === 0) this.#databases.append(element("li", {}, element("small", {}, "There are none yet.")));
   }
@@ -95,7 +96,7 @@ export class Sources {
       return;
     }
     announce("The capture has started");
-    if (database !== session.info?.database) await this.#open(database);
+    if (answer.generation !== session.info?.generation) await this.#restart(answer.generation);
     session.change({ follows: true });
     this.#list();
   }
@@ -110,8 +111,7 @@ export class Sources {
     this.#list();
   }
   async #clear(name) {
-    const isOpen = name === session.info?.database;
-    const number = isOpen && session.live.firstSeq > 0 ? `all ${numbers.count(session.live.lastSeq - session.live.firstSeq + 1)} records` : "all records";
+    const number = session.live.firstSeq > 0 ? `all ${numbers.count(session.live.lastSeq - session.live.firstSeq + 1)} records` : "all records";
     const isSure = await confirmFirst(`Clear ${name}?`, `This deletes ${number} of ${name}. They cannot be brought back.`, "Delete the records");
     if (!isSure) return;
     const answer = await tell("clear", { database: name, sure: true });
