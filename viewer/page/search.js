@@ -15,6 +15,7 @@ const FIRST = 100; // matches that are shown before all are counted
 export class Search {
   #list;
   #latest = 0; // the number of the latest search
+  #isSearching = false;
   #isGrowing = false;
   #isStale = false; // more arrived meanwhile
   #isFinding = false;
@@ -32,7 +33,14 @@ export class Search {
   // Starts over with the present query. `anchor` is the record to keep in view; null shows the end.
   async start(anchor) {
     const number = ++this.#latest;
-    const isLatest = () => number === this.#latest;
+    const { lastSeq } = session.live;
+    this.#isSearching = true;
+    await this.#search(anchor, () => number === this.#latest);
+    if (number !== this.#latest) return;
+    this.#isSearching = false;
+    if (session.live.lastSeq > lastSeq) this.grow();
+  }
+  async #search(anchor, isLatest) {
     cache.outdate();
     this.#marked = null;
     this.#matching = { first: 1, last: 0, seqs: new Set() };
@@ -59,7 +67,6 @@ export class Search {
     this.#showCount();
     announce(`${numbers.plural(matches.total, "match")} of ${numbers.count(this.#stored)}`);
     await this.#list.settle();
-    if (session.live.lastSeq > lastSeq) this.grow();
   }
   async #firstMatches(anchor, lastSeq) {
     const which = anchor ? { after: anchor.seq - 1 } : { before: lastSeq + 1 };
@@ -98,14 +105,15 @@ export class Search {
   // Adds what arrived since the last call.
   async grow() {
     this.#isStale = this.#isGrowing;
-    if (this.#isGrowing) return;
+    if (this.#isGrowing || this.#isSearching) return;
     this.#isGrowing = true;
     const number = this.#latest;
     try {
       const { firstSeq, lastSeq } = session.live;
       const { places } = this.#list;
       const anchor = session.view.follows ? null : this.#list.anchor();
-      if (lastSeq > 0 && session.isFiltered() && places instanceof AllRecords) {
+      const wasEmpty = places instanceof AllRecords && places.total === 0;
+      if (lastSeq > 0 && session.isFiltered() && wasEmpty) {
         await this.start(anchor);
         return;
       }
