@@ -28,10 +28,7 @@ std::string randomHex() {
 }
 
 HttpAnswer refused(unsigned int status, std::string_view sentence) {
-  return {.status = status,
-          .body = fmt::format("{}\n", sentence),
-          .headers = securityHeaders(),
-          .closes = true};
+  return {.status = status, .body = fmt::format("{}\n", sentence), .closes = true};
 }
 
 // The name of a Host without its port.

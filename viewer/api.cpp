@@ -7,7 +7,6 @@
 #include <charconv>
 #include <exception>
 
-#include "access.h"
 #include "host/failure.h"
 #include "page_files.h"
 #include "runeflow/query/query_parser.h"
@@ -80,12 +79,15 @@ std::string_view typeOf(std::string_view file) {
 HttpAnswer jsonAnswer(const Json& value, unsigned int status) {
   return {.status = status,
           .type = "application/json",
-          .body = value.dump(-1, ' ', false, Json::error_handler_t::replace),
-          .headers = securityHeaders()};
+          .body = value.dump(-1, ' ', false, Json::error_handler_t::replace)};
 }
 
 EventStore& Call::store() const {
-  if (!store_) throw Refusal(409, "no database is open; open one or start a capture");
+  if (!state_.kind) throw Refusal(409, "no database is open; open one or start a capture");
+  if (!store_) {
+    throw Refusal(
+        500, state_.error.empty() ? fmt::format("cannot open {}", state_.name()) : state_.error);
+  }
   if (has("g") && number("g", 0, INT64_MAX) != state_.generation) {
     throw Refusal(409, "the database was cleared or another one was opened",
                   {{"generation", state_.generation}});
@@ -241,7 +243,6 @@ HttpAnswer Api::call(const Route& route, const HttpRequest& request, Worker& wor
   }
   if (state.kind && !worker.store && route.lane != Lane::outside) {
     worker.store = EventStore::openForReading(state.path, state.kind->descriptor());
-    if (!worker.store) throw Refusal(500, fmt::format("cannot open {} any more", state.name()));
   }
   if (!worker.store) return route.handler(Call(request, state, nullptr, cancellation));
   static_cast<void>(worker.store->takeError());
@@ -257,9 +258,7 @@ HttpAnswer Api::file(std::string_view path) const {
   const auto files = pageFiles();
   const auto found = std::ranges::find(files, name, &PageFile::name);
   if (found == files.end()) throw Refusal(404, "there is no such page");
-  return {.type = std::string(typeOf(name)),
-          .body = std::string(found->content),
-          .headers = securityHeaders()};
+  return {.type = std::string(typeOf(name)), .body = std::string(found->content)};
 }
 
 HttpAnswer Api::events(const Call& call) {
@@ -273,7 +272,7 @@ HttpAnswer Api::events(const Call& call) {
   if (auto& known = feeds_[page]) known->close();
   feeds_[page] = feed;
   for (const auto& [name, data] : lastEvents_) feed->send(name, data);
-  return {.type = "text/event-stream", .headers = securityHeaders(), .feed = feed};
+  return {.type = "text/event-stream", .feed = feed};
 }
 
 void Api::broadcast(const std::string& name, const Json& data) {

@@ -68,15 +68,21 @@ std::string Folder::existing(const std::string& name) const {
   return path.string();
 }
 
-std::string Folder::make(const std::string& name) const {
+void Folder::requireNew(const std::string& name) const {
   requirePlainName(name);
-  const auto path = (fs::path(path_) / name).string();
-  constexpr mode_t kMode = 0644;
-  const runeflow::FileDescriptor file(
-      ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode));
-  if (!file && errno == EEXIST) {
+  std::error_code error;
+  if (fs::symlink_status(fs::path(path_) / name, error).type() != fs::file_type::not_found) {
     host::fail("{} exists already; open it to capture into it, or choose another name", name);
   }
+}
+
+std::string Folder::make(const std::string& name) const {
+  requireNew(name);
+  const auto path = (fs::path(path_) / name).string();
+  constexpr mode_t kMode = 0644;
+  // Something may have taken the name since.
+  const runeflow::FileDescriptor file(
+      ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode));
   if (!file) host::fail("cannot make {} in {}: {}", name, path_, host::systemError(errno));
   return path;
 }

@@ -25,8 +25,11 @@ class Folder {
   // Returns the path of such a file, or fails. A symbolic link is no such file.
   std::string existing(const std::string& name) const;
 
-  // Makes an empty file and returns its path. Fails if `name` is not the plain name of a file
-  // ("car.db": no folder, no hidden file, at most 100 bytes), or if anything has that name already.
+  // Fails if `name` is not the plain name of a file ("car.db": no folder, no hidden file, at most
+  // 100 bytes), or if anything has that name already.
+  void requireNew(const std::string& name) const;
+
+  // Makes an empty file and returns its path. Fails as requireNew() does.
   std::string make(const std::string& name) const;
 
  private:

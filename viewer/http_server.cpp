@@ -87,12 +87,16 @@ Response responseTo(MHD_Connection* connection, HttpAnswer& answer) {
   return {made, MHD_destroy_response};
 }
 
-MHD_Result send(MHD_Connection* connection, HttpAnswer& answer) {
+using Headers = std::vector<std::pair<std::string, std::string>>;
+
+MHD_Result send(MHD_Connection* connection, HttpAnswer& answer, const Headers& common) {
   const auto response = responseTo(connection, answer);
   if (!response) return MHD_NO;
   MHD_add_response_header(response.get(), "Content-Type", answer.type.c_str());
-  for (const auto& [name, value] : answer.headers) {
-    MHD_add_response_header(response.get(), name.c_str(), value.c_str());
+  for (const auto& headers : {std::cref(common), std::cref(answer.headers)}) {
+    for (const auto& [name, value] : headers.get()) {
+      MHD_add_response_header(response.get(), name.c_str(), value.c_str());
+    }
   }
   if (answer.closes) MHD_add_response_header(response.get(), "Connection", "close");
   return MHD_queue_response(connection, answer.status, response.get());
@@ -236,8 +240,9 @@ class HttpServer::Implementation {
   }
 
   // A refused request is answered before its body is read.
-  static MHD_Result continueEarly(Exchange& exchange) {
-    return exchange.answer ? send(exchange.connection, *exchange.answer) : MHD_YES;
+  MHD_Result continueEarly(Exchange& exchange) {
+    return exchange.answer ? send(exchange.connection, *exchange.answer, handlers_.headers)
+                           : MHD_YES;
   }
 
   MHD_Result proceed(Exchange& exchange, std::string_view piece, std::size_t& size) {
@@ -248,7 +253,7 @@ class HttpServer::Implementation {
       return MHD_YES;
     }
     if (!exchange.answer) return enqueue(exchange);
-    return send(exchange.connection, *exchange.answer);
+    return send(exchange.connection, *exchange.answer, handlers_.headers);
   }
 
   MHD_Result enqueue(Exchange& exchange) {
@@ -257,7 +262,7 @@ class HttpServer::Implementation {
     const std::lock_guard lock(mutex_);
     if (isEnding_ || queue.waiting.size() >= mostWaiting) {
       auto busy = plain(kServiceUnavailable, "the server is busy\n");
-      return send(exchange.connection, busy);
+      return send(exchange.connection, busy, handlers_.headers);
     }
     MHD_suspend_connection(exchange.connection);
     queue.waiting.push_back(&exchange);

@@ -61,6 +61,8 @@ class HttpServer {
   static constexpr std::chrono::seconds patience{20};
 
   struct Handlers {
+    // Headers of every answer.
+    std::vector<std::pair<std::string, std::string>> headers;
     // Called on the network thread when the headers of a request have arrived, before its body is
     // read. Returns the answer to a request that is refused. Must not block.
     std::function<std::optional<HttpAnswer>(const HttpRequest&)> refuse;

@@ -206,6 +206,7 @@ HttpAnswer SourceCalls::start(const Call& call) {
   const auto body = call.body();
   const auto name = textOf(body, "database");
   const auto maxBytes = capOf(body);
+  if (!openedPath(name)) folder_.requireNew(name);  // before somebody waits for a connection
   auto stream = connected(call, body);
   const auto opened = openedPath(name);
   const auto path = opened ? *opened : folder_.make(name);

@@ -86,6 +86,7 @@ class Viewer::Implementation {
     show(options);
     server_.emplace(std::move(bound.socket),
                     HttpServer::Handlers{
+                        .headers = securityHeaders(),
                         .refuse = [this](const auto& request) { return access_.refusal(request); },
                         .laneOf = [this](const auto& request) { return api_.laneOf(request); },
                         .answer = [this](const auto& request,
