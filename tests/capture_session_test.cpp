@@ -94,6 +94,20 @@ TEST_F(Capturing, everyCompleteRecordIsStoredInOrder) {
   EXPECT_EQ(progress.bytesRead, static_cast<std::int64_t>(lines(30'000).size() + 10));
 }
 
+TEST_F(Capturing, fullBatchesAreStoredWhileTheStreamIsOpen) {
+  Pipe pipe;
+  CaptureSession session(path_, SourceDescriptor::logcat());
+  session.run(pipe.reading.release(), logcat, [this] { finished_.release(); });
+  pipe.write(lines(3'000));
+  const auto stored = [&] { return session.progress().rowsStored; };
+  for (int left = 2'000; left > 0 && stored() < 2'048; --left) ::usleep(5'000);
+  EXPECT_GE(stored(), 2'048);
+  EXPECT_GE(reopen().count(), 2'048);
+  pipe.writing.reset();
+  finished_.acquire();
+  EXPECT_EQ(reopen().count(), 3'000);
+}
+
 TEST_F(Capturing, sizeCapIsKeptAndMayChangeInMidStream) {
   CaptureSession session(path_, SourceDescriptor::logcat());
   Pipe pipe;

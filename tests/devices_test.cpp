@@ -91,6 +91,33 @@ TEST(DeviceCatalog, physicalDevicesAreListedWithTheirKnownProperties) {
                                 true, "iphone"}));
 }
 
+TEST(DeviceCatalog, onlyConnectedAndPairedPhonesOnAWireAreStreamable) {
+  using Field = std::optional<std::string>;
+  const struct {
+    Field platform, transport, tunnel, pairing;
+    bool expected;
+  } table[] = {
+      {"iOS", "wired", "connected", "paired", true},
+      {"iPadOS", "wired", "connected", "paired", true},
+      {"xrOS", "wired", "connected", "paired", false},
+      {{}, "wired", "connected", "paired", false},
+      {"iOS", "localNetwork", "connected", "paired", false},
+      {"iOS", "", "connected", "paired", false},
+      {"iOS", {}, "connected", "paired", false},
+      {"iOS", "wired", "disconnected", "paired", false},
+      {"iOS", "wired", {}, "paired", false},
+      {"iOS", "wired", "connected", "unpaired", false},
+      {"iOS", "wired", "connected", {}, false},
+  };
+  for (const auto& row : table) {
+    EXPECT_EQ(DeviceCatalog::isStreamableDeviceState(row.platform, row.transport, row.tunnel,
+                                                     row.pairing),
+              row.expected)
+        << row.platform.value_or("-") << row.transport.value_or("-") << row.tunnel.value_or("-")
+        << row.pairing.value_or("-");
+  }
+}
+
 TEST(DeviceCatalog, oneFaultAnywhereInTheDocumentEmptiesTheResult) {
   const auto fail = [](const std::string& start, const std::vector<std::string_view>& ends) {
     for (const auto end : ends) {

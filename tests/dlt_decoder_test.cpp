@@ -226,6 +226,25 @@ TEST(DLTDecoder, resumesOneByteAfterALengthBelowFour) {
   EXPECT_THAT(decode(Buffer(1000, 0) + Buffer{0, 0, 0, 4}), SizeIs(1));
 }
 
+TEST(DLTDecoder, oneCallMayBringManyMessages) {
+  constexpr int kMessages = 10'000;  // more than the decoder reserves room for
+  Buffer stream;
+  std::vector<LogRow> expected;
+  for (int i = 0; i < kMessages; ++i) {
+    Dlt message;
+    message.storage(static_cast<std::uint32_t>(i), 250'000, i % 3 == 0 ? "REC1" : "REC2");
+    message.counter(static_cast<std::uint8_t>(i));
+    if (i % 2 == 0) message.session(static_cast<std::uint32_t>(i));
+    message.extended(0x41, 1).payload(stringArgument(std::to_string(i)));
+    const Buffer bytes = message;
+    stream.insert(stream.end(), bytes.begin(), bytes.end());
+    expected.push_back(decodeOne(bytes));
+  }
+  EXPECT_EQ(expected[2'500].message(), "2500");
+  EXPECT_EQ(expected[2'500].timestamp(), test::at(2'500.25));
+  EXPECT_TRUE(decode(stream) == expected);
+}
+
 TEST(DLTDecoder, pieceBoundariesDoNotChangeTheRows) {
   const Buffer outOfStep{0xaa, 0x20, 0, 0, 5, 0xee};
   const Buffer stream =
