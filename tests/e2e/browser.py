@@ -171,6 +171,10 @@ class Browser:
     def seqs(self):
         return [row[0] for row in self.rows()]
 
+    def open_row(self, index):
+        """Opens the record of a row that is seen, counted from the top."""
+        self.js("document.querySelector(`#row-${arguments[0]}`).click()", self.seqs()[index])
+
     def selected(self):
         return self.js("return [...document.querySelectorAll('[role=row][aria-selected=true]')].map((row) => Number(row.dataset.seq))")
 

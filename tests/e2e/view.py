@@ -503,7 +503,7 @@ def check_look(stage):
                 .filter((e) => e.offsetParent && (e.getBoundingClientRect().right > innerWidth + 1 || e.getBoundingClientRect().left < 0)).map((e) => e.id)""")
             stage.equal(f"look: every control is inside at {name}", outside, [])
             stage.picture(page, name)
-            page.js("document.querySelectorAll('.rows [data-seq]')[8].click()")
+            page.open_row(8)
             page.until("the record opens", "return !document.querySelector('#detail').hidden")
             stage.picture(page, f"{name}-detail")
             stage.check(f"look: rows remain beside the record at {name}", len(page.rows()) > 3)
@@ -578,7 +578,7 @@ def make_picture(stage, path):
     with stage.page(stage.folder / "car.db", hash="q=connect level:info", height=720) as page:
         page.settled()
         page.until("the facets stand", "return document.querySelectorAll('.facet').length > 8")
-        page.js("document.querySelectorAll('.rows [data-seq]')[9].click()")
+        page.open_row(9)
         page.until("the record opens", "return !document.querySelector('#detail').hidden")
         page.settled()
         page.screenshot(path)

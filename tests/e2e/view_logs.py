@@ -18,7 +18,7 @@ def phone_log(path, lines, seed=7):
         millisecond = 16 * 3_600_000
         step = 26 * 3_600_000 / lines
         for number in range(lines):
-            quiet = 5 if number // 2000 % 3 == 1 else 0.4
+            quiet = (0.6, 2.2, 1, 0.5)[number // 1700 % 4]
             millisecond += rng.expovariate(1 / (step * quiet))
             log.write(f"{stamp(int(millisecond))}{rng.choice(sample)[18:]} #{number}\n")
 

@@ -86,7 +86,9 @@ export function cancel(name) {
 }
 
 // Asks for a change. Returns the answer's body; a refusal has a member `error`.
+let told = 0;
 export async function tell(path, body = {}) {
+  told += 1;
   try {
     const response = await fetch(address(path, { quiet: 1 }), {
       method: "POST", headers: { "Content-Type": "application/json" }, body: JSON.stringify(body),
@@ -94,8 +96,12 @@ export async function tell(path, body = {}) {
     return await bodyOf(response);
   } catch {
     return { error: NO_ANSWER };
+  } finally {
+    setTimeout(() => { told -= 1; }, 500);
   }
 }
+// Whether this page has asked for a change that the stream of changes may now report.
+export const hasTold = () => told > 0;
 
 // Opens the stream of changes. Browsers allow six connections to a host, and each stream keeps one: a page that is not
 // shown closes its stream.

@@ -30,6 +30,7 @@ listenForKeys(list, selection, grid);
 
 const questionParts = ["q", "matchCase", "filters", "span"];
 let isRestarting = false;
+const CHANGED = "The database was cleared or replaced. This is what it holds now.";
 let newest; // generation that startOver() was last called for
 
 // Loads the description of the database and starts over. False if the server did not answer.
@@ -144,13 +145,14 @@ async function startOver(generation, sentence) {
   newest = generation;
   if (isRestarting) return;
   isRestarting = true;
-  if (sentence) showError(sentence);
+  const before = session.info?.database;
   selection.seq = null;
   session.change({ open: null, follows: true, at: null });
   let isRead;
   do isRead = await restart(newest);
   while (isRead && session.info.generation < (newest ?? 0));
   isRestarting = false;
+  if (sentence && before === session.info.database && !api.hasTold()) showError(sentence);
 }
 
 // The database is not there any more. Perhaps another one has taken its place.
@@ -169,14 +171,14 @@ function showGone(sentence) {
 
 api.listen({
   onError: showError,
-  onGeneration: (generation) => startOver(generation, "The database was cleared or replaced. This is what it holds now."),
+  onGeneration: (generation) => startOver(generation, CHANGED),
 });
 
 await restart();
 api.watch({
   onState: (state) => {
     const isOther = state.generation !== undefined && session.info && state.generation !== session.info.generation;
-    if (isOther) startOver(state.generation, "The database was cleared or replaced. This is what it holds now.");
+    if (isOther) startOver(state.generation, CHANGED);
     else session.setLive(state);
   },
   onGone: ({ error }) => showGone(error),

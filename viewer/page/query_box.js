@@ -7,7 +7,7 @@ import { byId, press } from "./dom.js";
 import * as clock from "./clock.js";
 import * as session from "./session.js";
 
-const PAUSE = 120; // milliseconds after the last letter
+const PAUSE = 60; // milliseconds after the last letter
 
 export class QueryBox {
   #input = byId("query");
