@@ -55,6 +55,7 @@ std::string_view adviceFor(StoreFault fault) {
     case StoreFault::noEvents:
     case StoreFault::notADatabase:
     case StoreFault::refused:
+    case StoreFault::cancelled:
     case StoreFault::other:
       return "";
   }

@@ -246,7 +246,7 @@ HttpAnswer Api::call(const Route& route, const HttpRequest& request, Worker& wor
   }
   if (!worker.store) return route.handler(Call(request, state, nullptr, cancellation));
   static_cast<void>(worker.store->takeError());
-  runeflow::reads::setCancellation(*worker.store, cancellation);
+  worker.store->setCancellation(cancellation);
   return route.handler(Call(request, state, &*worker.store, cancellation));
 }
 

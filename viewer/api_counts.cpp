@@ -17,7 +17,6 @@ namespace viewer {
 using runeflow::LogQuery;
 using runeflow::StoreColumn;
 using runeflow::TimeSpan;
-namespace reads = runeflow::reads;
 
 namespace {
 
@@ -98,8 +97,7 @@ HttpAnswer blocks(const Call& call) {
   }
   std::int64_t total = 0;
   auto list = Json::array();
-  for (const auto& block :
-       reads::countMatchingPerBlock(call.store(), question.query, first, last, size)) {
+  for (const auto& block : call.store().countMatchingPerBlock(question.query, first, last, size)) {
     list.push_back({block.first, block.count});
     total += block.count;
   }
@@ -123,11 +121,11 @@ HttpAnswer timeline(const Call& call) {
   span.from = call.number("from", INT64_MIN, kLatest, span.from);
   span.until = call.number("until", INT64_MIN, kLatest, span.until);
   if (span.until <= span.from) throw Refusal(400, "the span must end after it begins");
-  const auto all = reads::timeline(store, {}, span, bars);
+  const auto all = store.timeline({}, span, bars);
   Json object = {{"from", span.from},  {"until", span.until}, {"bars", all.bars},
                  {"matches", nullptr}, {"total", sumOf(all)}, {"matched", sumOf(all)}};
   if (!question.typed.isEmpty()) {
-    const auto matches = reads::timeline(store, question.typed, span, bars);
+    const auto matches = store.timeline(question.typed, span, bars);
     object["matches"] = matches.bars;
     object["matched"] = sumOf(matches);
   }
@@ -154,14 +152,13 @@ HttpAnswer facets(const Call& call) {
   std::array<std::int64_t, 6> levels{};
   auto fields = Json::array();
   for (const auto& [value, count] :
-       reads::distinctValuesWithCounts(store, StoreColumn::level(), query, std::nullopt, -1)) {
+       store.distinctValuesWithCounts(StoreColumn::level(), query, std::nullopt, -1)) {
     const auto raw = static_cast<std::size_t>(value.front() - '0');
     if (value.size() == 1 && raw < levels.size()) levels[raw] = count;
   }
   for (const auto& field : store.descriptor().fields()) {
     if (!field.indexed() || field.column() == StoreColumn::level()) continue;
-    const auto values =
-        reads::distinctValuesWithCounts(store, field.column(), query, std::nullopt, limit);
+    const auto values = store.distinctValuesWithCounts(field.column(), query, std::nullopt, limit);
     call.requireComplete();
     fields.push_back(
         {{"name", field.name()}, {"label", field.label()}, {"values", valuesJson(values)}});
@@ -176,8 +173,8 @@ HttpAnswer complete(const Call& call) {
   const auto limit = call.number("limit", 1, kMostValues, 20);
   const auto query = orNothing(call.question().query);
   const auto prefix = call.text("prefix");
-  const auto values = reads::distinctValuesWithCounts(
-      store, field->column(), query, prefix.empty() ? std::nullopt : std::optional(prefix), limit);
+  const auto values = store.distinctValuesWithCounts(
+      field->column(), query, prefix.empty() ? std::nullopt : std::optional(prefix), limit);
   return call.answer({{"values", valuesJson(values)}});
 }
 

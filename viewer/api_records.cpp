@@ -14,7 +14,6 @@ namespace viewer {
 using runeflow::EventStore;
 using runeflow::RecordPreview;
 using runeflow::WordMarks;
-namespace reads = runeflow::reads;
 
 namespace {
 
@@ -38,20 +37,20 @@ std::pair<std::int64_t, std::int64_t> rangeOf(const Call& call) {
 std::vector<RecordPreview> chosen(const Call& call, std::int64_t characters) {
   auto& store = call.store();
   const auto fetched = [&](std::span<const std::int64_t> seqs) {
-    return reads::fetchPreviews(store, seqs, characters);
+    return store.fetchPreviews(seqs, characters);
   };
   if (call.has("seqs")) return fetched(call.seqs());
   if (call.has("first")) {
     const auto [first, last] = rangeOf(call);
-    return reads::fetchPreviewRange(store, first, last, characters);
+    return store.fetchPreviewRange(first, last, characters);
   }
   const auto limit = call.number("limit", 1, kMostRecords, 200);
   const auto query = call.question().query;
   if (call.has("after")) {
-    return fetched(reads::oldestMatching(store, query, call.number("after", 0, kLatest), limit));
+    return fetched(store.oldestMatching(query, call.number("after", 0, kLatest), limit));
   }
   const auto below = call.number("before", 0, kLatest, kLatest);
-  return fetched(reads::newestMatching(store, query, below, limit));
+  return fetched(store.newestMatching(query, below, limit));
 }
 
 HttpAnswer records(const Call& call) {
@@ -87,7 +86,7 @@ HttpAnswer record(const Call& call) {
   const auto seq = seqOf(call);
   const auto question = call.question();
   auto& store = call.store();
-  const auto found = reads::fetchPreviewRange(store, seq, seq, kDetailedCharacters);
+  const auto found = store.fetchPreviewRange(seq, seq, kDetailedCharacters);
   call.requireComplete();
   if (found.empty()) refuseMissing(seq);
   const auto& record = found.front();
@@ -104,8 +103,8 @@ HttpAnswer recordText(const Call& call) {
   const auto seq = seqOf(call);
   const auto from = call.number("from", 0, kLatest, 0);
   const auto characters = call.number("characters", 1, kMostPieceCharacters, kMostPieceCharacters);
-  const auto length = reads::fetchPreviewRange(call.store(), seq, seq, 0);
-  const auto piece = reads::messagePiece(call.store(), seq, from, characters);
+  const auto length = call.store().fetchPreviewRange(seq, seq, 0);
+  const auto piece = call.store().messagePiece(seq, from, characters);
   call.requireComplete();
   if (!piece || length.empty()) refuseMissing(seq);
   return call.answer({{"from", from},
@@ -133,7 +132,7 @@ HttpAnswer lines(const Call& call) {
 
 HttpAnswer position(const Call& call) {
   const auto time = call.number("time", INT64_MIN, INT64_MAX);
-  const auto seq = reads::firstSeqAtOrAfter(call.store(), time);
+  const auto seq = call.store().firstSeqAtOrAfter(time);
   return call.answer({{"seq", seq}});
 }
 

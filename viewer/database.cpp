@@ -59,8 +59,8 @@ void Database::open(const std::string& path, const std::string& source) {
   next.count = next.lastSeq > 0 ? next.lastSeq - next.firstSeq + 1 : 0;
   next.usedBytes = store.usedBytes();
   next.hasFullText = EventStore::inspect(path).hasFullText;
-  next.span = runeflow::reads::timeSpan(store, next.firstSeq, next.firstSeq);
-  widen(next.span, runeflow::reads::timeSpan(store, next.lastSeq, next.lastSeq));
+  next.span = store.timeSpan(next.firstSeq, next.firstSeq);
+  widen(next.span, store.timeSpan(next.lastSeq, next.lastSeq));
   host::failIfIncomplete(store, path);
   {
     const std::lock_guard lock(mutex_);
@@ -138,12 +138,11 @@ void Database::growSpan(DatabaseState& state) {
     spannedFrom_ = state.firstSeq;
     spannedTo_ = state.firstSeq - 1;
     state.span.reset();
-    widen(state.span, runeflow::reads::timeSpan(*store_, state.firstSeq, state.firstSeq));
+    widen(state.span, store_->timeSpan(state.firstSeq, state.firstSeq));
   }
   const auto last = std::min(state.lastSeq, spannedTo_ + kSpannedAtOnce);
-  if (last > spannedTo_)
-    widen(state.span, runeflow::reads::timeSpan(*store_, spannedTo_ + 1, last));
-  widen(state.span, runeflow::reads::timeSpan(*store_, state.lastSeq, state.lastSeq));
+  if (last > spannedTo_) widen(state.span, store_->timeSpan(spannedTo_ + 1, last));
+  widen(state.span, store_->timeSpan(state.lastSeq, state.lastSeq));
   spannedTo_ = last;
 }
 

@@ -13,7 +13,6 @@
 
 #include "host/log_kind.h"
 #include "host/new_records.h"
-#include "provisional.h"
 #include "runeflow/store/event_store.h"
 
 namespace viewer {

@@ -12,7 +12,6 @@
 #include <string_view>
 #include <vector>
 
-#include "provisional.h"
 #include "runeflow/model/source_descriptor.h"
 #include "runeflow/store/event_store.h"
 #include "runeflow/store/word_marks.h"

@@ -15,10 +15,19 @@
 ///
 /// - For a list of all records that shows a page at a time, use `minSeq()` and `maxSeq()` for its
 ///   length and `fetchRange(first, last)` for the visible part.
-/// - For a filtered list, call `matchingSeqs(query, 0)` once, and `fetch(seqs)` for what is
-/// visible.
-/// - For new records, call `matchingSeqs(query, after)` with the largest seq known.
+/// - For a filtered list, use `newestMatching()` and `oldestMatching()` to page through it in
+/// either
+///   direction, `countMatchingPerBlock()` for its length and to enter it at any place, and
+///   `fetchPreviews(seqs)` or `fetch(seqs)` for what is visible.
+/// - For new records that match, call `oldestMatching(query, after, limit)` with the largest seq
+///   known.
+/// - For the whole list of matches, call `matchingSeqs(query, 0)`; its cost grows with the list.
+/// - For records whose messages may be long, use `fetchPreviews()`, and `messagePiece()` for the
+///   rest of a message.
 /// - For a number alone, use `count()` or `countMatching(query)`.
+/// - For an overview over time, use `timeSpan()` and `timeline()`, and `firstSeqAtOrAfter()` to go
+///   to an instant.
+/// - To end a read that takes too long from another thread, use `setCancellation()`.
 /// - For completing the values of a field, use `distinctValues()` or `distinctValuesWithCounts()`.
 /// - To find out whether a file is a store at all, use `inspect(path)`.
 /// - To find out whether the answers are complete, use `takeError()` after the reads.
@@ -43,6 +52,8 @@
 #include "runeflow/model/source_descriptor.h"
 #include "runeflow/platform/api.h"
 #include "runeflow/query/log_query.h"
+#include "runeflow/store/page.h"
+#include "runeflow/store/timeline.h"
 
 namespace runeflow {
 
@@ -69,11 +80,12 @@ enum class StoreFault {
   notADatabase,  ///< The file is not an SQLite database.
   damaged,       ///< SQLite reports that the database is malformed.
   cannotOpen,    ///< The file cannot be opened: it does not exist, or permission is missing.
-  readOnly,  ///< Reading needs to write beside the file (`-wal`, `-shm`), which is not permitted.
-  locked,    ///< Another connection held a lock for longer than the wait for locks, usually 5 s.
-  diskFull,  ///< There is no space left for the file.
-  refused,   ///< SQLite refuses the statement, usually because a query is too large.
-  other      ///< Anything else; `StoreInfo::faultText` tells.
+  readOnly,   ///< Reading needs to write beside the file (`-wal`, `-shm`), which is not permitted.
+  locked,     ///< Another connection held a lock for longer than the wait for locks, usually 5 s.
+  diskFull,   ///< There is no space left for the file.
+  cancelled,  ///< EventStore::setCancellation() has ended the read.
+  refused,    ///< SQLite refuses the statement, usually because a query is too large.
+  other       ///< Anything else; `StoreInfo::faultText` tells.
 };
 
 /// Why a read or write was cut short.
@@ -198,6 +210,11 @@ class RUNEFLOW_EXPORT EventStore {
   /// The number may be changed from any thread, also while a call waits.
   void setLockWait(std::shared_ptr<std::atomic<std::int64_t>> milliseconds);
 
+  /// Sets a flag that ends reads. While it is true, every read of this store ends soon and
+  /// takeError() returns StoreFault::cancelled; a read that begins then returns nothing. Writes go
+  /// on. The flag may be changed from any thread, also during a read. Null, as at first, ends none.
+  void setCancellation(std::shared_ptr<const std::atomic<bool>> isCancelled);
+
   /// Returns the size in bytes of the write-ahead log beside the file, or 0 if there is none.
   std::int64_t logBytes() const;
 
@@ -245,6 +262,23 @@ class RUNEFLOW_EXPORT EventStore {
   /// ascending order.
   std::vector<std::int64_t> matchingSeqs(const LogQuery& query, std::int64_t after);
 
+  /// Returns the newest `limit` of the records that match `query` and have a seq less than `below`,
+  /// in ascending order. The largest number for `below` means all records. A limit below 1 gives an
+  /// empty list. The cost follows the number of records returned where these are frequent, and is
+  /// little more than that of countMatching() otherwise.
+  std::vector<std::int64_t> newestMatching(const LogQuery& query, std::int64_t below,
+                                           std::int64_t limit);
+  /// Returns the oldest `limit` of the records that match `query` and have a seq greater than
+  /// `after`, in ascending order. See newestMatching().
+  std::vector<std::int64_t> oldestMatching(const LogQuery& query, std::int64_t after,
+                                           std::int64_t limit);
+
+  /// Returns the number of records with a seq from `first` to `last` that match `query`, by blocks
+  /// of `blockSize` seqs, in ascending order. Leaves out blocks without matches. A block size below
+  /// 1 gives an empty list, and seqs below 1 are not counted.
+  std::vector<SeqBlock> countMatchingPerBlock(const LogQuery& query, std::int64_t first,
+                                              std::int64_t last, std::int64_t blockSize);
+
   /// Returns the plan that EXPLAIN QUERY PLAN gives for the statement of matchingSeqs(), as the
   /// texts of its column `detail`. The list is empty if SQLite refuses the statement.
   std::vector<std::string> matchingSeqsQueryPlan(const LogQuery& query, std::int64_t after);
@@ -255,6 +289,34 @@ class RUNEFLOW_EXPORT EventStore {
   /// Returns the stored records whose seq is one of `seqs`, in ascending order and each once. The
   /// list is empty if `seqs` has more elements than SQLite allows parameters (250,000 on Debian).
   std::vector<FetchedRow> fetch(std::span<const std::int64_t> seqs);
+
+  /// Returns the same records as fetch(), with messages cut to the first `characters` code points.
+  std::vector<RecordPreview> fetchPreviews(std::span<const std::int64_t> seqs,
+                                           std::int64_t characters);
+  /// Returns the same records as fetchRange(), with messages cut like those of fetchPreviews().
+  std::vector<RecordPreview> fetchPreviewRange(std::int64_t first, std::int64_t last,
+                                               std::int64_t characters);
+  /// Returns the code points from `from`, which counts from 0, until before `from` + `characters`
+  /// of the message of a record. Negative numbers count as 0. Returns absence if there is no such
+  /// record.
+  std::optional<std::string> messagePiece(std::int64_t seq, std::int64_t from,
+                                          std::int64_t characters);
+
+  /// Counts the records that match `query` and whose time lies in `span`, by bars of equal length
+  /// and by level. A record counts in the bar of its time, wherever it stands among the seqs. The
+  /// number of bars is limited to the range 1 to 100,000.
+  Timeline timeline(const LogQuery& query, TimeSpan span, std::size_t bars);
+
+  /// Returns the span from the earliest time of the records with a seq from `first` to `last` until
+  /// after the latest. These need not be the times of the first and the last record, because clocks
+  /// jump. Absent if there is no such record. A record at the last instant of 64 bits lies in no
+  /// span.
+  std::optional<TimeSpan> timeSpan(std::int64_t first, std::int64_t last);
+
+  /// Returns the seq of a record that is not earlier than `microseconds` since 1970 and whose
+  /// predecessor is earlier, or that is the first. Returns 0 if the newest record is earlier. Where
+  /// clocks jump back, several records fit; the function returns one of them. Reads a few records.
+  std::int64_t firstSeqAtOrAfter(std::int64_t microseconds);
 
   /// Returns the distinct non-empty values of `column`, which must be a slot; other columns give an
   /// empty list. `matching`, if present, restricts the records that are examined. `prefix`, if
@@ -270,6 +332,14 @@ class RUNEFLOW_EXPORT EventStore {
   /// Returns the distinct values of all records, like distinctValues(), and the number of records
   /// with each value.
   std::vector<ValueCount> distinctValuesWithCounts(const StoreColumn& column, std::int64_t limit);
+
+  /// Returns the distinct values of the records that match, like distinctValues(), and the number
+  /// of matching records with each value. The column may also be the level: its values are the raw
+  /// levels "0" to "5", and a stored level outside this range counts as Info.
+  std::vector<ValueCount> distinctValuesWithCounts(const StoreColumn& column,
+                                                   const std::optional<LogQuery>& matching,
+                                                   const std::optional<std::string>& prefix,
+                                                   std::int64_t limit);
 
   /// Returns the size in bytes of all pages in use, by tables and by indexes. The file may be
   /// larger.

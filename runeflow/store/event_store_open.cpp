@@ -132,6 +132,10 @@ void EventStore::setLockWait(std::shared_ptr<std::atomic<std::int64_t>> millisec
   database_->lockWait = std::move(milliseconds);
 }
 
+void EventStore::setCancellation(std::shared_ptr<const std::atomic<bool>> isCancelled) {
+  if (database_) database_->cancellation = std::move(isCancelled);
+}
+
 EventStore::Snapshot::Snapshot(EventStore& store) : store_(store) {
   if (!store_.database_) return;
   store_.database_->reopenIfChanged(false);

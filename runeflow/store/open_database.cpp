@@ -64,7 +64,7 @@ std::unique_ptr<OpenDatabase> OpenDatabase::forWriting(const std::string& path, 
   connection =
       Connection::open(asFileName(path), SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0));
   if (!connection) return nullptr;
-  connection.waitForLocks(*database->lockWait);
+  database->setUpConnection();
   database->openedAs = FileState::of(path);
   return database;
 }
@@ -89,9 +89,19 @@ bool OpenDatabase::openForReading() {
                                        : "mode=ro";
   connection = Connection::open(asUri(path, parameters), SQLITE_OPEN_READONLY | SQLITE_OPEN_URI);
   if (!connection) return false;
-  connection.waitForLocks(*lockWait);
+  setUpConnection();
   connection.execute("PRAGMA temp_store=MEMORY;");
   return true;
+}
+
+// Each new connection needs this, also after opening the file anew.
+void OpenDatabase::setUpConnection() {
+  connection.waitForLocks(*lockWait);
+  connection.interruptIf(
+      [](const void* database) {
+        return static_cast<const OpenDatabase*>(database)->isCancelled();
+      },
+      this);
 }
 
 bool OpenDatabase::reopenIfChanged(bool hasFailed) {
@@ -107,7 +117,9 @@ bool OpenDatabase::reopenIfChanged(bool hasFailed) {
 }
 
 StoreError OpenDatabase::presentError() const {
-  return {faultOf(connection), connection.errorText()};
+  const auto fault = faultOf(connection);
+  const bool hasStoppedWaiting = fault == StoreFault::locked && isCancelled();
+  return {hasStoppedWaiting ? StoreFault::cancelled : fault, connection.errorText()};
 }
 
 void OpenDatabase::note(StoreError error) {
@@ -119,7 +131,7 @@ StoreFault faultOf(const Connection& connection) {
       {SQLITE_ERROR, StoreFault::refused},     {SQLITE_NOTADB, StoreFault::notADatabase},
       {SQLITE_CORRUPT, StoreFault::damaged},   {SQLITE_CANTOPEN, StoreFault::cannotOpen},
       {SQLITE_READONLY, StoreFault::readOnly}, {SQLITE_BUSY, StoreFault::locked},
-      {SQLITE_FULL, StoreFault::diskFull},
+      {SQLITE_FULL, StoreFault::diskFull},     {SQLITE_INTERRUPT, StoreFault::cancelled},
   };
   const auto* found =
       std::ranges::find(kFaults, connection.errorCode(), [](const auto& row) { return row.first; });

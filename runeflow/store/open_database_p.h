@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 #include <memory>
@@ -76,6 +77,9 @@ class OpenDatabase {
   // read failed and the file has changed. Returns whether it did.
   bool reopenIfChanged(bool hasFailed);
 
+  // Returns whether the present read was asked to end.
+  bool isCancelled() const { return isReading && cancellation && cancellation->load(); }
+
   std::string path;
   std::shared_ptr<Connection::LockWait> lockWait = std::make_shared<Connection::LockWait>(5000);
   Connection connection;
@@ -86,11 +90,31 @@ class OpenDatabase {
   std::optional<StoreError> failure;  // the first since takeError()
   bool isUnwatched = false;           // read without locks, as a file that nobody changes
   bool isInSnapshot = false;
+  bool isReading = false;  // writes are not cancelled
+  std::shared_ptr<const std::atomic<bool>> cancellation;
   bool hasLoggedClampedTimestamp = false;
   bool hasLoggedDamage = false;
 
  private:
   bool openForReading();
+  void setUpConnection();
+};
+
+// While an object exists, the statements of one read see the records of one moment.
+class OneMoment {
+ public:
+  explicit OneMoment(OpenDatabase& database)
+      : connection_(database.connection),
+        isOpen_(!database.isInSnapshot && connection_.execute("BEGIN;")) {}
+  ~OneMoment() {
+    if (isOpen_ && !connection_.execute("COMMIT;")) connection_.execute("ROLLBACK;");
+  }
+  OneMoment(const OneMoment&) = delete;
+  OneMoment& operator=(const OneMoment&) = delete;
+
+ private:
+  Connection& connection_;
+  bool isOpen_;
 };
 
 StoreFault faultOf(const Connection& connection);
@@ -106,9 +130,13 @@ auto reading(OpenDatabase* database, Read read) -> decltype(read(*database)) {
   for (int attempt = 1;; ++attempt) {
     constexpr int kMostAttempts = 5;
     auto before = std::exchange(database->failure, std::nullopt);
-    auto result = read(*database);
-    const bool isFinal =
-        attempt == kMostAttempts || !database->reopenIfChanged(database->failure.has_value());
+    database->isReading = true;
+    const bool isCancelled = database->isCancelled();
+    if (isCancelled) database->note({StoreFault::cancelled, "interrupted"});
+    auto result = isCancelled ? decltype(read(*database)){} : read(*database);
+    database->isReading = false;
+    const bool isFinal = isCancelled || attempt == kMostAttempts ||
+                         !database->reopenIfChanged(database->failure.has_value());
     if (before || !isFinal) database->failure = std::move(before);
     if (isFinal) return result;
   }

@@ -95,16 +95,29 @@ void Connection::waitForLocks(const LockWait& wait) {
   // By the clock, because the pauses of a busy machine are longer than asked for.
   const auto waitOnceMore = [](void* context, int pauses) {
     constexpr int kPause = 5;  // milliseconds
-    auto& waiting = *static_cast<Waiting*>(context);
+    auto& patience = *static_cast<Patience*>(context);
     const auto now = std::chrono::steady_clock::now();
-    if (pauses == 0) waiting.since = now;
-    if (now - waiting.since >= std::chrono::milliseconds(waiting.longest->load())) return 0;
+    if (pauses == 0) patience.since = now;
+    if (now - patience.since >= std::chrono::milliseconds(patience.longest->load()) ||
+        patience.isInterrupted(patience.context)) {
+      return 0;
+    }
     sqlite3_sleep(kPause);
     return 1;
   };
-  if (!waiting_) waiting_ = std::make_unique<Waiting>();
-  waiting_->longest = &wait;
-  sqlite3_busy_handler(handle_.get(), waitOnceMore, waiting_.get());
+  patience_->longest = &wait;
+  sqlite3_busy_handler(handle_.get(), waitOnceMore, patience_.get());
+}
+
+void Connection::interruptIf(IsInterrupted isInterrupted, const void* context) {
+  constexpr int kOpcodesBetween = 100;  // ten records; the text of each may be long
+  patience_->isInterrupted = isInterrupted;
+  patience_->context = context;
+  const auto ask = [](void* opaque) {
+    const auto& patience = *static_cast<const Patience*>(opaque);
+    return patience.isInterrupted(patience.context) ? 1 : 0;
+  };
+  sqlite3_progress_handler(handle_.get(), kOpcodesBetween, ask, patience_.get());
 }
 
 bool Connection::execute(const char* sql) {

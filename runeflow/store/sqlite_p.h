@@ -83,6 +83,12 @@ class Connection {
   // Until this is called the connection does not wait. `wait` must outlive the connection.
   void waitForLocks(const LockWait& wait);
 
+  // Says whether the present call should end early. Any thread may change the answer.
+  using IsInterrupted = bool (*)(const void* context);
+  // Has running statements and waits for locks ask from time to time. `context` must outlive the
+  // connection.
+  void interruptIf(IsInterrupted isInterrupted, const void* context);
+
   explicit operator bool() const { return handle_ != nullptr; }
 
   bool execute(const char* sql);
@@ -105,11 +111,14 @@ class Connection {
   struct Close {
     void operator()(sqlite3* connection) const;
   };
-  struct Waiting {
-    const LockWait* longest;
-    std::chrono::steady_clock::time_point since;
+  // What SQLite's callbacks read. It does not move with the connection.
+  struct Patience {
+    const LockWait* longest = nullptr;
+    std::chrono::steady_clock::time_point since;  // when the present wait began
+    IsInterrupted isInterrupted = [](const void*) { return false; };
+    const void* context = nullptr;
   };
-  std::unique_ptr<Waiting> waiting_;  // SQLite holds a pointer to it
+  std::unique_ptr<Patience> patience_ = std::make_unique<Patience>();
   std::unique_ptr<sqlite3, Close> handle_;
 };
 

@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: MIT
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <limits>
+#include <unordered_map>
+#include <utility>
+
+#include "runeflow/store/event_store.h"
+#include "runeflow/store/open_database_p.h"
+#include "runeflow/store/query_statement_p.h"
+#include "runeflow/store/row_reader_p.h"
+
+namespace runeflow {
+namespace {
+
+// SQLite's substr() takes 32 bits. No text is longer.
+std::int64_t characterCount(std::int64_t count) {
+  return std::clamp<std::int64_t>(count, 0, std::numeric_limits<std::int32_t>::max() - 1);
+}
+
+// The number of characters comes before the other parameters, the length after the record.
+std::string previewsWhere(std::string_view condition) {
+  return fmt::format("SELECT {}, length(message) FROM events WHERE {} ORDER BY seq",
+                     fmt::format(kRecordColumns, "substr(message, 1, ?)"), condition);
+}
+
+std::vector<RecordPreview> readPreviews(OpenDatabase& db, Statement& statement) {
+  std::vector<RecordPreview> previews;
+  RowReader reader(statement);
+  db.forEachRow(statement, [&] {
+    previews.emplace_back(statement.integer(0), reader, statement.integer(kColumnsOfRecord));
+  });
+  return previews;
+}
+
+// Counts seqs by block. They mostly arrive in order, so the counter of the last one is kept.
+class BlockCounter {
+ public:
+  explicit BlockCounter(std::int64_t blockSize) : blockSize_(blockSize) {}
+
+  void add(std::int64_t seq) {
+    const auto block = (seq - 1) / blockSize_;
+    if (!counter_ || block != block_) {
+      block_ = block;
+      counter_ = &counts_[block];
+    }
+    ++*counter_;
+  }
+
+  std::vector<SeqBlock> take() {
+    std::vector<SeqBlock> blocks;
+    blocks.reserve(counts_.size());
+    for (const auto& [block, count] : counts_) blocks.push_back({block * blockSize_ + 1, count});
+    std::ranges::sort(blocks, {}, &SeqBlock::first);
+    return blocks;
+  }
+
+ private:
+  std::int64_t blockSize_;
+  std::int64_t block_ = 0;
+  std::int64_t* counter_ = nullptr;
+  std::unordered_map<std::int64_t, std::int64_t> counts_;  // by the number of the block
+};
+
+// Adds at most `limit` matches of the seqs from `first` to `last`, in the order of `direction`.
+void appendMatching(OpenDatabase& db, const LogQuery::Compiled& query, std::int64_t first,
+                    std::int64_t last, std::string_view direction, std::int64_t limit,
+                    std::vector<std::int64_t>& seqs) {
+  Statement statement = db.prepare(
+      fmt::format("SELECT seq FROM events WHERE seq BETWEEN ? AND ? AND {} ORDER BY seq {} LIMIT ?",
+                  query.clause, direction));
+  if (statement) {
+    statement.bind(1, first);
+    statement.bind(2, last);
+    statement.bind(bindAll(statement, 3, query.binds), limit);
+  }
+  db.forEachRow(statement, [&] { seqs.push_back(statement.integer(0)); });
+}
+
+}  // namespace
+
+std::vector<std::int64_t> EventStore::newestMatching(const LogQuery& query, std::int64_t below,
+                                                     std::int64_t limit) {
+  using Seq = std::numeric_limits<std::int64_t>;
+  if (limit < 1 || below == Seq::min()) return {};
+  const auto last = below == Seq::max() ? below : below - 1;
+  const auto compiled = rewrittenForCapabilities(query).compile();
+  return reading(database_.get(), [&](OpenDatabase& db) {
+    std::vector<std::int64_t> seqs;
+    if (isRefused(db, compiled)) return seqs;
+    appendMatching(db, compiled, Seq::min(), last, "DESC", limit, seqs);
+    std::ranges::reverse(seqs);
+    return seqs;
+  });
+}
+
+std::vector<std::int64_t> EventStore::oldestMatching(const LogQuery& query, std::int64_t after,
+                                                     std::int64_t limit) {
+  using Seq = std::numeric_limits<std::int64_t>;
+  if (limit < 1 || after == Seq::max()) return {};
+  const auto compiled = rewrittenForCapabilities(query).compile();
+  return reading(database_.get(), [&](OpenDatabase& db) {
+    std::vector<std::int64_t> seqs;
+    if (isRefused(db, compiled)) return seqs;
+    appendMatching(db, compiled, after + 1, Seq::max(), "ASC", limit, seqs);
+    return seqs;
+  });
+}
+
+std::vector<SeqBlock> EventStore::countMatchingPerBlock(const LogQuery& query, std::int64_t first,
+                                                        std::int64_t last, std::int64_t blockSize) {
+  if (blockSize < 1) return {};
+  const auto compiled = rewrittenForCapabilities(query).compile();
+  return reading(database_.get(), [&](OpenDatabase& db) {
+    BlockCounter counter(blockSize);
+    if (isRefused(db, compiled)) return counter.take();
+    Statement statement = db.prepare(
+        fmt::format("SELECT seq FROM events WHERE seq BETWEEN ? AND ? AND {}", compiled.clause));
+    if (statement) {
+      statement.bind(1, std::max<std::int64_t>(first, 1));
+      statement.bind(2, last);
+      bindAll(statement, 3, compiled.binds);
+    }
+    db.forEachRow(statement, [&] { counter.add(statement.integer(0)); });
+    return counter.take();
+  });
+}
+
+std::vector<RecordPreview> EventStore::fetchPreviews(std::span<const std::int64_t> seqs,
+                                                     std::int64_t characters) {
+  if (seqs.empty()) return {};
+  std::string placeholders = "?";
+  placeholders.reserve(seqs.size() * 2);
+  for (std::size_t i = 1; i < seqs.size(); ++i) placeholders += ",?";
+  return reading(database_.get(), [&](OpenDatabase& db) {
+    Statement statement = db.prepare(previewsWhere(fmt::format("seq IN ({})", placeholders)));
+    if (statement) {
+      int index = 1;
+      statement.bind(index++, characterCount(characters));
+      for (const auto seq : seqs) statement.bind(index++, seq);
+    }
+    return readPreviews(db, statement);
+  });
+}
+
+std::vector<RecordPreview> EventStore::fetchPreviewRange(std::int64_t first, std::int64_t last,
+                                                         std::int64_t characters) {
+  return reading(database_.get(), [&](OpenDatabase& db) {
+    Statement statement = db.prepare(previewsWhere("seq BETWEEN ? AND ?"));
+    if (statement) {
+      statement.bind(1, characterCount(characters));
+      statement.bind(2, first);
+      statement.bind(3, last);
+    }
+    return readPreviews(db, statement);
+  });
+}
+
+std::optional<std::string> EventStore::messagePiece(std::int64_t seq, std::int64_t from,
+                                                    std::int64_t characters) {
+  return reading(database_.get(), [&](OpenDatabase& db) {
+    std::optional<std::string> piece;
+    Statement statement = db.prepare("SELECT substr(message, ?, ?) FROM events WHERE seq = ?");
+    if (statement) {
+      statement.bind(1, characterCount(from) + 1);  // substr() counts from 1
+      statement.bind(2, characterCount(characters));
+      statement.bind(3, seq);
+    }
+    db.forEachRow(statement, [&] { piece = statement.optionalText(0).value_or(""); });
+    return piece;
+  });
+}
+
+}  // namespace runeflow
