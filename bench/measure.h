@@ -1,21 +1,30 @@
 // SPDX-License-Identifier: MIT
-
-// Times the library and the bare program (the least code that does the same work) in turn.
+// Measures the processor time of the library and of the bare program (the least code that does the
+// same work) in turn. Processor time does not count the moments in which other programs had the
+// processor.
 #pragma once
+
+#include <time.h>
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstddef>
 #include <vector>
 
 namespace bench {
 
+// Returns the processor time that all threads of this process have used.
+inline double processorSeconds() {
+  timespec time{};
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
 template <class Work>
 double secondsOf(Work& work) {
-  const auto start = std::chrono::steady_clock::now();
+  const double start = processorSeconds();
   work();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  return processorSeconds() - start;
 }
 
 // Returns the larger of the two middle values if the number of values is even.
@@ -25,7 +34,7 @@ inline double median(std::vector<double> values) {
   return *middle;
 }
 
-// Returns the median running time of each piece of work in seconds. The pieces run in turn, round
+// Returns the median processor time of each piece of work in seconds. The pieces run in turn, round
 // after round: if the machine slows down for a while, it slows all of them.
 template <class... Work>
 std::array<double, sizeof...(Work)> medianSeconds(int rounds, Work... work) {

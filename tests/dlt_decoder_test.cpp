@@ -182,6 +182,31 @@ TEST(DLTDecoder, floatsBecomeTheShortestTextThatReadsBack) {
       "1.0 -0.0 -3.5 0.30000000000000004 0.0001 123456789012345.0 1e-05 1e+16 5e-324 inf -inf nan");
 }
 
+// Debug builds check that the decoder's buffer is large enough.
+TEST(DLTDecoder, largestMessagesGrowTheMost) {
+  constexpr std::size_t kRoom = 65'535 - 4 - 10;
+  const auto repeated = [](const Buffer& argument) {
+    Buffer payload;
+    while (payload.size() + argument.size() <= kRoom) {
+      payload.insert(payload.end(), argument.begin(), argument.end());
+    }
+    return payload;
+  };
+  const std::string invalid(kRoom - 6, '\xff');
+  const auto message = verbose(0, stringArgument(invalid));
+  EXPECT_EQ(message.size(), 3 * invalid.size());
+  for (const auto& argument :
+       {stringArgument("\xff"), number(kBool) + Buffer{1}, number(kSint | 1) + Buffer{0x80},
+        number(kUint | 4) + number(~std::uint64_t{0}), number(kRawd) + Buffer{1, 0, 0xff},
+        number(kFloa | 4) + number(std::bit_cast<std::uint64_t>(-1.2345678901234567e-308)),
+        number(kFloa | 3) + number(std::bit_cast<std::uint32_t>(-0.000123456789F))}) {
+    const auto payload = repeated(argument);
+    const auto one = verbose(1, argument);
+    EXPECT_EQ(verbose(0, payload).size(),
+              (one.size() + 1) * (payload.size() / argument.size()) - 1);
+  }
+}
+
 TEST(DLTDecoder, argumentCountLimitsTheText) {
   const Buffer three = stringArgument("a") + stringArgument("") + stringArgument("c");
   EXPECT_EQ(verbose(0, three), "a  c");

@@ -124,6 +124,44 @@ TEST_F(LogcatDecoding, bannersEmptyLinesAndTheUnfinishedLineGiveNoRow) {
   EXPECT_THAT(decode("a\r\nb\n"), ElementsAre(raw("a"), raw("b")));
 }
 
+// A character that is not ASCII sends a line down the careful road. Both roads must agree.
+TEST_F(LogcatDecoding, linesInTheUsualLayoutReadAsOthersDo) {
+  const std::string nuls(14, '\0');
+  const std::string lines[] = {
+      nuls + ".000  1  2 I t: m",  // equals no second that the reader remembers
+      "01-02 03:04:05.678  1000  2000 I Tag: m",
+      "01-02 03:04:05.6x8  1000  2000 I Tag: m",  // the same second, and no milliseconds
+      "01-02 03:04:05:678  1000  2000 I Tag: m",
+      "01-02 03:04:05.678\t 1000  2000 I Tag: m",
+      "01-02 03:04:05.678 2000 I Tag: m",
+      "01-02 03:04:05.678  1000  2000 II Tag: m",
+      "01-02 03:04:05.678  1000  2000 X Tag: m",
+      "01-02 03:04:05.678  1000  2000  W   \t Tag \t: m: n ",
+      "01-02 03:04:05.678  1000  2000 E : m",
+      "01-02 03:04:05.678  1000  2000 E Tag:m",
+      "01-02 03:04:05.678  1000  +200 F Tag: m",
+      "13-02 03:04:05.678  1000  2000 I Tag: m",
+      "02-30 23:59:61.999  1000  2000 V Tag: m",
+      "02-30 23:59:61.000  1000  2000 V Tag: m",
+      "01-02 03:04:05.678  1000  2000 I",
+      "01-02 03:04:05.678 ",
+  };
+  auto usual = decoder();
+  for (const auto& line : lines) {
+    SCOPED_TRACE(line);
+    const auto rows = usual.consume(bytes(line + "\n"));
+    const auto careful = decode(line + "\u00e9\n");
+    ASSERT_EQ(rows.size(), 1U);
+    ASSERT_EQ(careful.size(), 1U);
+    if (line.ends_with('m') || line.ends_with("n ")) {
+      EXPECT_EQ(std::string(rows[0].message()) + "\u00e9", careful[0].message());
+      EXPECT_EQ(rows[0].slots(), careful[0].slots());
+      EXPECT_EQ(rows[0].level(), careful[0].level());
+      EXPECT_EQ(rows[0].timestamp(), careful[0].timestamp());
+    }
+  }
+}
+
 TEST_F(LogcatDecoding, pieceBoundariesDoNotChangeTheRows) {
   const std::string text =
       "--------- beginning of main\r\n06-30 10:00:00.123  1  2 I täg: grüße \xF0\x9F\x98\x80\r\n\n"

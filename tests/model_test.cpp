@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 
@@ -84,6 +85,16 @@ TEST(LogRow, textsStayInTheirSlots) {
   for (const std::int64_t absent : {-1L, 0L, 2L, 8L, 100L}) {
     EXPECT_EQ(rows[3].slot(absent), std::nullopt) << absent;
   }
+}
+
+TEST(LogRow, constructorsForDecodersMakeTheSameRows) {
+  const auto time = at(1.5);
+  const LogRow::Slots slots{"a", "", std::nullopt, "dd"};
+  EXPECT_EQ(LogRow(time, RuneflowLogLevel::Error,
+                   LogRow::Texts{"addmessage", 0b1011, {1, 1, 1, 3, 3, 3, 3, 3}}),
+            LogRow(time, RuneflowLogLevel::Error, "message", std::nullopt, slots));
+  EXPECT_EQ(LogRow(time, RuneflowLogLevel::Info, "message", std::array<std::string_view, 2>{"a"}),
+            LogRow(time, RuneflowLogLevel::Info, "message", std::nullopt, LogRow::Slots{"a", ""}));
 }
 
 TEST(LogRow, rowsOfAnyLengthAreCopiedAndMoved) {

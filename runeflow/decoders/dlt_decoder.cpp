@@ -1,18 +1,17 @@
 // SPDX-License-Identifier: MIT
 #include "runeflow/decoders/dlt_decoder.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <charconv>
 #include <cstddef>
 #include <optional>
-#include <string>
 #include <string_view>
 #include <utility>
 
 #include "runeflow/decoders/dlt_payload_p.h"
+#include "runeflow/decoders/text_buffer_p.h"
 #include "runeflow/platform/unicode_p.h"
 
 namespace runeflow {
@@ -58,15 +57,6 @@ Frame cutFrame(Bytes stream) {
 
   const std::size_t length = load<std::uint16_t>(stream.subspan(start + 2), std::endian::big);
   return {start + (length < kStandardHeaderSize ? 1 : length), start};
-}
-
-std::size_t countMessages(Bytes stream) {
-  std::size_t count = 0;
-  for (Frame frame = cutFrame(stream); frame.size <= stream.size(); frame = cutFrame(stream)) {
-    if (frame.holdsMessage()) ++count;
-    stream = stream.subspan(frame.size);
-  }
-  return count;
 }
 
 struct ExtendedHeader {
@@ -127,71 +117,94 @@ bool isAscii(std::uint32_t fourBytes) {
   return (fourBytes & 0x8080'8080U) == 0;
 }
 
-// The slots of one message. They are views into the bytes of the message and into `texts_`, valid
-// until the next read(). A text in `texts_` has at most 12 bytes. All texts of a message fit into
-// the buffer's inline storage, and therefore `texts_` never moves.
-class SlotTexts {
+// Lays out the texts of one message: the slots and then the message text.
+class MessageTexts {
  public:
-  SlotTexts() = default;
-  SlotTexts(const SlotTexts&) = delete;
-  SlotTexts& operator=(const SlotTexts&) = delete;
-
-  const LogRow::Slots& read(const Message& message, Bytes storageHeader) {
-    texts_.clear();
-    slots_[0] = message.ecuId ? identifier(*message.ecuId) : std::nullopt;
-    if (!slots_[0] && !storageHeader.empty()) slots_[0] = identifier(storageHeader.subspan(12, 4));
+  // The result is valid until the next call.
+  const LogRow::Texts& read(const Message& message, Bytes storageHeader) {
+    buffer_.start(kMostSlotBytes + dlt::mostTextFor(message.payload.size()));
+    texts_.presentSlots = 0;
+    const auto endSlot = [&](std::size_t slot, bool isPresent) {
+      if (isPresent) texts_.presentSlots |= static_cast<std::uint8_t>(1U << slot);
+      texts_.slotEnds[slot] = buffer_.size();
+    };
     const auto& extended = message.extended;
-    slots_[1] = extended ? identifier(extended->applicationId) : std::nullopt;
-    slots_[2] = extended ? identifier(extended->contextId) : std::nullopt;
-    slots_[3] = extended ? typeName(extended->messageInfo) : std::nullopt;
-    slots_[4] = number(message.counter);
-    slots_[5] = message.sessionId ? LogRow::Slot(number(*message.sessionId)) : std::nullopt;
-    slots_[6] = message.timestamp ? LogRow::Slot(seconds(*message.timestamp)) : std::nullopt;
-    return slots_;
+    endSlot(0, (message.ecuId && appendIdentifier(*message.ecuId)) ||
+                   (!storageHeader.empty() && appendIdentifier(storageHeader.subspan(12, 4))));
+    endSlot(1, extended && appendIdentifier(extended->applicationId));
+    endSlot(2, extended && appendIdentifier(extended->contextId));
+    endSlot(3, extended && appendTypeName(extended->messageInfo));
+    endSlot(4, appendNumber(message.counter));
+    endSlot(5, message.sessionId && appendNumber(*message.sessionId));
+    endSlot(6, message.timestamp && appendSeconds(*message.timestamp));
+    endSlot(7, false);
+    appendMessage(message);
+    texts_.all = buffer_.view();
+    return texts_;
   }
 
  private:
-  // Absent if the field holds only padding.
-  LogRow::Slot identifier(Bytes field) {
+  // Three identifiers of 4 bytes that become U+FFFD each, a type name, two numbers and a time.
+  static constexpr std::size_t kMostSlotBytes = 3 * 12 + 8 + 2 * 10 + 11;
+
+  // The functions below append a text and return whether there is one.
+
+  // An identifier of 4 bytes is padded with NULs or spaces.
+  bool appendIdentifier(Bytes field) {
+    const auto isPadding = [](std::uint8_t byte) { return byte == '\0' || byte == ' '; };
+    const bool ascii = isAscii(load<std::uint32_t>(field, std::endian::native));
+    if (ascii && !isPadding(field[3])) {  // most are: a copy of known size needs no call
+      buffer_.append(dlt::asText(field.first<4>()));
+      return true;
+    }
     std::size_t size = field.size();
-    while (size > 0 && (field[size - 1] == '\0' || field[size - 1] == ' ')) --size;
-    if (size == 0) return std::nullopt;
-    const std::string_view id = dlt::asText(field.first(size));
-    if (isAscii(load<std::uint32_t>(field, std::endian::native))) return id;
-    return keep(unicode::decodeLossily(id));
+    while (size > 0 && isPadding(field[size - 1])) --size;
+    const auto id = dlt::asText(field.first(size));
+    buffer_.append(unicode::decodeLossily(id));
+    return size > 0;
   }
 
-  static LogRow::Slot typeName(std::uint8_t messageInfo) {
+  bool appendTypeName(std::uint8_t messageInfo) {
     constexpr std::array<std::string_view, 4> names{"Log", "AppTrace", "NwTrace", "Control"};
     const std::size_t type = messageInfo >> 1 & 0x7;
-    return type < names.size() ? LogRow::Slot(names[type]) : std::nullopt;
+    if (type >= names.size()) return false;
+    buffer_.append(names[type]);
+    return true;
   }
 
-  std::string_view number(std::uint32_t number) {
-    const fmt::format_int digits(number);
-    return keep({digits.data(), digits.size()});
+  bool appendNumber(std::uint32_t number) {
+    buffer_.appendWith(
+        [&](char* first, char* last) { return std::to_chars(first, last, number).ptr; });
+    return true;
   }
 
   // Formats a number of 0.1 ms units as seconds with four decimals. Integer arithmetic keeps the
   // decimals exact.
-  std::string_view seconds(std::uint32_t timestamp) {
+  bool appendSeconds(std::uint32_t timestamp) {
     constexpr std::uint32_t perSecond = 10'000;
-    const fmt::format_int seconds(timestamp / perSecond);
-    const fmt::format_int fraction(perSecond + timestamp % perSecond);  // "1" and the decimals
-    const std::size_t size = seconds.size() + fraction.size();
-    keep({seconds.data(), seconds.size()});
-    keep(".");
-    keep({fraction.data() + 1, fraction.size() - 1});
-    return {texts_.end() - size, size};
+    appendNumber(timestamp / perSecond);
+    buffer_.appendWith([&](char* first, char* last) {
+      // A "1" before the decimals keeps their leading zeros; the point takes its place.
+      const auto end = std::to_chars(first, last, perSecond + timestamp % perSecond).ptr;
+      *first = '.';
+      return end;
+    });
+    return true;
   }
 
-  std::string_view keep(std::string_view text) {
-    texts_.append(text);
-    return {texts_.end() - text.size(), text.size()};
+  void appendMessage(const Message& message) {
+    if (!message.extended) {
+      dlt::appendHexPreview(buffer_, message.payload);
+    } else if (message.extended->messageInfo & kVerbose) {
+      dlt::appendVerbose(buffer_, message.payload, message.extended->argumentCount,
+                         message.payloadOrder);
+    } else {
+      dlt::appendNonVerbose(buffer_, message.payload, message.payloadOrder);
+    }
   }
 
-  LogRow::Slots slots_;
-  dlt::TextBuffer texts_;
+  TextBuffer buffer_;
+  LogRow::Texts texts_;
 };
 
 RuneflowLogLevel levelOf(std::uint8_t messageInfo) {
@@ -202,48 +215,47 @@ RuneflowLogLevel levelOf(std::uint8_t messageInfo) {
   return isLog && typeInfo < levels.size() ? levels[typeInfo] : Info;
 }
 
-dlt::TextBuffer messageText(const Message& message) {
-  dlt::TextBuffer text;
-  if (!message.extended) {
-    dlt::appendHexPreview(text, message.payload);
-  } else if (message.extended->messageInfo & kVerbose) {
-    dlt::appendVerbose(text, message.payload, message.extended->argumentCount,
-                       message.payloadOrder);
-  } else {
-    dlt::appendNonVerbose(text, message.payload, message.payloadOrder);
-  }
-  return text;
-}
-
 Timestamp storageTime(Bytes storageHeader) {
   const auto seconds = load<std::uint32_t>(storageHeader.subspan(4), std::endian::little);
   const auto microseconds = load<std::uint32_t>(storageHeader.subspan(8), std::endian::little);
   return Timestamp(std::chrono::duration<double>(seconds + microseconds / 1e6));
 }
 
-void appendRow(std::vector<LogRow>& rows, Bytes storageHeader, Bytes bytes, const Clock& now,
-               SlotTexts& slots) {
-  const auto message = readMessage(bytes);
-  if (!message) return;
-  const auto text = messageText(*message);
-  rows.emplace_back(
-      storageHeader.empty() ? now() : storageTime(storageHeader),
-      message->extended ? levelOf(message->extended->messageInfo) : RuneflowLogLevel::Info,
-      std::string_view(text.data(), text.size()), std::nullopt,
-      slots.read(*message, storageHeader));
-}
+// Appends the records of messages to a list.
+class RowWriter {
+ public:
+  RowWriter(std::vector<LogRow>& rows, const Clock& now) : rows_(rows), now_(now) {}
 
-// Decodes the complete messages at the front of `stream` and removes them from it.
-void decode(Bytes& stream, const Clock& now, std::vector<LogRow>& rows) {
-  constexpr std::size_t kMostRowsReserved = 4096;  // a counted message may still give no record
-  rows.reserve(std::min(kMostRowsReserved, countMessages(stream)));
-  SlotTexts slots;
-  for (Frame frame = cutFrame(stream); frame.size <= stream.size(); frame = cutFrame(stream)) {
-    if (frame.holdsMessage()) {
-      const Bytes bytes = stream.first(frame.size);
-      appendRow(rows, bytes.first(frame.storageSize), bytes.subspan(frame.storageSize), now, slots);
-    }
+  // Decodes the frame at the front of `stream`, which must hold all of it, and removes it.
+  void takeFrame(Bytes& stream, const Frame& frame) {
+    const Bytes bytes = stream.first(frame.size);
     stream = stream.subspan(frame.size);
+    if (!frame.holdsMessage()) return;
+    const Bytes storageHeader = bytes.first(frame.storageSize);
+    const auto message = readMessage(bytes.subspan(frame.storageSize));
+    if (!message) return;
+    rows_.emplace_back(
+        storageHeader.empty() ? now_() : storageTime(storageHeader),
+        message->extended ? levelOf(message->extended->messageInfo) : RuneflowLogLevel::Info,
+        texts_.read(*message, storageHeader));
+  }
+
+ private:
+  std::vector<LogRow>& rows_;
+  const Clock& now_;
+  MessageTexts texts_;
+};
+
+// Moves bytes from the front of `bytes` to the end of `carry` until it holds a complete frame,
+// which it returns. Absent if there are too few bytes.
+std::optional<Frame> completeFrame(std::vector<std::uint8_t>& carry, Bytes& bytes) {
+  for (;;) {
+    const Frame frame = cutFrame(carry);  // its size grows when the header is complete
+    if (frame.size <= carry.size()) return frame;
+    if (bytes.empty()) return std::nullopt;
+    const Bytes taken = bytes.first(std::min(frame.size - carry.size(), bytes.size()));
+    carry.insert(carry.end(), taken.begin(), taken.end());
+    bytes = bytes.subspan(taken.size());
   }
 }
 
@@ -256,16 +268,23 @@ bool DLTDecoder::looksLikeRecording(std::span<const std::uint8_t> bytes) {
 DLTDecoder::DLTDecoder(Clock now) : now_(std::move(now)) {}
 
 std::vector<LogRow> DLTDecoder::consume(std::span<const std::uint8_t> bytes) {
+  constexpr std::size_t kMostRowsReserved = 4096;
   std::vector<LogRow> rows;
-  if (carry_.empty()) {
-    decode(bytes, now_, rows);
-    carry_.assign(bytes.begin(), bytes.end());
-    return rows;
+  rows.reserve(expectedRows_);
+  RowWriter writer(rows, now_);
+  // A frame that skips a byte leaves bytes behind it in the carry.
+  while (!carry_.empty()) {
+    const auto frame = completeFrame(carry_, bytes);
+    if (!frame) return rows;
+    Bytes rest = carry_;
+    writer.takeFrame(rest, *frame);
+    carry_.erase(carry_.begin(), carry_.end() - static_cast<std::ptrdiff_t>(rest.size()));
   }
-  carry_.insert(carry_.end(), bytes.begin(), bytes.end());
-  Bytes rest = carry_;
-  decode(rest, now_, rows);
-  carry_.erase(carry_.begin(), carry_.end() - static_cast<std::ptrdiff_t>(rest.size()));
+  for (Frame frame = cutFrame(bytes); frame.size <= bytes.size(); frame = cutFrame(bytes)) {
+    writer.takeFrame(bytes, frame);
+  }
+  carry_.assign(bytes.begin(), bytes.end());
+  expectedRows_ = std::min(kMostRowsReserved, rows.size() + rows.size() / 8);
   return rows;
 }
 

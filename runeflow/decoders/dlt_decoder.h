@@ -46,7 +46,8 @@ class RUNEFLOW_EXPORT DLTDecoder final : public RowDecoder {
   static bool looksLikeRecording(std::span<const std::uint8_t> bytes);
 
  private:
-  std::vector<std::uint8_t> carry_;
+  std::vector<std::uint8_t> carry_;  // an unfinished message
+  std::size_t expectedRows_ = 0;     // estimate for the next piece, from the rows of the last one
   Clock now_;
 };
 

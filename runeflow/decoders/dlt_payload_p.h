@@ -4,8 +4,6 @@
 // given, except load(), whose caller checks the size.
 #pragma once
 
-#include <fmt/format.h>
-
 #include <bit>
 #include <concepts>
 #include <cstdint>
@@ -13,12 +11,11 @@
 #include <span>
 #include <string_view>
 
+#include "runeflow/decoders/text_buffer_p.h"
+
 namespace runeflow::dlt {
 
 using Bytes = std::span<const std::uint8_t>;
-
-// Collects the text of a message, so that the record allocates it once and at its exact size.
-using TextBuffer = fmt::memory_buffer;
 
 // Returns the number at the start of `bytes`, which must hold at least sizeof(T) bytes.
 template <std::unsigned_integral T>
@@ -30,6 +27,15 @@ T load(Bytes bytes, std::endian order) {
 
 inline std::string_view asText(Bytes bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+// Returns the most bytes that one of the functions below appends for a payload of `size` bytes. A
+// string grows the most: each invalid byte becomes the three bytes of U+FFFD. A number or truth
+// value of at most 25 characters, including its separator, has at least 4 bytes of type info and 1
+// byte of data for each 8 characters. A hex preview takes three bytes for one, too.
+constexpr std::size_t mostTextFor(std::size_t size) {
+  constexpr std::size_t kNonVerbose = 64;  // "[non-verbose id=0x… … bytes]"; also an ellipsis
+  return kNonVerbose + 3 * size;
 }
 
 // Appends the texts of the arguments, joined by single spaces. An `argumentCount` of 0 means all

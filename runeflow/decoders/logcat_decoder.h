@@ -32,7 +32,7 @@
 
 namespace runeflow {
 
-class LocalTimeZone;
+class LogcatLineReader;
 
 /// Decodes one logcat stream.
 class RUNEFLOW_EXPORT LogcatDecoder final : public RowDecoder {
@@ -55,13 +55,12 @@ class RUNEFLOW_EXPORT LogcatDecoder final : public RowDecoder {
 
  private:
   void appendLine(std::string_view line, std::vector<LogRow>& rows);
-  void appendRow(std::string_view text, std::vector<LogRow>& rows);
+  void appendText(std::string_view line, std::vector<LogRow>& rows);
 
   std::string carry_;             // the bytes after the last line feed
   std::size_t expectedRows_ = 0;  // estimate for the next piece, from the rows of the last one
   Clock now_;
-  std::int64_t year_;
-  std::unique_ptr<LocalTimeZone> zone_;
+  std::unique_ptr<LogcatLineReader> lines_;
 };
 
 }  // namespace runeflow

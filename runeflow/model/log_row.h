@@ -13,11 +13,13 @@
 #pragma once
 
 #include <array>
+#include <cassert>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -60,6 +62,17 @@ class RUNEFLOW_EXPORT LogRow {
   /// All slots; element `i` is slot `i`.
   using Slots = std::array<Slot, slotCount>;
 
+  /// Texts laid out as a record keeps them, for decoders that make millions of records: the present
+  /// slots in ascending order and then the message, without gaps between them.
+  struct Texts {
+    std::string_view all;  ///< The texts. A record copies them.
+    /// Bit `i` is set if slot `i` is present.
+    std::uint8_t presentSlots = 0;
+    /// Element `i` is the position in `all` at which slot `i` ends. An absent slot ends where the
+    /// one before it ends, and the message begins where slot 7 ends.
+    std::array<std::size_t, slotCount> slotEnds{};
+  };
+
   /// Creates a record that holds copies of the texts.
   LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string_view message,
          std::optional<Context> ctx, Slot s0, Slot s1, Slot s2, Slot s3, Slot s4, Slot s5, Slot s6,
@@ -68,6 +81,37 @@ class RUNEFLOW_EXPORT LogRow {
   /// Creates the same record from an array of slots.
   LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string_view message,
          std::optional<Context> ctx, const Slots& slots);
+
+  /// Creates a record without context whose first slots are present and whose other slots are
+  /// absent.
+  template <std::size_t N>
+    requires(N <= slotCount)
+  LogRow(Timestamp timestamp, RuneflowLogLevel level, std::string_view message,
+         const std::array<std::string_view, N>& firstSlots)
+      : timestamp_(timestamp),
+        level_(level),
+        presentSlots_(static_cast<std::uint8_t>((1U << N) - 1)),
+        texts_(std::accumulate(firstSlots.begin(), firstSlots.end(), message.size(),
+                               [](std::size_t sum, auto text) { return sum + text.size(); })) {
+    char* out = texts_.data();
+    std::size_t end = 0;
+    for (std::size_t i = 0; i < slotCount; ++i) {
+      if (i < N) end += firstSlots[i].copy(out + end, firstSlots[i].size());
+      slotEnds_[i] = end;
+    }
+    message.copy(out + end, message.size());
+  }
+
+  /// Creates a record without context by one copy of texts that are laid out already.
+  LogRow(Timestamp timestamp, RuneflowLogLevel level, const Texts& texts)
+      : timestamp_(timestamp),
+        level_(level),
+        presentSlots_(texts.presentSlots),
+        slotEnds_(texts.slotEnds),
+        texts_(texts.all.size()) {
+    assert(slotEnds_.back() <= texts.all.size());
+    texts.all.copy(texts_.data(), texts.all.size());
+  }
 
   /// Returns the time of the record, or the time of decoding if the source gave none.
   Timestamp timestamp() const { return timestamp_; }

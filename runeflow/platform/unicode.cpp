@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 
 #include "runeflow/platform/unicode_p.h"
@@ -78,9 +79,21 @@ bool joinsWhatFollows(std::string_view before) {
 }  // namespace
 
 bool isAscii(std::string_view bytes) {
-  unsigned char seen = 0;
-  for (const char byte : bytes) seen |= static_cast<unsigned char>(byte);
-  return seen < 0x80;
+  constexpr std::uint64_t kHighBits = 0x8080'8080'8080'8080;
+  std::uint64_t seen = 0;
+  const auto look = [&](std::size_t at) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, bytes.data() + at, sizeof word);
+    seen |= word;
+  };
+  std::size_t at = 0;
+  for (; at + sizeof seen <= bytes.size(); at += sizeof seen) look(at);
+  if (bytes.size() >= sizeof seen) {
+    look(bytes.size() - sizeof seen);  // the last bytes, some of them for the second time
+  } else {
+    for (; at < bytes.size(); ++at) seen |= static_cast<unsigned char>(bytes[at]);
+  }
+  return (seen & kHighBits) == 0;
 }
 
 bool isValidUtf8(std::string_view bytes) {
