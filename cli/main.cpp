@@ -8,6 +8,7 @@
 #include "command_line.h"
 #include "host/failure.h"
 #include "output.h"
+#include "runeflow/store/sqlite_process.h"
 
 namespace {
 
@@ -22,6 +23,7 @@ int complain(const char* sentence) {
 
 int main(int argc, char** argv) {
   cli::reserveStandardDescriptors();
+  runeflow::turnOffSQLiteMemoryStatistics();  // nothing here asks for them
   try {
     cli::sayLibraryLog();
     const int exitCode = cli::runCommandLine(argc, argv);

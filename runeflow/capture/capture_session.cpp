@@ -110,6 +110,7 @@ class CaptureSession::Reader {
     store_ = EventStore::open(dbPath_, false, descriptor_);
     if (!store_) return fail("reader could not open store at {}", dbPath_);
     store_->setLockWait(shared_->lockWait);
+    store_->prepareForCapture();
     readToEnd();
   }
 

@@ -157,6 +157,12 @@ class RUNEFLOW_EXPORT EventStore {
   EventStore& operator=(EventStore&&) noexcept;
   ~EventStore();
 
+  /// Prepares the connection for storing a long stream: 16 MiB of page cache, and a checkpoint of
+  /// the write-ahead log every 4,000 pages instead of every 1,000. The indexes of a large store do
+  /// not fit SQLite's usual 2 MB, and each page that leaves the cache is written once more.
+  /// CaptureSession calls this for its own connection; reads gain nothing from it.
+  void prepareForCapture();
+
   /// Closes the connection, as destruction does. May be called again.
   void close();
 

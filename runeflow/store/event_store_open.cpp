@@ -30,6 +30,11 @@ void applySettings(Connection& connection) {
   }
 }
 
+// The page cache takes KiB as a negative number. 4,000 pages are 16 MB of write-ahead log, half of
+// what a capture lets stand before it empties the log.
+constexpr const char* kCaptureSettings =
+    "PRAGMA cache_size=-16384; PRAGMA wal_autocheckpoint=4000;";
+
 std::string indexName(const StoreColumn& column) {
   return "i_" + column.sql();
 }
@@ -112,6 +117,10 @@ bool StoreInfo::hasIndexesOf(const SourceDescriptor& descriptor) const {
 
 EventStore EventStore::inert(SourceDescriptor descriptor) {
   return EventStore(std::move(descriptor));
+}
+
+void EventStore::prepareForCapture() {
+  if (database_) database_->connection.execute(kCaptureSettings);
 }
 
 void EventStore::close() {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "runeflow/query/log_query.h"
+#include "runeflow/store/sqlite_process.h"
 #include "runeflow/store/sqlite_p.h"
 
 namespace runeflow {
@@ -21,6 +22,10 @@ std::optional<std::string_view> textOf(sqlite3_stmt* statement, int column) {
 }
 
 }  // namespace
+
+bool turnOffSQLiteMemoryStatistics() {
+  return sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0) == SQLITE_OK;
+}
 
 void Statement::Finalize::operator()(sqlite3_stmt* statement) const {
   sqlite3_finalize(statement);
