@@ -13,6 +13,8 @@
 
 namespace bench {
 
+constexpr std::size_t kPiece = 65'536;  // bytes that a capture reads at once
+
 // Returns the processor time that all threads of this process have used.
 inline double processorSeconds() {
   timespec time{};

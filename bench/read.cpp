@@ -4,7 +4,6 @@
 // through SQLite's C interface. The two use separate connections to one database.
 #include <fmt/format.h>
 
-#include <cstring>
 #include <functional>
 
 #include "bench/bare.h"
@@ -19,36 +18,6 @@ namespace {
 constexpr int kRounds = 200;
 constexpr const char* kColumns = "seq,ts,level,s0,s1,s2,s3,s4,s5,s6,s7,message,ctx";
 
-volatile std::int64_t sink = 0;  // keeps the compiler from removing the reads
-
-// Prepares `sql`, binds `binds`, steps through all rows, reads every column, and finalizes.
-void readBare(bench::BareDatabase& db, const std::string& sql, const std::vector<Bind>& binds) {
-  sqlite3_stmt* statement = db.prepare(sql);
-  int index = 1;
-  for (const auto& bind : binds) {
-    if (const auto* text = std::get_if<std::string>(&bind.value())) {
-      sqlite3_bind_text(statement, index++, text->data(), static_cast<int>(text->size()),
-                        SQLITE_STATIC);
-    } else {
-      sqlite3_bind_int64(statement, index++, std::get<std::int64_t>(bind.value()));
-    }
-  }
-  const int columns = sqlite3_column_count(statement);
-  std::int64_t sum = 0;
-  while (sqlite3_step(statement) == SQLITE_ROW) {
-    for (int column = 0; column < columns; ++column) {
-      if (columns > 1 && column >= 3) {
-        const auto* text = sqlite3_column_text(statement, column);
-        sum += text ? *text + sqlite3_column_bytes(statement, column) : 0;
-      } else {
-        sum += sqlite3_column_int64(statement, column);
-      }
-    }
-  }
-  sink = sink + sum;
-  sqlite3_finalize(statement);
-}
-
 class Comparison {
  public:
   explicit Comparison(const std::string& path)
@@ -60,13 +29,17 @@ class Comparison {
       const auto query = QueryParser::parse(text, SourceDescriptor::logcat(), false);
       const auto [clause, binds] = query.compile();
       report(
-          fmt::format("countMatching {}", text), [&] { sink = sink + store_.countMatching(query); },
+          fmt::format("countMatching {}", text),
+          [&] { bench::sink = bench::sink + store_.countMatching(query); },
           "SELECT count(*) FROM events WHERE " + clause, binds);
       auto withAfter = binds;
       withAfter.insert(withAfter.begin(), Bind::int_(0));
       report(
           fmt::format("matchingSeqs {}", text),
-          [&] { sink = sink + static_cast<std::int64_t>(store_.matchingSeqs(query, 0).size()); },
+          [&] {
+            bench::sink =
+                bench::sink + static_cast<std::int64_t>(store_.matchingSeqs(query, 0).size());
+          },
           fmt::format("SELECT seq FROM events WHERE seq > ? AND {} ORDER BY seq", clause),
           withAfter);
     }
@@ -77,8 +50,8 @@ class Comparison {
     for (const std::int64_t count : {1, 200, 1000}) {
       report(fmt::format("fetchRange of {}", count),
              [&] {
-               sink = sink +
-                      static_cast<std::int64_t>(store_.fetchRange(last - count + 1, last).size());
+               bench::sink = bench::sink + static_cast<std::int64_t>(
+                                               store_.fetchRange(last - count + 1, last).size());
              },
              fmt::format("SELECT {} FROM events WHERE seq BETWEEN ? AND ? ORDER BY seq", kColumns),
              {Bind::int_(last - count + 1), Bind::int_(last)});
@@ -92,7 +65,8 @@ class Comparison {
       placeholders += i ? ",?" : "?";
     }
     report(
-        "fetch of 200", [&] { sink = sink + static_cast<std::int64_t>(store_.fetch(seqs).size()); },
+        "fetch of 200",
+        [&] { bench::sink = bench::sink + static_cast<std::int64_t>(store_.fetch(seqs).size()); },
         fmt::format("SELECT {} FROM events WHERE seq IN ({}) ORDER BY seq", kColumns, placeholders),
         binds);
   }
@@ -101,7 +75,7 @@ class Comparison {
   void report(const std::string& name, const std::function<void()>& ours, const std::string& sql,
               const std::vector<Bind>& binds) {
     const auto [read, bare] =
-        bench::medianSeconds(kRounds, ours, [&] { readBare(bare_, sql, binds); });
+        bench::medianSeconds(kRounds, ours, [&] { bench::readBare(bare_, sql, binds); });
     fmt::print("{:<60} {:>10.3f} ms  ratio {:.3f}\n", name, read * 1e3, read / bare);
   }
 
