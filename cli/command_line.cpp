@@ -29,7 +29,9 @@ struct Subcommand {
       : command(app.add_subcommand(name, description)), options(std::make_shared<Options>()) {}
 
   void addDatabase() {
-    command->add_option("DB", options->database, "The database")->required()->type_name("");
+    command->add_option("DB", options->database, "The database, or the address of a fleet's table")
+        ->required()
+        ->type_name("");
   }
 
   void addSource() {
@@ -194,6 +196,43 @@ void addCheck(CLI::App& app, int& exitCode) {
   check.runs(cli::check, exitCode);
 }
 
+void addShip(CLI::App& app, int& exitCode) {
+  Subcommand<ShipOptions> ship(app, "ship",
+                               "Send the records of a database to a table of ClickHouse");
+  auto* command = ship.command;
+  auto& options = *ship.options;
+  command->add_option("DB", options.database, "The database; may be missing with --create")
+      ->type_name("");
+  command->add_option("--to", options.table, "The table: http[s]://HOST[:8123]/DATABASE.TABLE")
+      ->required()
+      ->type_name("URL");
+  command
+      ->add_option("--name", options.capture,
+                   "The name of the capture in the table; HOST/DB if it is missing")
+      ->type_name("CAPTURE");
+  ship.addSource();
+  auto* follow = ship.addFlag("--follow", &ShipOptions::follows,
+                              "Send new records as they are stored, until Ctrl-C");
+  auto every = std::make_shared<std::int64_t>(1);
+  command->add_option("--every", *every, "With --follow: seconds from one block to the next")
+      ->type_name("N")
+      ->check(CLI::Range(1, 3'600))
+      ->needs(follow)
+      ->capture_default_str();
+  ship.addFlag("--create", &ShipOptions::creates, "Make the table if it does not exist");
+  command
+      ->add_option("--cluster", options.cluster,
+                   "With --create: spread the table over that cluster of the server")
+      ->type_name("NAME");
+  command->footer(
+      "User and password come from RUNEFLOW_USER and RUNEFLOW_PASSWORD, or from the two lines of "
+      "the file that RUNEFLOW_LOGIN_FILE names. RUNEFLOW_CA_FILE names the certificates to trust. "
+      "query, values and info take the address of a table in the place of a database.");
+  ship.runs(cli::ship, exitCode, [every](ShipOptions& parsed) {
+    parsed.everyMilliseconds = static_cast<int>(*every * 1'000);
+  });
+}
+
 void addSources(CLI::App& app, int& exitCode) {
   Subcommand<SourcesOptions> sources(app, "sources", "List where logs can come from");
   sources.addFlag("--json", &SourcesOptions::isJson, "One JSON object a line");
@@ -225,8 +264,8 @@ int runCommandLine(int argc, char** argv) {
   app.footer("Exit codes: 0 done, 1 nothing matched, 2 a usage or input error.");
   app.set_version_flag("--version", RUNEFLOW_VERSION);
   int exitCode = 0;
-  for (auto* add :
-       {addCapture, addQuery, addValues, addInfo, addClear, addCheck, addSources, addView}) {
+  for (auto* add : {addCapture, addQuery, addValues, addInfo, addClear, addCheck, addShip,
+                    addSources, addView}) {
     add(app, exitCode);
   }
   try {

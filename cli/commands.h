@@ -72,6 +72,17 @@ struct CheckOptions {
   bool repairs = false;
 };
 
+struct ShipOptions {
+  std::string database;  // if empty, only the table is created
+  std::string table;     // its address
+  std::string capture;   // if empty, made of the host's and the database's name
+  std::string cluster;
+  std::string source;
+  int everyMilliseconds = 1'000;
+  bool creates = false;
+  bool follows = false;
+};
+
 struct SourcesOptions {
   bool isJson = false;
 };
@@ -89,6 +100,7 @@ int values(const ValuesOptions& options);
 int info(const InfoOptions& options);
 int clear(const ClearOptions& options);
 int check(const CheckOptions& options);
+int ship(const ShipOptions& options);
 int sources(const SourcesOptions& options);
 int view(const ViewCommandOptions& options);
 

@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "commands.h"
+#include "fleet_commands.h"
 #include "host/database.h"
 #include "host/failure.h"
 #include "host/record_text.h"
@@ -115,6 +116,7 @@ bool hasConsent(const std::string& path, std::int64_t records) {
 }  // namespace
 
 int info(const InfoOptions& options) {
+  if (isFleet(options.database)) return infoOfFleet(options);
   auto store = host::openDatabase(options.database, options.source);
   const auto summary = summarise(store, options.database);
   host::failIfIncomplete(store, options.database);

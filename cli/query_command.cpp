@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "commands.h"
+#include "fleet_commands.h"
 #include "host/database.h"
 #include "host/failure.h"
 #include "host/new_records.h"
@@ -145,6 +146,7 @@ void printTo(std::FILE* out, EventStore& store, const LogQuery& query, const Que
 }  // namespace
 
 int query(const QueryOptions& options) {
+  if (isFleet(options.database)) return queryFleet(options);
   const auto after = options.after.value_or(0);
   auto store = host::openDatabase(options.database, options.source);
   const auto parsed =

@@ -26,33 +26,6 @@ constexpr std::size_t kWidestColumn = 28;
 constexpr std::size_t kMostHighlightedWords = 64;
 constexpr std::size_t kLongestHighlightedWord = 128;
 
-std::string_view levelColour(RuneflowLogLevel level) {
-  switch (level) {
-    case RuneflowLogLevel::Trace:
-      return colour::kDim;
-    case RuneflowLogLevel::Debug:
-      return colour::kBlue;
-    case RuneflowLogLevel::Info:
-      return colour::kGreen;
-    case RuneflowLogLevel::Warning:
-      return colour::kYellow;
-    case RuneflowLogLevel::Error:
-    case RuneflowLogLevel::Fatal:
-      return colour::kRed;
-  }
-  return {};
-}
-
-std::string csvField(std::string_view text) {
-  if (text.find_first_of("\",\r\n") == std::string_view::npos) return std::string(text);
-  std::string quoted = "\"";
-  for (const char c : text) {
-    if (c == '"') quoted += '"';
-    quoted += c;
-  }
-  return quoted + '"';
-}
-
 char lowerAscii(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
 }
@@ -97,6 +70,33 @@ std::string_view slotText(const FetchedRow& record, std::int64_t slot) {
 }
 
 }  // namespace
+
+std::string_view levelColour(RuneflowLogLevel level) {
+  switch (level) {
+    case RuneflowLogLevel::Trace:
+      return colour::kDim;
+    case RuneflowLogLevel::Debug:
+      return colour::kBlue;
+    case RuneflowLogLevel::Info:
+      return colour::kGreen;
+    case RuneflowLogLevel::Warning:
+      return colour::kYellow;
+    case RuneflowLogLevel::Error:
+    case RuneflowLogLevel::Fatal:
+      return colour::kRed;
+  }
+  return {};
+}
+
+std::string csvField(std::string_view text) {
+  if (text.find_first_of("\",\r\n") == std::string_view::npos) return std::string(text);
+  std::string quoted = "\"";
+  for (const char c : text) {
+    if (c == '"') quoted += '"';
+    quoted += c;
+  }
+  return quoted + '"';
+}
 
 RecordPrinter::RecordPrinter(const runeflow::SourceDescriptor& descriptor, RecordFormat format,
                              Highlighting highlighting, std::FILE* out)

@@ -13,6 +13,11 @@
 
 namespace cli {
 
+std::string_view levelColour(runeflow::RuneflowLogLevel level);
+
+// Returns the text as a field of RFC 4180, quoted if it must be.
+std::string csvField(std::string_view text);
+
 enum class RecordFormat {
   people,  // local time, level letter, table fields in columns, the query's words highlighted
   plain,   // one line per record, separated by tabs: seq, UTC time, level, all fields, message

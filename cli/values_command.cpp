@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "commands.h"
+#include "fleet_commands.h"
 #include "host/database.h"
 #include "host/record_text.h"
 #include "host/terminal_text.h"
@@ -14,6 +15,7 @@
 #include "level_counts.h"
 #include "runeflow/query/query_parser.h"
 #include "terminal.h"
+#include "value_list.h"
 
 namespace cli {
 
@@ -66,6 +68,8 @@ std::vector<ValueCount> levelValues(EventStore& store, const LogQuery& matching,
   return counted;
 }
 
+}  // namespace
+
 void printValues(const std::vector<ValueCount>& values, bool isJson) {
   std::size_t width = 0;
   for (const auto& value : values)
@@ -85,9 +89,8 @@ void printValues(const std::vector<ValueCount>& values, bool isJson) {
   }
 }
 
-}  // namespace
-
 int values(const ValuesOptions& options) {
+  if (isFleet(options.database)) return valuesOfFleet(options);
   auto store = host::openDatabase(options.database, options.source);
   const auto& field = host::fieldNamed(store.descriptor(), options.field);
   const auto matching = runeflow::QueryParser::parse(options.matching, store.descriptor(), false);
