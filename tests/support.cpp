@@ -108,12 +108,12 @@ std::vector<LogRow> rows(std::string_view stem, int count) {
   return made;
 }
 
-void onStackOf(std::size_t stackSize, std::move_only_function<void()> body) {
+void onStackOf(std::size_t stackSize, UniqueFunction<void()> body) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   stackSize *= 8;
 #endif
   Semaphore done;
-  std::move_only_function<void()> start = [&] {
+  UniqueFunction<void()> start = [&] {
     body();
     done.release();
   };

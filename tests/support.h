@@ -20,6 +20,7 @@
 
 #include "runeflow/model/log_row.h"
 #include "runeflow/platform/app_log.h"
+#include "runeflow/platform/unique_function.h"
 
 namespace runeflow::test {
 
@@ -94,6 +95,6 @@ inline std::span<const std::uint8_t> bytes(std::string_view text) {
 
 // Runs `body` on a thread with a stack of `stackSize` bytes and waits until it returns. Under a
 // sanitizer the stack is eight times as large, because the stack frames are larger as well.
-void onStackOf(std::size_t stackSize, std::move_only_function<void()> body);
+void onStackOf(std::size_t stackSize, runeflow::UniqueFunction<void()> body);
 
 }  // namespace runeflow::test

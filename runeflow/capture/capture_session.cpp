@@ -262,7 +262,7 @@ void CaptureSession::run(int fd, DecoderFactory makeDecoder, FinishCallback onFi
   const auto before = std::exchange(readerGate_, std::make_shared<Semaphore>());
   auto reader =
       std::make_shared<Reader>(*this, before, fd, std::move(makeDecoder), std::move(onFinish));
-  std::move_only_function<void()> body = [reader] { reader->run(); };
+  UniqueFunction<void()> body = [reader] { reader->run(); };
   if (!startThread({"runeflow.log-reader", kReaderStack}, body)) {
     readerGate_ = before;  // the next reader must wait for the reader before this one
     reader->giveUp();

@@ -23,6 +23,7 @@
 #include "runeflow/decoders/row_decoder.h"
 #include "runeflow/model/source_descriptor.h"
 #include "runeflow/platform/api.h"
+#include "runeflow/platform/unique_function.h"
 
 namespace runeflow {
 
@@ -57,9 +58,9 @@ struct CaptureProgress {
 class RUNEFLOW_EXPORT CaptureSession {
  public:
   /// Creates the decoder of one stream. Must not return null.
-  using DecoderFactory = std::move_only_function<std::unique_ptr<RowDecoder>()>;
+  using DecoderFactory = UniqueFunction<std::unique_ptr<RowDecoder>()>;
   /// Called when a reader has ended. Must not throw.
-  using FinishCallback = std::move_only_function<void()>;
+  using FinishCallback = UniqueFunction<void()>;
 
   /// Creates a session that captures into the database at `dbPath`. The session does not create the
   /// database: the caller must call EventStore::open(dbPath, true, descriptor) before run().

@@ -46,7 +46,9 @@ template <class Document>
 std::optional<Document> decode(std::span<const std::uint8_t> bytes) {
   if (!isHarmless(bytes)) return std::nullopt;
   try {
-    return json::parse(bytes.begin(), bytes.end()).template get<Document>();
+    // libc++ has no std::char_traits<unsigned char>, which the parser wants of the element type.
+    const auto* const text = reinterpret_cast<const char*>(bytes.data());
+    return json::parse(text, text + bytes.size()).template get<Document>();
   } catch (const json::exception&) {
     return std::nullopt;
   }

@@ -10,8 +10,8 @@
 ///
 /// Each piece of work runs on its own thread, which exits when the work is done. Any number of
 /// threads can run at once, and work that never ends does not delay other work. The threads run at
-/// utility priority (a niceness of at least 10), have a stack of 4 MiB and receive no asynchronous
-/// signals.
+/// utility priority (on Linux a niceness of at least 10), have a stack of 4 MiB and receive no
+/// asynchronous signals.
 ///
 /// An Async may be destroyed at any time without waiting, because the thread shares ownership of
 /// the result. The work then runs to its end and its result is discarded.
@@ -20,19 +20,19 @@
 #include <cassert>
 #include <condition_variable>
 #include <coroutine>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <utility>
 
 #include "runeflow/platform/api.h"
+#include "runeflow/platform/unique_function.h"
 
 namespace runeflow {
 
 /// Runs `work`, which must not throw, on a new thread, and does not wait for it. Returns false,
 /// without running `work`, if the system cannot create a thread. Async is built on this function.
-RUNEFLOW_EXPORT bool runInBackground(std::move_only_function<void()> work);
+RUNEFLOW_EXPORT bool runInBackground(UniqueFunction<void()> work);
 
 /// The result of one piece of work. The caller takes it once, with get() or with co_await. An Async
 /// that was moved from, or whose result was taken, may only be assigned to or destroyed. Two
@@ -44,7 +44,7 @@ class [[nodiscard]] Async {
  public:
   /// Starts `work`, which must not throw, at once. If the system cannot create a thread, `work`
   /// does not run and the result is T{}.
-  explicit Async(std::move_only_function<T()> work) : state_(std::make_shared<State>()) {
+  explicit Async(UniqueFunction<T()> work) : state_(std::make_shared<State>()) {
     const bool started = runInBackground(
         [state = state_, work = std::move(work)]() mutable { state->deliver(work()); });
     if (!started) state_->deliver(T{});

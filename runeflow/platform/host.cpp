@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <cstdint>
 
@@ -46,10 +45,8 @@ std::string versionText(const OsVersion& version) {
 
 std::string randomUuid() {
   std::array<std::uint8_t, 16> bytes{};
-  // getrandom never returns fewer bytes than this small request asks for. A signal can interrupt it
-  // only while the kernel is still gathering entropy after boot.
-  while (::getrandom(bytes.data(), bytes.size(), 0) < 0 && errno == EINTR) {
-  }
+  // Fails only if the kernel has no random numbers at all (ENOSYS). Never returns fewer bytes.
+  [[maybe_unused]] const int result = ::getentropy(bytes.data(), bytes.size());
   bytes[6] = static_cast<std::uint8_t>(0x40 | (bytes[6] & 0x0F));  // version 4
   bytes[8] = static_cast<std::uint8_t>(0x80 | (bytes[8] & 0x3F));  // RFC 9562 variant
   std::string text;

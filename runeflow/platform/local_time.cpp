@@ -40,7 +40,10 @@ std::int64_t offsetFromSystem(std::int64_t localSeconds) {
 std::int64_t LocalTimeZone::secondsSinceEpoch(const LocalDateTime& time) {
   const std::chrono::sys_days firstOfMonth{calendarYear(time.year) /
                                            std::chrono::month(time.month) / 1};
-  const std::int64_t days = firstOfMonth.time_since_epoch().count() + time.day - 1;
+  // The count may be an int, which must not be added to an unsigned day: it is negative before
+  // 1970.
+  const std::int64_t first = firstOfMonth.time_since_epoch().count();
+  const std::int64_t days = first + time.day - 1;
   const std::int64_t local = days * kDay + time.hour * kHour + time.minute * 60 + time.second;
   return local - offsetAt(local);
 }

@@ -10,8 +10,10 @@
 #include <csignal>
 #include <utility>
 
-#include "runeflow/platform/file_descriptor.h"
 #include "runeflow/platform/process_p.h"
+#include "runeflow/platform/system_calls_p.h"
+
+extern char** environ;  // POSIX: the program declares it
 
 namespace runeflow {
 namespace {
@@ -33,7 +35,12 @@ class SpawnPlan {
                    : ::posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO));
     add(open(STDIN_FILENO));
     add(open(STDERR_FILENO));
+    int flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
+#if defined(__APPLE__)
+    flags |= POSIX_SPAWN_CLOEXEC_DEFAULT;  // every descriptor without a file action
+#elif defined(__linux__) && !defined(RUNEFLOW_PORTABLE)
     add(::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1));
+#endif  // elsewhere the child inherits the host's descriptors that are not close-on-exec
 
     // Without these settings the child would inherit the calling thread's signal mask, which may
     // block every signal, and would ignore SIGPIPE if the host does.
@@ -44,7 +51,7 @@ class SpawnPlan {
     ::sigaddset(&brokenPipe, SIGPIPE);
     add(::posix_spawnattr_setsigmask(&attributes_, &none));
     add(::posix_spawnattr_setsigdefault(&attributes_, &brokenPipe));
-    add(::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF));
+    add(::posix_spawnattr_setflags(&attributes_, static_cast<short>(flags)));
   }
   ~SpawnPlan() {
     ::posix_spawn_file_actions_destroy(&actions_);
@@ -102,19 +109,6 @@ class ChildProcess {
   pid_t pid_;
 };
 
-struct Pipe {
-  FileDescriptor readEnd;
-  FileDescriptor writeEnd;
-
-  bool open() {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) return false;
-    readEnd.reset(ends[0]);
-    writeEnd.reset(ends[1]);
-    return true;
-  }
-};
-
 std::vector<std::uint8_t> readToEnd(int fd) {
   std::vector<std::uint8_t> bytes;
   std::array<std::uint8_t, 65'536> chunk;  // the capacity of a Linux pipe
@@ -131,8 +125,10 @@ std::vector<std::uint8_t> readToEnd(int fd) {
 std::optional<ProcessResult> runProcess(const std::string& program,
                                         const std::vector<std::string>& arguments,
                                         StandardOutput standardOutput) {
-  Pipe pipe;
-  if (standardOutput == StandardOutput::captured && !pipe.open()) return std::nullopt;
+  system_calls::Pipe pipe;
+  if (standardOutput == StandardOutput::captured && !system_calls::openPipe(pipe)) {
+    return std::nullopt;
+  }
   const auto pid = SpawnPlan(pipe.writeEnd.get()).spawn(program, arguments);
   if (!pid) return std::nullopt;
   ChildProcess child(*pid);

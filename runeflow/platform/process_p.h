@@ -24,8 +24,9 @@ enum class StandardOutput : std::uint8_t { captured, discarded };
 // There is no time limit. Returns nothing if the program cannot be started.
 //
 // The program's standard input and standard error are the null device, and it inherits no other
-// descriptor of the host. It inherits the caller's environment, working directory and thread
-// priority. Several threads may call this function at once.
+// descriptor of the host (on systems other than Linux and macOS, none that is close-on-exec). It
+// inherits the caller's environment, working directory and thread priority. Several threads may
+// call this function at once.
 std::optional<ProcessResult> runProcess(const std::string& program,
                                         const std::vector<std::string>& arguments,
                                         StandardOutput standardOutput);

@@ -5,12 +5,13 @@
 #include <memory>
 #include <utility>
 
+#include "runeflow/platform/system_calls_p.h"
 #include "runeflow/platform/thread_p.h"
 
 namespace runeflow {
 namespace {
 
-using Body = std::move_only_function<void()>;
+using Body = UniqueFunction<void()>;
 
 constexpr std::size_t kLongestName = 15;
 
@@ -39,7 +40,7 @@ struct Start {
 
 void* runBody(void* argument) {
   const std::unique_ptr<Start> start(static_cast<Start*>(argument));
-  pthread_setname_np(pthread_self(), start->name.c_str());
+  system_calls::nameThisThread(start->name.c_str());
   start->body();
   return nullptr;
 }
@@ -51,11 +52,15 @@ bool startThread(const ThreadAttributes& attributes, Body& body) {
   const sigset_t blocked = asynchronousSignals();
   pthread_attr_setdetachstate(&native.value, PTHREAD_CREATE_DETACHED);
   pthread_attr_setstacksize(&native.value, attributes.stackSize);
-  pthread_attr_setsigmask_np(&native.value, &blocked);
 
   auto start = std::make_unique<Start>(attributes.name.substr(0, kLongestName), std::move(body));
   pthread_t thread{};
-  if (pthread_create(&thread, &native.value, runBody, start.get()) != 0) {
+  // The new thread inherits the mask of its creator.
+  sigset_t before;
+  pthread_sigmask(SIG_SETMASK, &blocked, &before);
+  const int error = pthread_create(&thread, &native.value, runBody, start.get());
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  if (error != 0) {
     body = std::move(start->body);
     return false;
   }

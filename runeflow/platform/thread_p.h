@@ -4,8 +4,9 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
 #include <string>
+
+#include "runeflow/platform/unique_function.h"
 
 namespace runeflow {
 
@@ -18,6 +19,6 @@ struct ThreadAttributes {
 // thread. The thread blocks all asynchronous signals, which keeps the signal handlers of the host
 // (the program that uses the library) from interrupting its system calls. Returns false, and leaves
 // `body` unchanged, if the system cannot create a thread.
-bool startThread(const ThreadAttributes& attributes, std::move_only_function<void()>& body);
+bool startThread(const ThreadAttributes& attributes, UniqueFunction<void()>& body);
 
 }  // namespace runeflow

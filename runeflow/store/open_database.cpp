@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "runeflow/platform/system_calls_p.h"
 #include "runeflow/store/open_database_p.h"
 
 namespace runeflow {
@@ -49,11 +50,9 @@ std::optional<std::int64_t> sizeOfFile(const std::string& path) {
 FileState FileState::of(const std::string& path) {
   struct stat status{};
   if (::stat(path.c_str(), &status) != 0) return {};
-  constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
-  const auto& time = status.st_mtim;
   const bool hasLog = sizeOfFile(path + "-wal").value_or(0) > 0 || sizeOfFile(path + "-journal");
-  return {status.st_dev, status.st_ino, status.st_size,
-          time.tv_sec * kNanosecondsPerSecond + time.tv_nsec, hasLog};
+  return {status.st_dev, status.st_ino, status.st_size, system_calls::modificationTime(status),
+          hasLog};
 }
 
 std::unique_ptr<OpenDatabase> OpenDatabase::forWriting(const std::string& path, bool create) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <utility>
 
+#include "runeflow/platform/system_calls_p.h"
 #include "runeflow/platform/unicode_p.h"
 #include "runeflow/transports/adb_protocol_p.h"
 
@@ -22,7 +23,7 @@ namespace {
 bool sendRequest(int socket, std::string_view request) {
   const std::string message = fmt::format("{:04x}{}", request.size(), request);
   for (std::string_view rest = message; !rest.empty();) {
-    const ssize_t sent = ::send(socket, rest.data(), rest.size(), MSG_NOSIGNAL);
+    const ssize_t sent = system_calls::sendQuietly(socket, rest);
     if (sent < 0 && errno == EINTR) continue;
     if (sent <= 0) return false;
     rest.remove_prefix(static_cast<std::size_t>(sent));

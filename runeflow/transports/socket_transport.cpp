@@ -14,6 +14,7 @@
 #include <system_error>
 
 #include "runeflow/platform/overloaded_p.h"
+#include "runeflow/platform/system_calls_p.h"
 #include "runeflow/transports/socket_transport_p.h"
 
 namespace runeflow::SocketTransport {
@@ -64,7 +65,7 @@ std::expected<void, ConnectError> awaitConnection(int socket, int timeoutMs) {
 
 std::expected<FileDescriptor, ConnectError> connectTo(const addrinfo& address, int timeoutMs) {
   FileDescriptor socket(
-      ::socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC, address.ai_protocol));
+      system_calls::openSocket(address.ai_family, address.ai_socktype, address.ai_protocol));
   if (!socket) return std::unexpected(failure(errno));
   const int statusFlags = ::fcntl(socket.get(), F_GETFL);
   ::fcntl(socket.get(), F_SETFL, statusFlags | O_NONBLOCK);
