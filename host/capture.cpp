@@ -4,20 +4,17 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
-#include <unistd.h>
 
-#include <array>
-#include <cerrno>
 #include <chrono>
 #include <future>
 #include <utility>
 
 #include "host/failure.h"
+#include "host/pipe.h"
 
 namespace host {
 
 using runeflow::CaptureSession;
-using runeflow::FileDescriptor;
 
 namespace {
 
@@ -68,16 +65,16 @@ void configure(CaptureSession& session) {
 
 PumpResult captureStream(CaptureSession& session, Stream& stream, const DecoderWrapper& wrap,
                          int end, const CaptureHooks& hooks) {
-  std::array<int, 2> ends{};
-  if (::pipe2(ends.data(), O_CLOEXEC) != 0) fail("cannot make a pipe: {}", systemError(errno));
-  FileDescriptor sink(ends[1]);
+  auto [source, sink] = openPipe();
+#ifdef F_SETPIPE_SZ  // elsewhere the system chooses the size
   ::fcntl(sink.get(), F_SETPIPE_SZ, kPipeSize);
+#endif
   ::fcntl(sink.get(), F_SETFL, O_NONBLOCK);  // a reader may wait for a lock with its pipe full
   const auto failedBefore = session.progress().readersFailed;
   auto finished = std::make_shared<std::promise<void>>();
   const auto whenFinished = finished->get_future();
   session.run(
-      ends[0],
+      source.release(),
       [kind = stream.kind, wrap] {
         auto decoder = kind->makeDecoder(now);
         return wrap ? wrap(std::move(decoder)) : std::move(decoder);

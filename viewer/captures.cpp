@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "captures.h"
 
-#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -38,7 +38,7 @@ class Captures::Capture {
       : stream_(std::move(stream)),
         store_(host::openForCapture(database, stream_.kind->descriptor())),
         session_(database, store_.descriptor()),
-        end_(::eventfd(0, EFD_CLOEXEC)),
+        end_(host::openPipe()),
         onChange_(std::move(onChange)) {
     state_.id = id;
     state_.source = stream_.name;
@@ -55,7 +55,7 @@ class Captures::Capture {
   Capture(const Capture&) = delete;
   Capture& operator=(const Capture&) = delete;
 
-  void end() { ::eventfd_write(end_.get(), 1); }
+  void end() { [[maybe_unused]] const auto written = ::write(end_.writeEnd.get(), "", 1); }
 
   // Only one thread at a time may wait.
   void wait() {
@@ -77,7 +77,7 @@ class Captures::Capture {
   void run() {
     std::string error;
     try {
-      const auto pumped = host::captureStream(session_, stream_, nullptr, end_.get(),
+      const auto pumped = host::captureStream(session_, stream_, nullptr, end_.readEnd.get(),
                                               {.tick = [this] { return tick(); },
                                                .onInterrupted = nullptr,
                                                .onWaiting = [this] { tick(); }});
@@ -127,7 +127,7 @@ class Captures::Capture {
   host::Stream stream_;
   runeflow::EventStore store_;
   runeflow::CaptureSession session_;
-  runeflow::FileDescriptor end_;
+  host::Pipe end_;  // a byte in it ends the capture
   std::function<void()> onChange_;
   Clock::time_point told_;
   std::deque<std::pair<Clock::time_point, std::int64_t>> samples_;  // records stored
