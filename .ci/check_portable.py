@@ -4,7 +4,8 @@
 
 usage: check_portable.py [--self-test]
 
-Only runeflow/platform/ and the folder of the command, cli/, hold code for one system. Everything else uses what POSIX and the BSDs have, so that they compile on macOS.
+Only runeflow/platform/ and the folder of the command, cli/, hold code for one system. Everything else
+uses what POSIX and the BSDs have, so that it compiles on macOS.
 A name behind its own #ifdef is allowed.
 """
 
@@ -25,7 +26,7 @@ NAMES = re.compile(
     r"|O_PATH|O_TMPFILE|O_NOATIME|O_DIRECT|st_[amc]tim|TCP_CORK|TCP_QUICKACK|SO_PEERCRED|CLOCK_BOOTTIME"
     r"|move_only_function|__GLIBC\w*|__gnu_cxx|__linux__"
     r")\b"
-    r"|<(?:linux/[^>]*|sys/(?:epoll|eventfd|inotify|prctl|random|sendfile|signalfd|syscall|sysinfo|timerfd)\.h)>"
+    r"|<(?:linux/[^>]*|sys/(?:epoll|eventfd|inotify|prctl|sendfile|signalfd|syscall|sysinfo|timerfd)\.h)>"
     r"|\"/proc/"
 )
 COMMENT = re.compile(r"//[^\n]*")

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 #include <sys/random.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -19,7 +20,7 @@ constexpr std::size_t kSecretBytes = 16;
 
 std::string randomHex() {
   std::array<unsigned char, kSecretBytes> bytes{};
-  if (::getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
+  if (::getentropy(bytes.data(), bytes.size()) != 0) {
     host::fail("the system gives no random numbers: {}", host::systemError(errno));
   }
   std::string text;

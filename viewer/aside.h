@@ -12,6 +12,7 @@
 
 #include "asks.h"
 #include "runeflow/platform/background.h"
+#include "runeflow/platform/unique_function.h"
 
 namespace viewer {
 
@@ -20,7 +21,7 @@ namespace viewer {
 // what `work` throws.
 template <class Result>
 std::optional<Result> aside(const Cancellation& cancellation,
-                            std::move_only_function<Result()> work) {
+                            runeflow::UniqueFunction<Result()> work) {
   constexpr std::chrono::milliseconds kInterval{50};
   auto promise = std::make_shared<std::promise<Result>>();
   auto future = promise->get_future();

@@ -13,6 +13,7 @@
 #include "host/capture.h"
 #include "host/database.h"
 #include "host/failure.h"
+#include "host/pipe.h"
 #include "runeflow/platform/file_descriptor.h"
 
 namespace viewer {

@@ -2,6 +2,7 @@
 #include "http_server.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <microhttpd.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -335,7 +336,8 @@ std::size_t HttpServer::workerCount() {
 }
 
 FileDescriptor HttpServer::bind(std::uint16_t port) {
-  FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  FileDescriptor socket(::socket(AF_INET, SOCK_STREAM, 0));
+  ::fcntl(socket.get(), F_SETFD, FD_CLOEXEC);
   const int yes = 1;
   ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
   sockaddr_in address{};

@@ -113,7 +113,7 @@ std::int64_t capOf(const Json& body) {
 }
 
 template <class Result>
-Result waitedFor(const Call& call, std::move_only_function<Result()> work) {
+Result waitedFor(const Call& call, runeflow::UniqueFunction<Result()> work) {
   auto result = aside<Result>(call.cancellation(), std::move(work));
   if (!result) throw Refusal(409, "the question was cancelled", {{"cancelled", true}});
   return std::move(*result);
