@@ -13,6 +13,7 @@ class Runeflow < Formula
   depends_on "ninja" => :build
   depends_on "nlohmann-json" => :build
   depends_on "pkgconf" => [:build, :test]
+  depends_on "curl"
   depends_on "fmt"
   depends_on "icu4c@78"
   depends_on "libmicrohttpd"
