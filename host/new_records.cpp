@@ -8,8 +8,15 @@ namespace host {
 using runeflow::EventStore;
 using runeflow::StoreError;
 
+namespace {
+// A message of megabytes is read in part: its length and its beginning tell it from others.
+constexpr std::int64_t kComparedCharacters = 1'000;
+}  // namespace
+
 std::expected<NewRecords::Change, StoreError> NewRecords::look(EventStore& store) {
-  const auto recordAt = [&](std::int64_t seq) { return store.fetchRange(seq, seq); };
+  const auto recordAt = [&](std::int64_t seq) {
+    return store.fetchPreviewRange(seq, seq, kComparedCharacters);
+  };
   const auto largest = store.maxSeq();
   auto latest = recordAt(largest);
   const auto sameSeq = largest > newest() && newest() > 0 ? recordAt(newest()) : Records();

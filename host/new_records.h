@@ -33,7 +33,7 @@ class NewRecords {
   std::int64_t newest() const { return newest_.empty() ? 0 : newest_.front().seq; }
 
  private:
-  using Records = std::vector<runeflow::FetchedRow>;
+  using Records = std::vector<runeflow::RecordPreview>;
 
   Change changeTo(const Records& latest, const Records& sameSeq) const;
 

@@ -341,7 +341,7 @@ TEST_F(View, refusesWhatIsTooMuchInSentences) {
       {"broken seqs", "records?seqs=1,,2", 400, "separated by commas"},
       {"a long query", "records?q=" + std::string(8'193, 'a'), 400, "longer than 8192 bytes"},
       {"a query that SQLite refuses", "records?q=" + nested + "a", 400, "shorten it"},
-      {"too many bars", "timeline?bars=1001", 400, "from 1 to 1000"},
+      {"too many bars", "timeline?bars=1001", 400, "from 2 to 1000"},
       {"an empty span", "timeline?from=5&until=5", 400, "must end after it begins"},
       {"too many blocks", "blocks?first=1&last=99999999&size=1", 400, "choose a larger size"},
       {"no such field", "complete?field=planet", 400, "there is no such field"},
@@ -425,7 +425,7 @@ TEST_F(View, countsAsTheLibraryDoes) {
   EXPECT_EQ(timeline["matched"], 150);
   EXPECT_EQ(timeline["bars"], Json::parse("[[0,0,100,0,50,0],[0,0,100,0,50,0]]"));
   EXPECT_EQ(timeline["matches"], Json::parse("[[0,0,50,0,25,0],[0,0,50,0,25,0]]"));
-  EXPECT_EQ(server.get("timeline?bars=1").json()["matches"], nullptr);
+  EXPECT_EQ(server.get("timeline?bars=2").json()["matches"], nullptr);
   const auto facets = server.get("facets?q=level:error&limit=1").json();
   EXPECT_EQ(facets["levels"], Json::parse("[0,0,0,0,100,0]"));
   EXPECT_EQ(facets["fields"][0]["values"][0]["value"], "Other");
@@ -644,6 +644,34 @@ TEST_F(View, capturesALogBesideItOnce) {
   Server missing(folder_, "missing.log");
   EXPECT_EQ(missing.wait(), 2);
   EXPECT_THAT(missing.errors(), HasSubstr("cannot open missing.log"));
+}
+
+// The axis grows with the records, in steps, and what was counted moves with it.
+TEST_F(View, aGrowingTimelineCountsEveryRecordOnce) {
+  const auto rowAt = [](double seconds) {
+    return LogRow(test::at(seconds), RuneflowLogLevel::Info, seconds < 90 ? "odd one" : "one",
+                  std::nullopt, LogRow::Slots{});
+  };
+  auto store = filled("a.db", std::vector<LogRow>(50, rowAt(100)));
+  const Server server(folder_, "a.db");
+  std::int64_t total = 50;
+  for (const double seconds : {101.0, 100.0, 160.0, 40.0, 4'000.0, 90.0, -3.0, 1e6}) {
+    SCOPED_TRACE(seconds);
+    store.insert(std::vector<LogRow>(10, rowAt(seconds)));
+    total += 10;
+    await(server, "info", "/count", total);
+    const auto growing = server.get("timeline?bars=50&q=odd").json();
+    EXPECT_EQ(growing["total"], total);
+    EXPECT_EQ(growing["matched"], server.get("blocks?q=odd").json()["total"]);
+    // The same axis, counted anew.
+    const auto anew =
+        server
+            .get(fmt::format("timeline?bars={}&q=odd&from={}&until={}", growing["bars"].size(),
+                             growing["from"].dump(), growing["until"].dump()))
+            .json();
+    EXPECT_EQ(growing["bars"], anew["bars"]);
+    EXPECT_EQ(growing["matches"], anew["matches"]);
+  }
 }
 
 TEST(QueryWords, tellEveryNodeExactly) {

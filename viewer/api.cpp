@@ -61,6 +61,14 @@ bool fits(std::string_view path, std::string_view name) {
   }
 }
 
+// The blocks that a filtered list shows must not wait for counts of everything.
+bool isShortRange(const HttpRequest& request) {
+  constexpr std::int64_t kShort = 20'000;  // records
+  const auto first = parsed(request.parameter("first").value_or(""));
+  const auto last = parsed(request.parameter("last").value_or(""));
+  return first && last && *first >= 0 && *last >= 0 && *last - *first <= kShort;
+}
+
 std::string_view typeOf(std::string_view file) {
   constexpr std::pair<std::string_view, std::string_view> kTypes[] = {
       {".html", "text/html; charset=utf-8"},
@@ -212,8 +220,9 @@ Lane Api::laneOf(const HttpRequest& request) const {
   if (!route) return Lane::quick;
   // Without seqs, a query has to find the records first, which may take long.
   const bool isByQuery = !request.parameter("seqs") && !request.parameter("first");
-  return route->lane == Lane::quick && route->findsRecords && isByQuery ? Lane::matches
-                                                                        : route->lane;
+  if (route->findsRecords && isByQuery) return Lane::matches;
+  if (route->lane == Lane::slow && isShortRange(request)) return Lane::matches;
+  return route->lane;
 }
 
 HttpAnswer Api::answer(const HttpRequest& request, std::size_t worker) {

@@ -5,12 +5,16 @@
 
 #include <algorithm>
 #include <array>
+#include <list>
+#include <memory>
+#include <mutex>
 
 #include "api.h"
 #include "host/query_words.h"
 #include "host/record_text.h"
 #include "host/terminal_text.h"
 #include "runeflow/query/query_parser.h"
+#include "timeline_cache.h"
 
 namespace viewer {
 
@@ -105,32 +109,74 @@ HttpAnswer blocks(const Call& call) {
       {{"size", size}, {"blocks", std::move(list)}, {"total", total}, {"last", last}});
 }
 
-std::int64_t sumOf(const runeflow::Timeline& timeline) {
+std::int64_t sumOf(const TimelineCache::Bars& bars) {
   std::int64_t sum = 0;
-  for (const auto& bar : timeline.bars) {
+  for (const auto& bar : bars) {
     for (const auto count : bar) sum += count;
   }
   return sum;
 }
 
-HttpAnswer timeline(const Call& call) {
-  const auto question = call.question();
-  auto& store = call.store();
-  const auto bars = static_cast<std::size_t>(call.number("bars", 1, kMostBars, 200));
+// A named span is the axis as it is. The span of all records grows, and its axis with it.
+Axis axisAsked(const Call& call) {
+  const auto bars = static_cast<std::size_t>(call.number("bars", 2, kMostBars, 200));
   auto span = call.state().span.value_or(TimeSpan{0, 1});
+  if (!call.has("from") && !call.has("until")) return axisOf(span, bars);
   span.from = call.number("from", INT64_MIN, kLatest, span.from);
   span.until = call.number("until", INT64_MIN, kLatest, span.until);
   if (span.until <= span.from) throw Refusal(400, "the span must end after it begins");
-  const auto all = store.timeline({}, span, bars);
-  Json object = {{"from", span.from},  {"until", span.until}, {"bars", all.bars},
-                 {"matches", nullptr}, {"total", sumOf(all)}, {"matched", sumOf(all)}};
+  return {span, bars};
+}
+
+HttpAnswer timeline(const Call& call, TimelineCache& cache) {
+  const auto question = call.question();
+  const auto axis = axisAsked(call);
+  const auto counted = [&](const std::string& name, const LogQuery& query) {
+    return cache.count(call.store(), call.state(), name, query, axis,
+                       [&] { call.requireComplete(); });
+  };
+  const auto all = counted("", {});
+  Json object = {{"from", axis.span.from}, {"until", axis.span.until}, {"bars", all},
+                 {"matches", nullptr},     {"total", sumOf(all)},      {"matched", sumOf(all)}};
   if (!question.typed.isEmpty()) {
-    const auto matches = store.timeline(question.typed, span, bars);
-    object["matches"] = matches.bars;
+    const auto matches = counted(
+        fmt::format("{}{}", question.matchCase ? "A" : "a", call.text("q")), question.typed);
+    object["matches"] = matches;
     object["matched"] = sumOf(matches);
   }
   return call.answer(std::move(object));
 }
+
+// The facets of the latest questions, for as long as the records stay the same.
+class FacetCache {
+ public:
+  std::optional<Json> find(const DatabaseState& state, const std::string& name) {
+    const std::lock_guard lock(mutex_);
+    const auto found = std::ranges::find_if(entries_, [&](const Entry& entry) {
+      return entry.name == name && entry.generation == state.generation &&
+             entry.firstSeq == state.firstSeq && entry.lastSeq == state.lastSeq;
+    });
+    return found == entries_.end() ? std::nullopt : std::optional(found->facets);
+  }
+  void keep(const DatabaseState& state, const std::string& name, const Json& facets) {
+    const std::lock_guard lock(mutex_);
+    entries_.push_front({name, state.generation, state.firstSeq, state.lastSeq, facets});
+    if (entries_.size() > kMostEntries) entries_.pop_back();
+  }
+
+ private:
+  struct Entry {
+    std::string name;
+    std::int64_t generation;
+    std::int64_t firstSeq;
+    std::int64_t lastSeq;
+    Json facets;
+  };
+  static constexpr std::size_t kMostEntries = 16;
+
+  std::mutex mutex_;
+  std::list<Entry> entries_;  // the latest first
+};
 
 Json valuesJson(const std::vector<runeflow::ValueCount>& values) {
   auto list = Json::array();
@@ -145,10 +191,13 @@ std::optional<LogQuery> orNothing(const LogQuery& query) {
   return query.isEmpty() ? std::nullopt : std::optional(query);
 }
 
-HttpAnswer facets(const Call& call) {
+HttpAnswer facets(const Call& call, FacetCache& cache) {
   const auto query = orNothing(call.question().query);
   const auto limit = call.number("limit", 1, kMostValues, 8);
   auto& store = call.store();
+  const auto name = fmt::format("{} {} {} {} {}", limit, call.isOn("case"), call.text("from"),
+                                call.text("until"), call.text("q"));
+  if (auto known = cache.find(call.state(), name)) return call.answer(std::move(*known));
   std::array<std::int64_t, 6> levels{};
   auto fields = Json::array();
   for (const auto& [value, count] :
@@ -163,7 +212,10 @@ HttpAnswer facets(const Call& call) {
     fields.push_back(
         {{"name", field.name()}, {"label", field.label()}, {"values", valuesJson(values)}});
   }
-  return call.answer({{"levels", levels}, {"fields", std::move(fields)}});
+  call.requireComplete();
+  Json answer = {{"levels", levels}, {"fields", std::move(fields)}};
+  cache.keep(call.state(), name, answer);
+  return call.answer(std::move(answer));
 }
 
 HttpAnswer complete(const Call& call) {
@@ -194,10 +246,13 @@ Json stateJson(const DatabaseState& state) {
 }
 
 std::vector<Route> countRoutes() {
+  auto timelines = std::make_shared<TimelineCache>();
+  auto kept = std::make_shared<FacetCache>();
   return {{"GET", "query", Lane::quick, query},
           {"GET", "blocks", Lane::slow, blocks},
-          {"GET", "timeline", Lane::slow, timeline},
-          {"GET", "facets", Lane::slow, facets},
+          {"GET", "timeline", Lane::slow,
+           [timelines](const Call& call) { return timeline(call, *timelines); }},
+          {"GET", "facets", Lane::slow, [kept](const Call& call) { return facets(call, *kept); }},
           {"GET", "complete", Lane::slow, complete}};
 }
 

@@ -144,6 +144,7 @@ void Database::growSpan(DatabaseState& state) {
   if (last > spannedTo_) widen(state.span, store_->timeSpan(spannedTo_ + 1, last));
   widen(state.span, store_->timeSpan(state.lastSeq, state.lastSeq));
   spannedTo_ = last;
+  state.isSpanWhole = last == state.lastSeq;
 }
 
 }  // namespace viewer

@@ -29,6 +29,7 @@ struct DatabaseState {
   std::int64_t count = 0;  // records
   // Of the times of all records. Until a database has been read through, of some of them.
   std::optional<runeflow::TimeSpan> span;
+  bool isSpanWhole = false;
   std::int64_t usedBytes = 0;
   bool hasFullText = false;
   std::string error;  // why it is no longer followed, as a sentence; the records stay readable
