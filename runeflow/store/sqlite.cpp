@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "runeflow/query/log_query.h"
-#include "runeflow/store/sqlite_process.h"
 #include "runeflow/store/sqlite_p.h"
+#include "runeflow/store/sqlite_process.h"
 
 namespace runeflow {
 namespace {

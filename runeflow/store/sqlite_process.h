@@ -15,7 +15,8 @@ namespace runeflow {
 /// sqlite3_soft_heap_limit64() limits nothing, in the whole process.
 ///
 /// Must be called before the process uses SQLite for the first time, and not while another thread
-/// uses it: at the start of main(). Returns false, and changes nothing, if SQLite is in use already.
+/// uses it: at the start of main(). Returns false, and changes nothing, if SQLite is in use
+/// already.
 RUNEFLOW_EXPORT bool turnOffSQLiteMemoryStatistics();
 
 }  // namespace runeflow
