@@ -107,7 +107,7 @@ PLANTED = [
     ("runeflow/platform/thread.cpp", '#include "runeflow/model/log_row.h"', "points upwards"),
     ("runeflow/store/sqlite.cpp", '#include "runeflow/capture/capture_session.h"', "points upwards"),
     ("runeflow/decoders/dlt_decoder.cpp", '#include "runeflow/store/event_store.h"', "upwards"),
-    ("host/stream.cpp", '#include "cli/pump.h"', "points upwards"),
+    ("host/stream.cpp", '#include "cli/output.h"', "points upwards"),
     ("cli/main.cpp", '#include "runeflow/store/sqlite_p.h"', "is private to the library"),
     ("examples/minimal_host.cpp", '#include "host/failure.h"', "points upwards"),
     ("runeflow/model/log_row.h", "#include <fmt/format.h>", "not the standard library's"),
