@@ -26,7 +26,7 @@
 #include "runeflow/query/query_parser.h"
 
 // Not inlined and with a plain name, so that callgrind can be told to count inside it.
-extern "C" [[gnu::noinline]] void bench_measured(const std::function<void()>& work) {
+extern "C" [[gnu::noinline, gnu::noclone]] void bench_measured(const std::function<void()>& work) {
   work();
   asm volatile("");  // keeps the call from becoming a jump, at which callgrind would stop counting
 }
