@@ -52,7 +52,8 @@ class Stage:
                 browser.server = server
                 browser.open(server.address, ready=database is not None)
                 if hash:
-                    browser.js("location.hash = arguments[0]; location.reload()", hash)
+                    browser.js("history.replaceState(null, '', `#${arguments[0]}`)", hash)
+                    browser.driver.refresh()
                     browser.ready()
                 yield browser
                 if quiet:
