@@ -12,7 +12,7 @@ namespace host {
 // The instants that texts refer to, in microseconds since 1970-01-01T00:00:00Z.
 struct TimeReference {
   std::int64_t now;
-  std::int64_t end;  // just after the newest record of a database
+  std::int64_t end;  // the time of the newest record of a database
 };
 
 // Reads one of
