@@ -7,6 +7,7 @@
 #include <charconv>
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "commands.h"
 #include "host/byte_count.h"
@@ -17,6 +18,8 @@ namespace cli {
 namespace {
 
 using host::fail;
+
+constexpr std::int64_t kMostBars = 100'000;
 
 std::string kindIds() {
   return host::joinKinds(&host::LogKind::id, " or ");
@@ -109,6 +112,43 @@ void addCapture(CLI::App& app, int& exitCode) {
   });
 }
 
+void excludeEach(CLI::Option* one, const std::vector<CLI::Option*>& others) {
+  for (auto* other : others) one->excludes(other);
+}
+
+void addQueryConditions(Subcommand<QueryOptions>& query) {
+  auto* command = query.command;
+  auto& options = *query.options;
+  command
+      ->add_option("--since", options.since,
+                   "Only records of this time or later: 2026-03-17T14:05, with Z or +01:00 for a "
+                   "zone, 14:05 for today, -15m before now, end-15m before the newest record")
+      ->type_name("TIME");
+  command->add_option("--until", options.until, "Only records before this time")->type_name("TIME");
+  command
+      ->add_option("--contains", options.contained,
+                   "Only messages that contain the text, also within a word; the case of ASCII "
+                   "letters is ignored")
+      ->type_name("TEXT");
+  command
+      ->add_option("--regex", options.expression,
+                   "Only messages that match the regular expression (RE2); (?i) ignores case")
+      ->type_name("PATTERN");
+  query.addFlag("--match-case", &QueryOptions::matchCase,
+                "Words of the query match with their exact case");
+}
+
+void addQueryContext(Subcommand<QueryOptions>& query, std::vector<CLI::Option*>& context) {
+  auto* command = query.command;
+  auto& options = *query.options;
+  const auto add = [&](const char* names, std::optional<std::int64_t>& value, const char* text) {
+    context.push_back(command->add_option(names, value, text)->type_name("N")->check(atLeast(0)));
+  };
+  add("-A,--after-context", options.behind, "Also N records after each match");
+  add("-B,--before-context", options.before, "Also N records before each match");
+  add("-C,--context", options.around, "Also N records before and after each match");
+}
+
 void addQuery(CLI::App& app, int& exitCode) {
   Subcommand<QueryOptions> query(app, "query", "Print the records that match a query");
   auto* command = query.command;
@@ -119,33 +159,48 @@ void addQuery(CLI::App& app, int& exitCode) {
   // Further words belong to the query. They are not a list option, because CLI11 would split
   // "[a,b]".
   command->allow_extras();
-  query.addSource();
-  command->add_option("--after", options.after, "Only records with a greater seq")
-      ->type_name("SEQ")
-      ->check(atLeast(0));
+  addQueryConditions(query);
+  auto* after = command->add_option("--after", options.after, "Only records with a greater seq");
+  after->type_name("SEQ")->check(atLeast(0));
   auto* first = command->add_option("--first", options.first, "Only the first N matches");
   first->type_name("N")->check(atLeast(1));
   auto* last = command->add_option("--last", options.last, "Only the last N matches");
-  last->type_name("N")->check(atLeast(1))->excludes(first);
-  auto* counts = query.addFlag("--count", &QueryOptions::counts, "Print how many records match");
+  last->type_name("N")->check(atLeast(1));
+  auto* reverse = query.addFlag("--reverse", &QueryOptions::isReversed, "Print the newest first");
+  std::vector<CLI::Option*> context;
+  addQueryContext(query, context);
   auto* follows = query.addFlag("--follow", &QueryOptions::follows,
                                 "Print new matches as they are stored, until Ctrl-C");
-  follows->excludes(first);
-  query.addFlag("--match-case", &QueryOptions::matchCase, "Words match with their exact case");
+  auto* counts = query.addFlag("--count", &QueryOptions::counts, "Print how many records match");
+  auto* timeline = query.addFlag("--timeline", &QueryOptions::showsTimeline,
+                                 "Show when the matches were: bars on a terminal, otherwise one "
+                                 "JSON object a line for each bar");
+  command->add_option("--bars", options.bars, "At most N bars in a timeline")
+      ->type_name("N")
+      ->check(CLI::Range(std::int64_t{1}, kMostBars))
+      ->needs(timeline);
   auto* json = query.addFlag("--json", &QueryOptions::isJson, "One JSON object a line");
-  auto* csv = query.addFlag("--csv", &QueryOptions::isCsv, "RFC 4180")->excludes(json);
+  auto* csv = query.addFlag("--csv", &QueryOptions::isCsv, "RFC 4180");
   auto* pager = query.addFlag("--pager", &QueryOptions::usesPager, "Show the records in $PAGER");
-  pager->excludes(follows);
+  query.addSource();
   auto* plan =
       query.addFlag("--plan", &QueryOptions::showsPlan, "Print SQLite's plan for the query");
-  for (auto* other : {first, last, follows, json, csv, pager}) {
-    counts->excludes(other);
-    plan->excludes(other);
+  first->excludes(last);
+  json->excludes(csv);
+  excludeEach(follows, {first, reverse, pager});
+  excludeEach(reverse, context);
+  timeline->excludes(after);
+  // These answer with something else than records.
+  excludeEach(counts, {timeline, plan, json});
+  excludeEach(plan, {timeline, json});
+  for (auto* answer : {counts, timeline, plan}) {
+    excludeEach(answer, context);
+    excludeEach(answer, {first, last, reverse, follows, csv, pager});
   }
-  plan->excludes(counts);
   command->footer(
       "Off a terminal every record is one line: seq, time in UTC, level, the source's fields and "
-      "the message, separated by tabs.");
+      "the message, separated by tabs. With -A, -B or -C, a first column holds > for a match and "
+      "- for its context, and -- separates groups.");
   query.runs(cli::query, exitCode, [command](QueryOptions& parsed) {
     for (const auto& word : command->remaining()) {
       if (word.starts_with('-')) fail("there is no option {}; see --help", word);

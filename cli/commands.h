@@ -36,6 +36,16 @@ struct QueryOptions {
   std::optional<std::int64_t> after;
   std::optional<std::int64_t> first;
   std::optional<std::int64_t> last;
+  std::string since;  // empty if not given, here and below
+  std::string until;
+  std::optional<std::string> contained;
+  std::optional<std::string> expression;
+  std::optional<std::int64_t> around;  // records of context on both sides of a match
+  std::optional<std::int64_t> before;  // on one side, instead of `around`
+  std::optional<std::int64_t> behind;
+  std::optional<std::int64_t> bars;
+  bool isReversed = false;
+  bool showsTimeline = false;
   bool counts = false;
   bool follows = false;
   bool matchCase = false;

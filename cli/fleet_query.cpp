@@ -33,6 +33,13 @@ void refuseWhatNeedsADatabase(const QueryOptions& options) {
   refuse(options.showsPlan, "--plan");
   refuse(options.usesPager, "--pager");
   refuse(!options.source.empty(), "--source");
+  refuse(!options.since.empty(), "--since");
+  refuse(!options.until.empty(), "--until");
+  refuse(options.contained.has_value(), "--contains");
+  refuse(options.expression.has_value(), "--regex");
+  refuse(options.around || options.before || options.behind, "-A, -B or -C");
+  refuse(options.isReversed, "--reverse");
+  refuse(options.showsTimeline, "--timeline");
 }
 
 RecordFormat formatOf(const QueryOptions& options) {

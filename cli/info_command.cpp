@@ -18,6 +18,7 @@
 #include "output.h"
 #include "runeflow/platform/app_log.h"
 #include "terminal.h"
+#include "timeline_view.h"
 
 namespace cli {
 
@@ -34,16 +35,9 @@ struct Summary {
   std::int64_t records;
   std::int64_t firstSeq;
   std::int64_t lastSeq;
-  std::optional<runeflow::Timestamp> firstTime;
-  std::optional<runeflow::Timestamp> lastTime;
+  std::optional<runeflow::TimeSpan> times;
   LevelCounts levels;
 };
-
-std::optional<runeflow::Timestamp> timeOf(EventStore& store, std::int64_t seq) {
-  const auto records = store.fetchRange(seq, seq);
-  if (records.empty()) return std::nullopt;
-  return records.front().row.timestamp();
-}
 
 Summary summarise(EventStore& store, const std::string& path, int attempts = 5) {
   std::optional<EventStore::Snapshot> moment(std::in_place, store);
@@ -55,8 +49,7 @@ Summary summarise(EventStore& store, const std::string& path, int attempts = 5) 
                   store.count(),
                   first,
                   last,
-                  timeOf(store, first),
-                  timeOf(store, last),
+                  store.timeSpan(first, last),
                   countLevels(store, {})};
   if (attempts <= 1 || !moment->isDisturbed()) return summary;
   moment.reset();
@@ -64,18 +57,29 @@ Summary summarise(EventStore& store, const std::string& path, int attempts = 5) 
   return summarise(store, path, attempts - 1);
 }
 
+// The earliest and the latest time, which where clocks jump are not those of the first and the last
+// record.
+std::optional<std::int64_t> firstTime(const Summary& summary) {
+  return summary.times ? std::optional(summary.times->from) : std::nullopt;
+}
+std::optional<std::int64_t> lastTime(const Summary& summary) {
+  return summary.times ? std::optional(summary.times->until - 1) : std::nullopt;
+}
+
 void printJson(const std::string& path, const Summary& summary) {
   nlohmann::ordered_json object;
-  const auto time = [](const auto& t) {
-    return t ? nlohmann::ordered_json(host::utcTime(*t)) : nlohmann::ordered_json(nullptr);
+  const auto time = [](std::optional<std::int64_t> microseconds) {
+    return microseconds ? nlohmann::ordered_json(
+                              host::utcTime(runeflow::timestampFromMicroseconds(*microseconds)))
+                        : nlohmann::ordered_json(nullptr);
   };
   object["database"] = path;
   object["source"] = summary.kind;
   object["records"] = summary.records;
   object["firstSeq"] = summary.firstSeq;
   object["lastSeq"] = summary.lastSeq;
-  object["firstTime"] = time(summary.firstTime);
-  object["lastTime"] = time(summary.lastTime);
+  object["firstTime"] = time(firstTime(summary));
+  object["lastTime"] = time(lastTime(summary));
   for (const auto& [level, count] : summary.levels)
     object["levels"][std::string(host::levelName(level))] = count;
   object["usedBytes"] = summary.usedBytes;
@@ -86,11 +90,14 @@ void printJson(const std::string& path, const Summary& summary) {
 
 void printText(const std::string& path, const runeflow::SourceDescriptor& descriptor,
                const Summary& summary) {
-  const auto time = [](const auto& t) { return t ? host::localTime(*t) : std::string("-"); };
+  const auto time = [](std::optional<std::int64_t> microseconds) {
+    return microseconds ? host::localTime(runeflow::timestampFromMicroseconds(*microseconds))
+                        : std::string("-");
+  };
   printLine("{}: {} records", path, descriptor.displayName());
   printLine("  records     {}", summary.records);
   printLine("  seq         {} to {}", summary.firstSeq, summary.lastSeq);
-  printLine("  time        {} to {}", time(summary.firstTime), time(summary.lastTime));
+  printLine("  time        {} to {}", time(firstTime(summary)), time(lastTime(summary)));
   std::int64_t most = 0;
   for (const auto& [level, count] : summary.levels) most = std::max(most, count);
   for (const auto& [level, count] : summary.levels) {
@@ -100,6 +107,14 @@ void printText(const std::string& path, const runeflow::SourceDescriptor& descri
   printLine("  used bytes  {}", summary.usedBytes);
   printLine("  indexes     {}", fmt::join(summary.info.indexes, ", "));
   printLine("  full text   {}", summary.info.hasFullText ? "yes" : "no");
+}
+
+// Draws when the records were. Only a terminal is worth the time that this takes.
+void drawTimeline(EventStore& store, const Summary& summary) {
+  constexpr int kRows = 4;
+  if (!summary.times || !isTerminal(stdout)) return;
+  const auto grid = roundGrid(*summary.times, timelineColumns(), localOffset(summary.times->from));
+  printTimelineChart(store.timeline({}, grid.span, grid.bars), kRows);
 }
 
 bool hasConsent(const std::string& path, std::int64_t records) {
@@ -124,6 +139,8 @@ int info(const InfoOptions& options) {
     printJson(options.database, summary);
   } else {
     printText(options.database, store.descriptor(), summary);
+    drawTimeline(store, summary);
+    host::failIfIncomplete(store, options.database);
   }
   return 0;
 }

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <utility>
 
 #include "runeflow/store/event_store.h"
@@ -13,18 +14,18 @@ namespace cli {
 
 using LevelCounts = std::array<std::pair<runeflow::RuneflowLogLevel, std::int64_t>, 6>;
 
-// Counts the records at or above each level, which the index on the level answers, and subtracts
-// the count of the level above.
-inline LevelCounts countLevels(runeflow::EventStore& store, const runeflow::LogQuery& matching) {
-  using namespace runeflow;
+// Returns the counts of the records that match, from Trace to Fatal, in one read.
+inline LevelCounts countLevels(runeflow::EventStore& store,
+                               const std::optional<runeflow::LogQuery>& matching) {
   LevelCounts counts{};
-  std::int64_t above = 0;
-  for (auto raw = static_cast<std::int64_t>(counts.size()) - 1; raw >= 0; --raw) {
-    const auto atLeast =
-        QueryNode::field({StoreColumn::level(), FieldOp::greaterOrEqual, Bind::int_(raw)});
-    const auto total = store.countMatching({QueryNode::and_({matching.root, atLeast})});
-    counts[static_cast<std::size_t>(raw)] = {static_cast<RuneflowLogLevel>(raw), total - above};
-    above = total;
+  for (std::size_t raw = 0; raw < counts.size(); ++raw) {
+    counts[raw].first = static_cast<runeflow::RuneflowLogLevel>(raw);
+  }
+  const auto levels =
+      store.distinctValuesWithCounts(runeflow::StoreColumn::level(), matching, std::nullopt, -1);
+  for (const auto& [value, count] : levels) {
+    const auto raw = static_cast<std::size_t>(value.front() - '0');  // "0" to "5"
+    if (raw < counts.size()) counts[raw].second += count;
   }
   return counts;
 }

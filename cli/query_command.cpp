@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include <fmt/format.h>
 #include <poll.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <atomic>
-#include <csignal>
-#include <cstdlib>
+#include <chrono>
+#include <limits>
 #include <memory>
 #include <system_error>
 #include <utility>
@@ -16,58 +15,105 @@
 #include "host/database.h"
 #include "host/failure.h"
 #include "host/new_records.h"
+#include "host/record_search.h"
+#include "host/time_text.h"
 #include "interrupt.h"
+#include "match_printer.h"
 #include "output.h"
+#include "pager.h"
+#include "query_hints.h"
 #include "record_printer.h"
 #include "runeflow/query/query_parser.h"
 #include "terminal.h"
+#include "timeline_view.h"
 
 namespace cli {
 
 using runeflow::EventStore;
+using runeflow::FieldOp;
 using runeflow::LogQuery;
+using runeflow::QueryNode;
+using runeflow::StoreColumn;
+using runeflow::TimeSpan;
 
 namespace {
 
-constexpr std::size_t kPageRecords = 1'000;
 constexpr std::int64_t kFollowLockWait = 500;  // milliseconds; Ctrl-C waits for it
 constexpr int kFollowMilliseconds = 50;
+constexpr auto kEndOfSeqs = std::numeric_limits<std::int64_t>::max();
 
-// The user's pager. While it runs, this process ignores Ctrl-C, which the pager handles, and
-// SIGPIPE: if the user quits the pager early, only the printing ends.
-class Pager {
- public:
-  Pager() {
-    const char* wanted = std::getenv("PAGER");  // NOLINT(concurrency-mt-unsafe)
-    command_ = wanted && *wanted ? wanted : "less";
-    // R shows colours; F ends at once if one page is enough. NOLINTNEXTLINE(concurrency-mt-unsafe)
-    ::setenv("LESS", "FRX", 0);
-    pipe_ = ::popen(command_.c_str(), "w");
-    if (!pipe_)
-      host::fail("cannot start the pager '{}'; set PAGER to one that is installed", command_);
-    std::signal(SIGINT, SIG_IGN);
-    std::signal(SIGPIPE, SIG_IGN);
-  }
-  ~Pager() {
-    if (pipe_) ::pclose(pipe_);
-  }
-  Pager(const Pager&) = delete;
-  Pager& operator=(const Pager&) = delete;
-
-  std::FILE* stream() { return pipe_; }
-
-  void wait() {
-    constexpr int kNotFound = 127;  // the shell's exit code for a command that it cannot find
-    const int status = ::pclose(std::exchange(pipe_, nullptr));
-    if (WIFEXITED(status) && WEXITSTATUS(status) == kNotFound) {
-      host::fail("cannot start the pager '{}'; set PAGER to one that is installed", command_);
-    }
-  }
-
- private:
-  std::string command_;
-  std::FILE* pipe_ = nullptr;
+// What the user asks for, without the form of the answer.
+struct Question {
+  LogQuery typed;                             // the words of the command line
+  LogQuery query;                             // with the conditions of the options
+  TimeSpan times;                             // of --since and --until
+  std::optional<host::MessageFilter> filter;  // of --regex
 };
+
+std::int64_t now() {
+  const auto time = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
+}
+
+// Returns the time of the newest record, or that of now if there is none.
+std::int64_t endOf(EventStore& store) {
+  const auto newest = store.maxSeq();
+  const auto records = store.fetchPreviewRange(newest, newest, 0);
+  const auto time = records.empty()
+                        ? std::nullopt
+                        : runeflow::microsecondsSinceEpoch(records.front().row.timestamp());
+  return time.value_or(now());
+}
+
+// Returns the times from --since to before --until.
+TimeSpan timesOf(const QueryOptions& options, EventStore& store) {
+  TimeSpan times{std::numeric_limits<std::int64_t>::min(),
+                 std::numeric_limits<std::int64_t>::max()};
+  if (options.since.empty() && options.until.empty()) return times;
+  const host::TimeReference reference{.now = now(), .end = endOf(store)};
+  if (!options.since.empty()) times.from = host::parseTime(options.since, reference);
+  if (!options.until.empty()) times.until = host::parseTime(options.until, reference);
+  // Other times are excluded, so that consecutive spans do not overlap. The end has nothing behind.
+  if (options.until == "end") ++times.until;
+  if (times.from >= times.until) {
+    host::fail("--since {} is not before --until {}; no record could match", options.since,
+               options.until);
+  }
+  return times;
+}
+
+QueryNode containing(const std::string& text) {
+  constexpr std::size_t kLongestPattern = 50'000;  // bytes; SQLite's limit for LIKE
+  if (LogQuery::escapeLike(text).size() + 2 > kLongestPattern) {
+    host::fail("the text of --contains is too long; SQLite takes at most {} bytes",
+               kLongestPattern - 2);
+  }
+  return QueryNode::field({StoreColumn::message(), FieldOp::contains, runeflow::Bind::text(text)});
+}
+
+Question questionOf(const QueryOptions& options, EventStore& store) {
+  Question question{
+      runeflow::QueryParser::parse(options.text, store.descriptor(), options.matchCase),
+      {},
+      timesOf(options, store),
+      {}};
+  if (options.expression) question.filter.emplace(*options.expression);
+  std::vector<QueryNode> conditions;
+  const auto addTime = [&](FieldOp op, std::int64_t time) {
+    conditions.push_back(
+        QueryNode::field({StoreColumn::timestamp(), op, runeflow::Bind::int_(time)}));
+  };
+  if (!options.since.empty()) addTime(FieldOp::greaterOrEqual, question.times.from);
+  if (!options.until.empty()) addTime(FieldOp::lessOrEqual, question.times.until - 1);
+  if (conditions.empty() && !options.contained) {
+    question.query = question.typed;
+    return question;
+  }
+  if (!question.typed.isEmpty()) conditions.push_back(question.typed.root);
+  if (options.contained) conditions.push_back(containing(*options.contained));
+  question.query = {QueryNode::and_(std::move(conditions))};
+  return question;
+}
 
 RecordFormat formatOf(const QueryOptions& options) {
   if (options.isJson) return RecordFormat::json;
@@ -75,24 +121,9 @@ RecordFormat formatOf(const QueryOptions& options) {
   return isTerminal(stdout) ? RecordFormat::people : RecordFormat::plain;
 }
 
-void printRecords(EventStore& store, RecordPrinter& printer, const LogQuery& query,
-                  std::span<const std::int64_t> seqs, const std::string& path) {
-  while (!seqs.empty()) {
-    const auto page = seqs.first(std::min(seqs.size(), kPageRecords));
-    const auto records = store.fetch(page);
-    printer.print(records);
-    host::failIfMissing(store, query, page, records, path);
-    seqs = seqs.subspan(page.size());
-  }
-}
-
-std::span<const std::int64_t> chosen(std::span<const std::int64_t> seqs,
-                                     const QueryOptions& options) {
-  const auto atMost = [&](std::int64_t limit) {
-    return std::min(seqs.size(), static_cast<std::size_t>(limit));
-  };
-  if (options.last) return seqs.last(atMost(*options.last));
-  return options.first ? seqs.first(atMost(*options.first)) : seqs;
+Context contextOf(const QueryOptions& options) {
+  const auto around = options.around.value_or(0);
+  return {options.before.value_or(around), options.behind.value_or(around)};
 }
 
 bool hasReader(std::FILE* out) {
@@ -100,83 +131,188 @@ bool hasReader(std::FILE* out) {
   return ::poll(&output, 1, 0) >= 0 && (output.revents & POLLERR) == 0;
 }
 
-void follow(EventStore& store, RecordPrinter& printer, const LogQuery& query, std::int64_t after,
-            const std::string& path) {
+// Returns the seq after `seq`, if there is one.
+std::int64_t nextSeq(std::int64_t seq) {
+  return seq == kEndOfSeqs ? seq : seq + 1;
+}
+
+// The part of the matches to print: those above `after` and up to `end`, at most `limit`.
+struct Part {
+  std::int64_t after;
+  std::int64_t end;
+  std::int64_t limit = kEndOfSeqs;
+};
+
+// Prints the part from its oldest match on. Returns the number of its matches.
+std::int64_t printUp(host::RecordSearch& search, MatchPrinter& matches, Part part) {
+  std::int64_t printed = 0;
+  for (host::PageSize size; printed < part.limit;) {
+    const auto wanted = std::min(size.next(), part.limit - printed);
+    auto seqs = search.oldest(part.after, wanted);
+    const bool isLast = std::ssize(seqs) < wanted || seqs.back() >= part.end;
+    seqs.erase(std::ranges::upper_bound(seqs, part.end), seqs.end());
+    matches.print(seqs);
+    printed += std::ssize(seqs);
+    if (isLast) break;
+    part.after = seqs.back();
+  }
+  return printed;
+}
+
+// Prints the part from its newest match on. Returns the number of its matches.
+std::int64_t printDown(host::RecordSearch& search, MatchPrinter& matches, Part part) {
+  std::int64_t printed = 0;
+  auto below = nextSeq(part.end);
+  for (host::PageSize size; printed < part.limit;) {
+    const auto wanted = std::min(size.next(), part.limit - printed);
+    auto seqs = search.newest(below, wanted);
+    const bool isLast = std::ssize(seqs) < wanted || seqs.front() <= part.after;
+    seqs.erase(seqs.begin(), std::ranges::upper_bound(seqs, part.after));
+    matches.printDown(seqs);
+    printed += std::ssize(seqs);
+    if (isLast) break;
+    below = seqs.front();
+  }
+  return printed;
+}
+
+// Prints what is stored, as the options choose. Returns the number of matches.
+std::int64_t printStored(host::RecordSearch& search, MatchPrinter& matches,
+                         const QueryOptions& options, std::int64_t end) {
+  const auto after = options.after.value_or(0);
+  if (options.isReversed && !options.first) {
+    return printDown(search, matches, {after, end, options.last.value_or(kEndOfSeqs)});
+  }
+  if (!options.isReversed && !options.last) {
+    return printUp(search, matches, {after, end, options.first.value_or(kEndOfSeqs)});
+  }
+  auto seqs = options.last ? search.newest(nextSeq(end), *options.last)
+                           : search.oldest(after, *options.first);
+  seqs.erase(seqs.begin(), std::ranges::upper_bound(seqs, after));
+  if (options.isReversed) {
+    matches.printDown(seqs);
+  } else {
+    matches.print(seqs);
+  }
+  return std::ssize(seqs);
+}
+
+// Prints new matches until the user interrupts. All matches up to `after` were printed.
+void follow(EventStore& store, host::RecordSearch& search, MatchPrinter& matches,
+            std::int64_t after, const std::string& path) {
   const Interrupt interrupt;
   store.setLockWait(std::make_shared<std::atomic<std::int64_t>>(kFollowLockWait));
   host::NewRecords news;
   do {
     const auto change = news.look(store);
     if (!change) host::failWith(change.error(), path);
-    if (*change == host::NewRecords::Change::renumbered) after = 0;
+    if (*change == host::NewRecords::Change::renumbered) {
+      after = 0;
+      matches.restart();
+    }
     if (*change != host::NewRecords::Change::none) {
-      const auto seqs = store.matchingSeqs(query, after);
       // A full pipe blocks the output, which Ctrl-C must be able to end.
       interrupt.unblockSignals();
-      printRecords(store, printer, query, seqs, path);
+      printUp(search, matches, {after, news.newest()});
+      matches.catchUp(news.newest());
       flushOutput();
       interrupt.blockSignals();
-      // Records that were stored since the look are among the matches.
-      after = std::max({after, news.newest(), seqs.empty() ? 0 : seqs.back()});
+      after = std::max(after, news.newest());
     }
     host::failIfIncomplete(store, path);
   } while (!interrupt.waitFor(kFollowMilliseconds) && hasReader(stdout));
 }
 
-int count(EventStore& store, const LogQuery& query, const QueryOptions& options) {
-  const auto count =
-      options.after ? static_cast<std::int64_t>(store.matchingSeqs(query, *options.after).size())
-                    : store.countMatching(query);
-  fmt::print("{}\n", count);
-  host::failIfIncomplete(store, options.database);
-  return count > 0 ? 0 : 1;
+// Prints to `out`. Returns the number of the matches that were stored before.
+std::int64_t printTo(std::FILE* out, EventStore& store, const Question& question,
+                     const QueryOptions& options) {
+  const auto context = contextOf(options);
+  RecordPrinter printer(
+      store.descriptor(), {formatOf(options), showsColour(stdout), context.isWanted()},
+      {question.typed, options.matchCase, options.contained.value_or(""), question.filter}, out);
+  MatchPrinter matches(store, printer, context, question.query, options.database);
+  host::RecordSearch search(store, question.query, question.filter);
+  // --follow shows only new records unless the options ask for older ones.
+  const bool wantsOld = !options.follows || options.after || options.last || !options.since.empty();
+  const auto end = std::max(store.maxSeq(), options.after.value_or(0));
+  // Without --follow, what a damaged file lists without having a record is reported.
+  const auto last = end == 0 && !options.follows ? kEndOfSeqs : end;
+  const auto printed = wantsOld ? printStored(search, matches, options, last) : 0;
+  matches.catchUp(end);
+  if (options.follows) {
+    flushOutput();
+    follow(store, search, matches, end, options.database);
+  }
+  return printed;
 }
 
-void printTo(std::FILE* out, EventStore& store, const LogQuery& query, const QueryOptions& options,
-             std::span<const std::int64_t> seqs, std::int64_t followsFrom) {
-  RecordPrinter printer(
-      store.descriptor(), formatOf(options),
-      {runeflow::QueryParser::highlightTerms(query.root), options.matchCase, showsColour(stdout)},
-      out);
-  printRecords(store, printer, query, seqs, options.database);
-  if (!options.follows) return;
-  follow(store, printer, query, seqs.empty() ? followsFrom : seqs.back(), options.database);
+std::int64_t printRecords(EventStore& store, const Question& question,
+                          const QueryOptions& options) {
+  if (!options.usesPager || !isTerminal(stdout)) {
+    return printTo(stdout, store, question, options);
+  }
+  std::int64_t printed = 1;
+  Pager pager;
+  try {
+    printed = printTo(pager.stream(), store, question, options);
+  } catch (const std::system_error&) {
+    // The user has quit the pager.
+  }
+  pager.wait();
+  return printed;
+}
+
+std::int64_t printCount(host::RecordSearch& search, const QueryOptions& options) {
+  const auto count = search.count(options.after.value_or(0));
+  fmt::print("{}\n", count);
+  return count;
+}
+
+std::int64_t printTimeline(EventStore& store, host::RecordSearch& search, const Question& question,
+                           const QueryOptions& options) {
+  constexpr int kRows = 8;
+  constexpr std::size_t kUsualBars = 100;
+  auto span = store.timeSpan(1, kEndOfSeqs);
+  if (!span) return 0;
+  span->from = std::max(span->from, question.times.from);
+  span->until = std::min(span->until, question.times.until);
+  if (span->from >= span->until) return 0;
+  const bool draws = isTerminal(stdout) && !options.isJson;
+  const auto bars = options.bars ? static_cast<std::size_t>(*options.bars)
+                                 : (draws ? timelineColumns() : kUsualBars);
+  const auto grid = roundGrid(*span, bars, draws ? localOffset(span->from) : 0);
+  const auto timeline = search.timeline(grid.span, grid.bars);
+  if (draws) {
+    printTimelineChart(timeline, kRows);
+  } else {
+    printTimelineJson(timeline);
+  }
+  return recordsIn(timeline);
+}
+
+int printPlan(EventStore& store, const Question& question, const QueryOptions& options) {
+  const auto plan = store.matchingSeqsQueryPlan(question.query, options.after.value_or(0));
+  for (const auto& step : plan) printLine("{}", step);
+  return 0;
 }
 
 }  // namespace
 
 int query(const QueryOptions& options) {
   if (isFleet(options.database)) return queryFleet(options);
-  const auto after = options.after.value_or(0);
   auto store = host::openDatabase(options.database, options.source);
-  const auto parsed =
-      runeflow::QueryParser::parse(options.text, store.descriptor(), options.matchCase);
-  host::failIfRefused(store, parsed, options.database);
-  if (options.showsPlan) {
-    const auto plan = store.matchingSeqsQueryPlan(parsed, after);
-    for (const auto& step : plan) printLine("{}", step);
-    return 0;
-  }
-  if (options.counts) return count(store, parsed, options);
-
-  // --follow shows only new records unless the options ask for older ones.
-  const bool wantsOld = !options.follows || options.after || options.last;
-  // Read before the matches, so that records stored in between are shown, too.
-  const auto followsFrom = std::max(store.maxSeq(), after);
-  const auto seqs = wantsOld ? store.matchingSeqs(parsed, after) : std::vector<std::int64_t>();
-  if (options.usesPager && isTerminal(stdout)) {
-    Pager pager;
-    try {
-      printTo(pager.stream(), store, parsed, options, chosen(seqs, options), followsFrom);
-    } catch (const std::system_error&) {
-      // The user has quit the pager.
-    }
-    pager.wait();
-  } else {
-    printTo(stdout, store, parsed, options, chosen(seqs, options), followsFrom);
-  }
+  const auto question = questionOf(options, store);
+  host::failIfRefused(store, question.query, options.database);
+  if (options.showsPlan) return printPlan(store, question, options);
+  host::RecordSearch search(store, question.query, question.filter);
+  const auto found = options.counts          ? printCount(search, options)
+                     : options.showsTimeline ? printTimeline(store, search, question, options)
+                                             : printRecords(store, question, options);
   host::failIfIncomplete(store, options.database);
-  return seqs.empty() && !options.follows ? 1 : 0;
+  if (found > 0 || options.follows) return 0;
+  flushOutput();  // what is printed stands above the hint
+  hintAtSubstring(store, question.typed);
+  return 1;
 }
 
 }  // namespace cli

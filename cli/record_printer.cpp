@@ -21,49 +21,6 @@ using runeflow::RuneflowLogLevel;
 namespace {
 
 constexpr std::size_t kWidestColumn = 28;
-// Limits for highlighting, whose time is proportional to the number of words and the length of the
-// text.
-constexpr std::size_t kMostHighlightedWords = 64;
-constexpr std::size_t kLongestHighlightedWord = 128;
-
-char lowerAscii(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
-}
-
-bool isLetterOrDigit(char c) {
-  return (lowerAscii(c) >= 'a' && lowerAscii(c) <= 'z') || (c >= '0' && c <= '9');
-}
-
-// Returns true if the full-text index finds a query word at the place from `start` to `end` of
-// `text`. It finds a word at the beginning of a longer one only if it is a prefix word.
-bool isFoundByIndex(std::string_view text, std::size_t start, std::size_t end, bool isPrefixWord) {
-  const auto isWithinWord = [text](std::size_t at) {
-    return at > 0 && at < text.size() && isLetterOrDigit(text[at - 1]) && isLetterOrDigit(text[at]);
-  };
-  return !isWithinWord(start) && (isPrefixWord || !isWithinWord(end));
-}
-
-// Sets the elements of `covered` for the bytes of `text` at which `word` occurs. Without
-// `matchCase`, only the places count that the full-text index finds.
-void cover(std::vector<bool>& covered, std::string_view text, std::string_view word,
-           bool matchCase) {
-  const auto same = [matchCase](char a, char b) {
-    return a == b || (!matchCase && lowerAscii(a) == lowerAscii(b));
-  };
-  const bool isPrefixWord = runeflow::LogQuery::isPrefixWord(word);
-  std::size_t at = 0;
-  while (at < text.size()) {
-    const auto found = std::ranges::search(text.substr(at), word, same);
-    if (found.empty()) return;
-    at = static_cast<std::size_t>(found.data() - text.data());
-    if (matchCase || isFoundByIndex(text, at, at + word.size(), isPrefixWord)) {
-      std::fill_n(covered.begin() + static_cast<std::ptrdiff_t>(at), word.size(), true);
-      at += word.size();
-    } else {
-      ++at;
-    }
-  }
-}
 
 std::string_view slotText(const FetchedRow& record, std::int64_t slot) {
   return record.row.slot(slot).value_or(std::string_view());
@@ -98,11 +55,11 @@ std::string csvField(std::string_view text) {
   return quoted + '"';
 }
 
-RecordPrinter::RecordPrinter(const runeflow::SourceDescriptor& descriptor, RecordFormat format,
-                             Highlighting highlighting, std::FILE* out)
+RecordPrinter::RecordPrinter(const runeflow::SourceDescriptor& descriptor, RecordStyle style,
+                             host::MessageMarks marks, std::FILE* out)
     : descriptor_(descriptor),
-      format_(format),
-      highlighting_(std::move(highlighting)),
+      style_(style),
+      marks_(std::move(marks)),
       out_(out),
       isGuarded_(isTerminal(stdout)) {
   for (const auto& field : descriptor.fields()) {
@@ -110,30 +67,42 @@ RecordPrinter::RecordPrinter(const runeflow::SourceDescriptor& descriptor, Recor
       columns_.push_back({field.name(), slot->index, field.inTable()});
     }
   }
-  auto& words = highlighting_.words;
-  std::erase_if(words,
-                [](const std::string& word) { return word.size() > kLongestHighlightedWord; });
-  std::ranges::sort(words);
-  words.erase(std::ranges::unique(words).begin(), words.end());
-  if (words.size() > kMostHighlightedWords) words.resize(kMostHighlightedWords);
-  if (format_ == RecordFormat::csv) fmt::print(out_, "{}\r\n", csvHeader());
+  if (style_.format == RecordFormat::csv) fmt::print(out_, "{}\r\n", csvHeader());
 }
 
 void RecordPrinter::print(std::span<const FetchedRow> records) {
-  if (format_ == RecordFormat::people) fitColumnsTo(records);
+  printAs(records, [](const FetchedRow&) { return true; });
+}
+
+void RecordPrinter::print(std::span<const FetchedRow> records,
+                          std::span<const std::int64_t> matches) {
+  printAs(records, [matches](const FetchedRow& record) {
+    return std::ranges::binary_search(matches, record.seq);
+  });
+}
+
+void RecordPrinter::separate() {
+  const bool isForReading =
+      style_.format == RecordFormat::people || style_.format == RecordFormat::plain;
+  if (isForReading) fmt::print(out_, "--\n");
+}
+
+template <class IsMatch>
+void RecordPrinter::printAs(std::span<const FetchedRow> records, const IsMatch& isMatch) {
+  if (style_.format == RecordFormat::people) fitColumnsTo(records);
   for (const auto& record : records) {
-    switch (format_) {
+    switch (style_.format) {
       case RecordFormat::people:
-        fmt::print(out_, "{}\n", peopleLine(record));
+        fmt::print(out_, "{}\n", peopleLine(record, isMatch(record)));
         break;
       case RecordFormat::plain:
-        fmt::print(out_, "{}\n", host::plainLine(record, descriptor_));
+        fmt::print(out_, "{}\n", plainLine(record, isMatch(record)));
         break;
       case RecordFormat::json:
-        fmt::print(out_, "{}\n", jsonLine(record));
+        fmt::print(out_, "{}\n", jsonLine(record, isMatch(record)));
         break;
       case RecordFormat::csv:
-        fmt::print(out_, "{}\r\n", csvLine(record));
+        fmt::print(out_, "{}\r\n", csvLine(record, isMatch(record)));
         break;
     }
   }
@@ -150,43 +119,48 @@ void RecordPrinter::fitColumnsTo(std::span<const FetchedRow> records) {
   }
 }
 
-std::string RecordPrinter::peopleLine(const FetchedRow& record) const {
-  const bool usesColour = highlighting_.usesColour;
-  const auto paint = [usesColour](std::string_view code) {
-    return usesColour ? code : std::string_view();
+std::string RecordPrinter::peopleLine(const FetchedRow& record, bool isMatch) const {
+  const bool isDim = style_.hasContext && !isMatch;
+  const auto paint = [this, isDim](std::string_view code) {
+    return style_.usesColour && !isDim ? code : std::string_view();
   };
   const auto level = record.row.level();
-  std::string line =
-      fmt::format("{}{}{} {}{}{}", paint(colour::kDim), host::localTime(record.row.timestamp()),
-                  paint(colour::kReset), paint(levelColour(level)),
-                  host::levelName(level).substr(0, 1), paint(colour::kReset));
+  std::string line = fmt::format(
+      "{}{}{}{} {}{}{}", style_.hasContext ? (isMatch ? "> " : "  ") : "", paint(colour::kDim),
+      host::localTime(record.row.timestamp()), paint(colour::kReset), paint(levelColour(level)),
+      host::levelName(level).substr(0, 1), paint(colour::kReset));
   for (const auto& column : columns_) {
     if (!column.isInTable || column.width == 0) continue;
     line += ' ' + fitted(host::terminalField(slotText(record, column.slot)), column.width);
   }
-  return line + "  " + highlighted(record.row.message());
-}
-
-std::string RecordPrinter::highlighted(std::string_view message) const {
-  if (!highlighting_.usesColour || highlighting_.words.empty()) return host::terminalField(message);
-  std::vector<bool> covered(message.size(), false);
-  for (const auto& word : highlighting_.words)
-    cover(covered, message, word, highlighting_.matchCase);
-  std::string line;
-  for (std::size_t start = 0; start < message.size();) {
-    std::size_t end = start + 1;
-    while (end < message.size() && covered[end] == covered[start]) ++end;
-    const auto piece = host::terminalField(message.substr(start, end - start));
-    line +=
-        covered[start] ? fmt::format("{}{}{}", colour::kHighlight, piece, colour::kReset) : piece;
-    start = end;
-  }
+  line += "  ";
+  line += isDim ? host::terminalField(record.row.message()) : highlighted(record.row.message());
+  if (isDim && style_.usesColour) line = fmt::format("{}{}{}", colour::kDim, line, colour::kReset);
   return line;
 }
 
-std::string RecordPrinter::jsonLine(const FetchedRow& record) const {
+std::string RecordPrinter::highlighted(std::string_view message) const {
+  if (!style_.usesColour) return host::terminalField(message);
+  std::string line;
+  std::size_t done = 0;
+  for (const auto& [begin, end] : marks_.in(message)) {
+    line += host::terminalField(message.substr(done, begin - done));
+    line += fmt::format("{}{}{}", colour::kHighlight,
+                        host::terminalField(message.substr(begin, end - begin)), colour::kReset);
+    done = end;
+  }
+  return line + host::terminalField(message.substr(done));
+}
+
+std::string RecordPrinter::plainLine(const FetchedRow& record, bool isMatch) const {
+  const std::string_view mark = style_.hasContext ? (isMatch ? ">\t" : "-\t") : "";
+  return fmt::format("{}{}", mark, host::plainLine(record, descriptor_));
+}
+
+std::string RecordPrinter::jsonLine(const FetchedRow& record, bool isMatch) const {
   nlohmann::ordered_json object;
   object["seq"] = record.seq;
+  if (style_.hasContext) object["match"] = isMatch;
   object["time"] = host::utcTime(record.row.timestamp());
   object["level"] = host::levelName(record.row.level());
   for (const auto& column : columns_) {
@@ -199,14 +173,16 @@ std::string RecordPrinter::jsonLine(const FetchedRow& record) const {
 }
 
 std::string RecordPrinter::csvHeader() const {
-  std::string line = "seq,time,level";
+  std::string line = style_.hasContext ? "seq,match,time,level" : "seq,time,level";
   for (const auto& column : columns_) line += ',' + csvField(column.name);
   return line + ",message";
 }
 
-std::string RecordPrinter::csvLine(const FetchedRow& record) const {
-  std::string line = fmt::format("{},{},{}", record.seq, host::utcTime(record.row.timestamp()),
-                                 host::levelName(record.row.level()));
+std::string RecordPrinter::csvLine(const FetchedRow& record, bool isMatch) const {
+  std::string line = std::to_string(record.seq);
+  if (style_.hasContext) line += isMatch ? ",true" : ",false";
+  line += fmt::format(",{},{}", host::utcTime(record.row.timestamp()),
+                      host::levelName(record.row.level()));
   const auto append = [&](std::string_view text) {
     line += ',' + (isGuarded_ ? csvField(host::terminalField(text)) : csvField(text));
   };

@@ -21,30 +21,11 @@ namespace cli {
 
 using runeflow::EventStore;
 using runeflow::LogQuery;
-using runeflow::QueryNode;
 using runeflow::ValueCount;
 
 namespace {
 
 constexpr std::size_t kWidestValue = 40;
-
-// The library counts values only over all records. If there is a query, this function counts each
-// value separately.
-std::vector<ValueCount> slotValues(EventStore& store, const runeflow::StoreColumn& column,
-                                   const LogQuery& matching, const ValuesOptions& options) {
-  if (matching.isEmpty() && options.prefix.empty()) {
-    return store.distinctValuesWithCounts(column, options.limit);
-  }
-  std::vector<ValueCount> counted;
-  for (auto& value : store.distinctValues(column, matching, options.prefix, options.limit)) {
-    const auto hasValue =
-        QueryNode::field({column, runeflow::FieldOp::equals, runeflow::Bind::text(value)});
-    const LogQuery query{matching.isEmpty() ? hasValue
-                                            : QueryNode::and_({matching.root, hasValue})};
-    counted.push_back({std::move(value), store.countMatching(query)});
-  }
-  return counted;
-}
 
 bool isSameLetter(char a, char b) {
   return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
@@ -97,7 +78,8 @@ int values(const ValuesOptions& options) {
   host::failIfRefused(store, matching, options.database);
   const bool isLevel = field.column() == runeflow::StoreColumn::level();
   const auto counted = isLevel ? levelValues(store, matching, options)
-                               : slotValues(store, field.column(), matching, options);
+                               : store.distinctValuesWithCounts(field.column(), matching,
+                                                                options.prefix, options.limit);
   host::failIfIncomplete(store, options.database);
   printValues(counted, options.isJson);
   return counted.empty() ? 1 : 0;

@@ -1,0 +1,131 @@
+// SPDX-License-Identifier: MIT
+#include "query_hints.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "host/message_marks.h"
+#include "output.h"
+#include "runeflow/query/query_parser.h"
+
+namespace cli {
+
+using runeflow::EventStore;
+using runeflow::LogQuery;
+using runeflow::QueryNode;
+
+namespace {
+
+constexpr std::chrono::milliseconds kPatience{300};
+
+// Ends the reads of a store when the time is up.
+class Deadline {
+ public:
+  Deadline(EventStore& store, std::chrono::milliseconds time) : store_(store) {
+    store_.setCancellation(isOver_);
+    timer_ = std::jthread([this, time](const std::stop_token& stop) {
+      std::unique_lock lock(mutex_);
+      if (!ended_.wait_for(lock, stop, time, [&stop] { return stop.stop_requested(); })) {
+        isOver_->store(true);
+      }
+    });
+  }
+  ~Deadline() {
+    timer_.request_stop();
+    timer_.join();
+    store_.setCancellation(nullptr);
+    store_.takeError();  // a hint that could not be looked for is no failure
+  }
+  Deadline(const Deadline&) = delete;
+  Deadline& operator=(const Deadline&) = delete;
+
+ private:
+  EventStore& store_;
+  std::shared_ptr<std::atomic<bool>> isOver_ = std::make_shared<std::atomic<bool>>(false);
+  std::mutex mutex_;
+  std::condition_variable_any ended_;
+  std::jthread timer_;
+};
+
+// Appends the words of the full-text terms that are not under a NOT.
+void collectWords(const QueryNode& node, std::vector<std::string>& words) {
+  if (std::holds_alternative<QueryNode::Not>(node.value())) return;
+  if (std::holds_alternative<runeflow::FullTextTerm>(node.value())) {
+    auto found = runeflow::QueryParser::highlightTerms(node);
+    words.insert(words.end(), found.begin(), found.end());
+  }
+  for (const auto& child : node.children()) collectWords(child, words);
+}
+
+std::optional<std::int64_t> newestOf(EventStore& store, QueryNode root) {
+  constexpr auto kEnd = std::numeric_limits<std::int64_t>::max();
+  const auto seqs = store.newestMatching({std::move(root)}, kEnd, 1);
+  return seqs.empty() ? std::nullopt : std::optional(seqs.front());
+}
+
+// Returns the text between white space that holds the `word` in the message.
+std::string surrounding(std::string_view message, std::string_view word) {
+  constexpr std::string_view kBlanks = " \t\r\n";
+  const auto at = host::findIgnoringCase(message, word);
+  if (at == std::string_view::npos) return std::string(word);
+  const auto before = message.find_last_of(kBlanks, at);
+  const auto begin = before == std::string_view::npos ? 0 : before + 1;
+  const auto end = message.find_first_of(kBlanks, at + word.size());
+  return std::string(message.substr(begin, std::min(end, message.size()) - begin));
+}
+
+// Returns the word as a shell reads it back.
+std::string shellWord(std::string_view word) {
+  const auto isPlain = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           std::string_view("_./:@%+,-").contains(c);
+  };
+  if (std::ranges::all_of(word, isPlain) && !word.starts_with('-')) return std::string(word);
+  std::string quoted = "'";
+  for (const char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + '\'';
+}
+
+// Returns true if the word was the reason and the user knows.
+bool explains(EventStore& store, const std::string& word) {
+  constexpr std::size_t kLongestExample = 80;  // bytes
+  if (newestOf(store, QueryNode::fullText({word}))) return false;
+  const auto seq =
+      newestOf(store, QueryNode::field({runeflow::StoreColumn::message(),
+                                        runeflow::FieldOp::contains, runeflow::Bind::text(word)}));
+  if (!seq) return false;
+  const auto records = store.fetchRange(*seq, *seq);
+  if (records.empty()) return false;
+  const auto example = surrounding(records.front().row.message(), word);
+  say("no message has a word that {} '{}', but some have these letters within a word{}; "
+      "--contains {} finds them",
+      LogQuery::isPrefixWord(word) ? "begins with" : "is", word,
+      example.size() > kLongestExample ? std::string() : fmt::format(", as in '{}'", example),
+      shellWord(word));
+  return true;
+}
+
+}  // namespace
+
+void hintAtSubstring(EventStore& store, const LogQuery& query) {
+  constexpr std::size_t kMostWords = 8;
+  std::vector<std::string> words;
+  collectWords(query.root, words);
+  if (words.size() > kMostWords) words.resize(kMostWords);
+  const Deadline deadline(store, kPatience);
+  for (const auto& word : words) {
+    if (explains(store, word)) return;
+  }
+}
+
+}  // namespace cli
