@@ -152,7 +152,7 @@ bool Reader::forPart(const std::string& condition, const OnRecord& onRecord) {
 
 std::optional<RecordKey> Reader::keyOfNewest(const std::string& condition, std::int64_t records) {
   constexpr std::int64_t kDuplicates = 64;  // room for blocks that were sent twice
-  constexpr std::int64_t kWidestHours = 24 * 180;
+  constexpr std::int64_t kWidestHours = std::int64_t{24} * 180;
   const auto now = microsecondsNow();
   std::int64_t hours = 1;
   std::int64_t limit = records + kDuplicates;

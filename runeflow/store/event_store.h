@@ -329,8 +329,7 @@ class RUNEFLOW_EXPORT EventStore {
   /// present, restricts the values to those that begin with it; ASCII case is ignored.
   ///
   /// The most frequent value comes first. Values with equal counts are in byte order. The list has
-  /// at most `limit` values; a negative limit means no limit. A `limit` that does not fit 32 bits
-  /// counts as the nearest number that does.
+  /// at most `limit` values; a negative limit means no limit.
   std::vector<std::string> distinctValues(const StoreColumn& column,
                                           const std::optional<LogQuery>& matching,
                                           const std::optional<std::string>& prefix,

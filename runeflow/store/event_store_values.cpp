@@ -61,7 +61,7 @@ std::vector<std::string> EventStore::distinctValues(const StoreColumn& column,
     Statement statement = db.prepare(fmt::format(
         "SELECT {0} FROM events WHERE {1} GROUP BY {0} ORDER BY count(*) DESC, {0} ASC LIMIT ?",
         name, conditions));
-    if (statement) statement.bindInt32(bindAll(statement, 1, binds), limitParameter(limit));
+    if (statement) statement.bind(bindAll(statement, 1, binds), limit);
     db.forEachRow(statement, [&] {
       if (auto value = statement.optionalText(0)) values.push_back(std::move(*value));
     });
@@ -78,7 +78,7 @@ std::vector<ValueCount> EventStore::distinctValuesWithCounts(const StoreColumn& 
         "SELECT {0}, count(*) FROM events WHERE {0} IS NOT NULL AND {0} <> '' GROUP BY {0} "
         "ORDER BY count(*) DESC, {0} ASC LIMIT ?",
         column.sql()));
-    if (statement) statement.bindInt32(1, limitParameter(limit));
+    if (statement) statement.bind(1, limit);
     db.forEachRow(statement, [&] {
       if (auto value = statement.optionalText(0)) {
         values.push_back({std::move(*value), statement.integer(1)});
@@ -114,7 +114,7 @@ std::vector<ValueCount> EventStore::distinctValuesWithCounts(
     if (statement) {
       int index = 1;
       if (hasPrefix) statement.bind(index++, LogQuery::escapeLike(*prefix) + "%");
-      statement.bindInt32(bindAll(statement, index, compiled.binds), limitParameter(limit));
+      statement.bind(bindAll(statement, index, compiled.binds), limit);
     }
     db.forEachRow(statement, [&] {
       if (auto value = statement.optionalText(0)) {

@@ -32,9 +32,4 @@ bool isRefused(OpenDatabase& database, const LogQuery::Compiled& query) {
   return true;
 }
 
-std::int32_t limitParameter(std::int64_t limit) {
-  using Int32 = std::numeric_limits<std::int32_t>;
-  return static_cast<std::int32_t>(std::clamp<std::int64_t>(limit, Int32::min(), Int32::max()));
-}
-
 }  // namespace runeflow

@@ -24,7 +24,4 @@ Statement prepareMatching(OpenDatabase& database, std::string_view prefix,
 // clauses of other statements lie less deep; a query must fail in all reads or in none.
 bool isRefused(OpenDatabase& database, const LogQuery::Compiled& query);
 
-// Returns the nearest number of 32 bits.
-std::int32_t limitParameter(std::int64_t limit);
-
 }  // namespace runeflow

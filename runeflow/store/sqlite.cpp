@@ -51,10 +51,6 @@ void Statement::bind(int index, const Bind& value) {
   std::visit([&](const auto& content) { bind(index, content); }, value.value());
 }
 
-void Statement::bindInt32(int index, std::int32_t value) {
-  noteBind(sqlite3_bind_int(handle_.get(), index, value));
-}
-
 void Statement::bindNull(int index) {
   noteBind(sqlite3_bind_null(handle_.get(), index));
 }

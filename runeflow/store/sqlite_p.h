@@ -40,7 +40,6 @@ class Statement {
   void bind(int index, std::int64_t value);
   void bind(int index, const std::optional<std::string_view>& text);  // absent binds NULL
   void bind(int index, const Bind& value);
-  void bindInt32(int index, std::int32_t value);
   void bindNull(int index);
 
   Step step();
