@@ -73,6 +73,7 @@ Record readRecord(RowBinaryReader& reader) {
   std::string kind(reader.text());
   const auto level = runeflow::levelFromRawValue(reader.uint8());
   std::vector<std::optional<std::string_view>> fields;
+  fields.reserve(slotFields().size());
   for (std::size_t i = 0; i < slotFields().size(); ++i) fields.push_back(reader.nullableText());
   const auto message = reader.text();
   const auto keys = reader.texts();

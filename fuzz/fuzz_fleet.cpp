@@ -141,6 +141,7 @@ struct Server {
 
 Server* server() {
   static const auto one = []() -> std::unique_ptr<Server> {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet
     const char* url = std::getenv("RUNEFLOW_TEST_SERVER");
     return url ? std::make_unique<Server>(url) : nullptr;
   }();
