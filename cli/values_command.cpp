@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <tuple>
 
 #include "commands.h"
@@ -26,6 +27,13 @@ using runeflow::ValueCount;
 namespace {
 
 constexpr std::size_t kWidestValue = 40;
+
+std::vector<ValueCount> slotValues(EventStore& store, const runeflow::StoreColumn& column,
+                                   const LogQuery& matching, const ValuesOptions& options) {
+  const auto condition = matching.isEmpty() ? std::nullopt : std::optional(matching);
+  const auto prefix = options.prefix.empty() ? std::nullopt : std::optional(options.prefix);
+  return store.distinctValuesWithCounts(column, condition, prefix, options.limit);
+}
 
 bool isSameLetter(char a, char b) {
   return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
@@ -78,8 +86,7 @@ int values(const ValuesOptions& options) {
   host::failIfRefused(store, matching, options.database);
   const bool isLevel = field.column() == runeflow::StoreColumn::level();
   const auto counted = isLevel ? levelValues(store, matching, options)
-                               : store.distinctValuesWithCounts(field.column(), matching,
-                                                                options.prefix, options.limit);
+                               : slotValues(store, field.column(), matching, options);
   host::failIfIncomplete(store, options.database);
   printValues(counted, options.isJson);
   return counted.empty() ? 1 : 0;
