@@ -24,16 +24,16 @@ root=$(mktemp -d)
 trap 'rm -rf --one-file-system "$root"' EXIT
 cp -a "$base/." "$root"
 cp /etc/resolv.conf /etc/hosts "$root/etc/"
-mkdir "$root/root/packages"
-cp "$packages"/*.deb "$root/root/packages/"
-cp "$tree/examples/sample.log" "$tree/examples/minimal_host.cpp" "$root/root/"
-cp -r "$tree/tests/consumer" "$root/root/consumer"
+mkdir "$root/srv/packages"
+cp "$packages"/*.deb "$root/srv/packages/"
+cp "$tree/examples/sample.log" "$tree/examples/minimal_host.cpp" "$root/srv/"
+cp -r "$tree/tests/consumer" "$root/srv/consumer"
 
-cat >"$root/root/try.sh" <<'TRY'
+cat >"$root/srv/try.sh" <<'TRY'
 set -euo pipefail
-cd /root
+cd /srv
 say() { printf '\n== %s\n' "$*"; }
-files() { find / -xdev \( -path /proc -o -path /dev -o -path /root -o -path /tmp -o -path /var/cache -o -path /var/log \
+files() { find / -xdev \( -path /proc -o -path /dev -o -path /srv -o -path /tmp -o -path /var/cache -o -path /var/log \
   -o -path /var/lib/apt -o -path /var/lib/dpkg \) -prune -o -print | sort; }
 export DEBIAN_FRONTEND=noninteractive
 quiet="-qq -y --no-install-recommends -o Dpkg::Use-Pty=0"
@@ -60,7 +60,7 @@ apt-get $quiet install ./packages/lib*.deb ./packages/runeflow_*.deb >/dev/null
 g++ -std=c++23 minimal_host.cpp -o shared_host $(pkg-config --cflags --libs runeflow-core)
 g++ -std=c++23 minimal_host.cpp -o static_host -Wl,-Bstatic $(pkg-config --cflags --libs-only-L runeflow-core) \
   -lRuneflowCore -Wl,-Bdynamic $(pkg-config --static --libs runeflow-core | sed 's/-lRuneflowCore//')
-cmake -S consumer -B cmake -G Ninja -DHOST_SOURCE=/root/minimal_host.cpp >/dev/null
+cmake -S consumer -B cmake -G Ninja -DHOST_SOURCE=/srv/minimal_host.cpp >/dev/null
 cmake --build cmake >/dev/null
 for host in ./shared_host ./static_host cmake/consumer; do
   [ "$($host sample.log "${host##*/}.db" 'connect wifi NOT tag:chatty' | wc -l)" = 50 ]
@@ -77,4 +77,4 @@ TRY
 # shellcheck disable=SC2016 # the inner shell expands them
 root=$root unshare --mount --propagation private bash -c '
   mount -t proc proc "$root/proc" && mount --rbind /dev "$root/dev" &&
-  exec env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 TZ=UTC chroot "$root" bash /root/try.sh'
+  exec env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/srv LANG=C.UTF-8 TZ=UTC chroot "$root" bash /srv/try.sh'

@@ -29,8 +29,8 @@ class RUNEFLOW_EXPORT WordMarks {
   /// `substringScan`, and all terms if SQLite has no FTS5, mark the text itself and ignore the case
   /// of ASCII letters.
   WordMarks(const LogQuery& query, bool matchCase);
-  WordMarks(WordMarks&&) noexcept;
-  WordMarks& operator=(WordMarks&&) noexcept;
+  WordMarks(WordMarks&&) noexcept;             ///< Takes the words of another object.
+  WordMarks& operator=(WordMarks&&) noexcept;  ///< Takes the words of another object.
   ~WordMarks();
 
   /// A piece of a message: the bytes [begin, end).

@@ -36,8 +36,8 @@ class RUNEFLOW_EXPORT WordTokenizer {
   /// Returns a tokenizer. Absent if SQLite has no FTS5.
   static std::optional<WordTokenizer> create();
 
-  WordTokenizer(WordTokenizer&&) noexcept;
-  WordTokenizer& operator=(WordTokenizer&&) noexcept;
+  WordTokenizer(WordTokenizer&&) noexcept;             ///< Takes the database of another tokenizer.
+  WordTokenizer& operator=(WordTokenizer&&) noexcept;  ///< Takes the database of another tokenizer.
   ~WordTokenizer();
 
   /// Returns all words of `text` in order. Bytes that are not UTF-8 are read as the index reads
