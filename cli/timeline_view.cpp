@@ -133,13 +133,11 @@ std::string localTime(std::int64_t microseconds, std::int64_t width) {
 
 // Returns the part of a local time that tells ticks of that distance apart.
 std::string tickLabel(std::int64_t microseconds, std::int64_t distance) {
-  const auto text = localTime(microseconds, distance);
+  auto text = localTime(microseconds, distance);
   const auto blank = text.find(' ');
   if (blank == std::string::npos) return text;
-  const auto date = text.substr(0, blank);
-  const auto time = text.substr(blank + 1);
-  if (distance >= kDay) return date;
-  return distance >= kMinute ? time.substr(0, 5) : time;
+  if (distance >= kDay) return text.substr(0, blank);
+  return text.substr(blank + 1, distance >= kMinute ? 5 : std::string::npos);
 }
 
 std::string widthText(std::int64_t width) {
@@ -205,6 +203,7 @@ void printTimelineChart(const Timeline& timeline, int rows) {
   std::int64_t most = 0;
   for (const auto& bar : timeline.bars) most = std::max(most, total(bar));
   std::vector<Heights> heights;
+  heights.reserve(timeline.bars.size());
   for (const auto& bar : timeline.bars) heights.push_back(heightsOf(bar, most, rows * kEighths));
   for (int row = rows - 1; row >= 0; --row) {
     const bool isTop = row == rows - 1;

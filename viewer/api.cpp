@@ -187,7 +187,7 @@ void Call::requireComplete() const {
                 "the query has more conditions or deeper groups than SQLite takes; shorten it");
 }
 
-HttpAnswer Call::answer(Json members) const {
+HttpAnswer Call::answer(const Json& members) const {
   requireComplete();
   Json object = {{"generation", state_.generation}};
   object.update(members);

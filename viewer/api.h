@@ -75,7 +75,7 @@ class Call {
   void requireComplete() const;
 
   // An answer with the generation of the database in front.
-  HttpAnswer answer(Json members) const;
+  HttpAnswer answer(const Json& members) const;
 
  private:
   const HttpRequest& request_;

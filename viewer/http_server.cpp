@@ -80,7 +80,8 @@ Response responseTo(MHD_Connection* connection, HttpAnswer& answer) {
     auto reader = std::make_unique<FeedReader>(connection, answer.feed);
     made = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kFeedBlock, readFeed, reader.get(),
                                              freeFeed);
-    if (made) static_cast<void>(reader.release());
+    if (made) [[maybe_unused]]
+      auto* const owned = reader.release();  // freeFeed() deletes it
   } else {
     made = MHD_create_response_from_buffer(answer.body.size(), answer.body.data(),
                                            MHD_RESPMEM_MUST_COPY);
