@@ -311,7 +311,7 @@ int query(const QueryOptions& options) {
   host::failIfIncomplete(store, options.database);
   if (found > 0 || options.follows) return 0;
   flushOutput();  // what is printed stands above the hint
-  hintAtSubstring(store, question.typed);
+  hintAt(store, options.text, question.typed);
   return 1;
 }
 

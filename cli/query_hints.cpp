@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "query_hints.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -15,6 +18,7 @@
 #include <vector>
 
 #include "host/message_marks.h"
+#include "host/query_mistakes.h"
 #include "output.h"
 #include "runeflow/query/query_parser.h"
 
@@ -57,6 +61,16 @@ class Deadline {
   std::jthread timer_;
 };
 
+// Returns false for a stream that is closed or goes to the null device, for which no hint is worth
+// a read. See reserveStandardDescriptors() for the closed ones.
+bool reachesSomebody(int stream) {
+  struct stat status{};
+  struct stat null{};
+  if (::fstat(stream, &status) != 0) return false;
+  return ::stat("/dev/null", &null) != 0 || status.st_rdev != null.st_rdev ||
+         !S_ISCHR(status.st_mode);
+}
+
 // Appends the words of the full-text terms that are not under a NOT.
 void collectWords(const QueryNode& node, std::vector<std::string>& words) {
   if (std::holds_alternative<QueryNode::Not>(node.value())) return;
@@ -96,8 +110,8 @@ std::string shellWord(std::string_view word) {
   return quoted + '\'';
 }
 
-// Returns true if the word was the reason and the user knows.
-bool explains(EventStore& store, const std::string& word) {
+// Says if no message has the word, but some have its letters. Returns true if it did.
+bool hintAtSubstring(EventStore& store, const std::string& word) {
   constexpr std::size_t kLongestExample = 80;  // bytes
   if (newestOf(store, QueryNode::fullText({word}))) return false;
   const auto seq =
@@ -117,14 +131,21 @@ bool explains(EventStore& store, const std::string& word) {
 
 }  // namespace
 
-void hintAtSubstring(EventStore& store, const LogQuery& query) {
+void hintAt(EventStore& store, std::string_view line, const LogQuery& query) {
   constexpr std::size_t kMostWords = 8;
+  if (!reachesSomebody(STDERR_FILENO)) return;
+  if (const auto mistake = host::mistakeIn(line, store.descriptor()); !mistake.empty()) {
+    return say("{}", mistake);
+  }
+  const Deadline deadline(store, kPatience);
+  if (const auto others = host::otherValuesFor(store, query); !others.empty()) {
+    return say("{}", others);
+  }
   std::vector<std::string> words;
   collectWords(query.root, words);
   if (words.size() > kMostWords) words.resize(kMostWords);
-  const Deadline deadline(store, kPatience);
   for (const auto& word : words) {
-    if (explains(store, word)) return;
+    if (hintAtSubstring(store, word)) return;
   }
 }
 

@@ -3,13 +3,16 @@
 // What a user may have meant by a query that finds nothing.
 #pragma once
 
+#include <string_view>
+
 #include "runeflow/store/event_store.h"
 
 namespace cli {
 
-// Says on standard error if no message holds a word of the query, but some hold its letters within
-// a word, and names the option that finds them. Looks at the newest records for a fraction of a
-// second.
-void hintAtSubstring(runeflow::EventStore& store, const runeflow::LogQuery& query);
+// Says at most one sentence on standard error about a query that has found nothing: what of its
+// line reads like a mistake, which values are meant by one that no record has, or that the letters
+// of a word stand within words. Looks into the store for a fraction of a second, and not at all if
+// standard error goes nowhere.
+void hintAt(runeflow::EventStore& store, std::string_view line, const runeflow::LogQuery& query);
 
 }  // namespace cli

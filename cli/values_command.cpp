@@ -14,6 +14,7 @@
 #include "host/terminal_text.h"
 #include "json_line.h"
 #include "level_counts.h"
+#include "query_hints.h"
 #include "runeflow/query/query_parser.h"
 #include "terminal.h"
 #include "value_list.h"
@@ -89,7 +90,9 @@ int values(const ValuesOptions& options) {
                                : slotValues(store, field.column(), matching, options);
   host::failIfIncomplete(store, options.database);
   printValues(counted, options.isJson);
-  return counted.empty() ? 1 : 0;
+  if (!counted.empty()) return 0;
+  hintAt(store, options.matching, matching);
+  return 1;
 }
 
 }  // namespace cli
