@@ -181,8 +181,10 @@ class Runeflow:
         pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
         process = self.start(command, *arguments, **pipes)
         output, errors = process.communicate(timeout=PATIENCE)
-        # Only clear reports its success on standard error. Exit code 1 means that nothing matched.
-        if process.returncode not in (0, 1) or (errors and command != "clear"):
+        # Exit code 1 means that nothing matched, of which a query may say why. Clear reports its
+        # success on standard error.
+        may_talk = command == "clear" or (command == "query" and process.returncode == 1)
+        if process.returncode not in (0, 1) or (errors and not may_talk):
             code, text = process.returncode, errors.decode().strip()
             raise RuntimeError(f"{command} ended with exit code {code}, saying '{text}'")
         return output
