@@ -150,5 +150,37 @@ TEST(Examples, liveTailPrintsNewRecordsReconnectsAndEndsOnCtrlC) {
                                     HasSubstr("cc"), Not(HasSubstr("aa"))));
 }
 
+TEST(Examples, virtualListShowsAnyPartOfTheMatches) {
+  const test::TemporaryFolder folder;
+  const auto log = folder.file("a.log");
+  std::ofstream lines(log);
+  for (int i = 0; i < 10'000; ++i) {
+    const auto* word = i % 2 == 0 ? "even" : "odd";
+    lines << "03-17 14:05:06.007  1  2 I T: " << word << ' ' << i << '\n';
+  }
+  lines.close();
+  const auto database = folder.file("a.db");
+  const auto captures =
+      std::string(RUNEFLOW_MINIMAL_HOST) + " " + log + " " + database + " nothing";
+  ASSERT_EQ(std::system(captures.c_str()), 0);
+
+  const auto shown = [&](const std::string& query, const std::string& rows) {
+    const auto out = folder.file("shown");
+    const auto lists = "printf '%s\n' " + rows + " | " + RUNEFLOW_VIRTUAL_LIST + " " + database +
+                       " '" + query + "' >" + out;
+    EXPECT_EQ(std::system(lists.c_str()), 0);
+    return contents(out);
+  };
+  // A block of 4,096 records holds 2,048 even ones.
+  const auto even = shown("even", "0 2047 4995 5000");
+  EXPECT_THAT(even, StartsWith("5000 matches"));
+  EXPECT_THAT(even, HasSubstr("\n0 even 0\n1 even 2\n"));
+  EXPECT_THAT(even, HasSubstr("\n19 even 38\n2047 even 4094\n2048 even 4096\n"));
+  EXPECT_THAT(even, testing::EndsWith("\n4995 even 9990\n4996 even 9992\n4997 even 9994\n"
+                                      "4998 even 9996\n4999 even 9998\n"));
+  EXPECT_THAT(shown("", "9999"), testing::EndsWith("9999 odd 9999\n"));
+  EXPECT_THAT(shown("neither", "0"), StartsWith("0 matches"));
+}
+
 }  // namespace
 }  // namespace runeflow
