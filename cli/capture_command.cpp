@@ -15,6 +15,7 @@
 #include "host/failure.h"
 #include "host/overlap.h"
 #include "host/pump.h"
+#include "host/stored_before.h"
 #include "host/stream.h"
 #include "interrupt.h"
 #include "progress.h"
@@ -60,6 +61,12 @@ class Capture {
           "connection is lost is stored again");
     }
     for (auto& stream : streams_) {
+      if (!options_.again && host::isStoredBefore(store_, stream)) {
+        progress_.say(fmt::format("{} is captured in {} already; --again captures it once more",
+                                  stream.name, options_.database));
+        hasFailed_ = true;
+        continue;
+      }
       if (!runStream(stream, std::nullopt)) break;
       if (options_.reconnects) reconnectUntilInterrupted();
     }

@@ -4,15 +4,20 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
 #include <functional>
 #include <memory>
+#include <span>
 #include <vector>
 
 #include "commands.h"
 #include "host/byte_count.h"
+#include "host/database.h"
 #include "host/failure.h"
 #include "host/log_kind.h"
+#include "host/query_mistakes.h"
+#include "host/stream.h"
 
 namespace cli {
 namespace {
@@ -72,13 +77,90 @@ CLI::Validator atLeast(std::int64_t smallest) {
           ""};
 }
 
+// The words of the command line behind the name of the program.
+class Words {
+ public:
+  Words(int argc, char** argv) : all_(argv + std::min(argc, 1), argv + argc) {
+    optionsEnd_ = static_cast<std::size_t>(std::ranges::find(all_, "--") - all_.begin());
+  }
+
+  // Returns those that may be options: the words before "--".
+  std::span<const std::string> options() const { return std::span(all_).first(optionsEnd_); }
+
+  // Returns whether the word is typed behind "--", where nothing is an option.
+  bool isBehindOptions(const std::string& word) const {
+    const auto others = std::span(all_).subspan(optionsEnd_);
+    return std::ranges::find(others, word) != others.end();
+  }
+
+ private:
+  std::vector<std::string> all_;
+  std::size_t optionsEnd_ = 0;
+};
+
+// Fails for an option that the command does not have.
+[[noreturn]] void failForOption(const CLI::App& command, const std::string& word) {
+  const auto name = word.substr(0, word.find('='));
+  std::vector<std::string> names;
+  for (const auto* option : command.get_options()) {
+    for (const auto& known : option->get_lnames()) names.push_back("--" + known);
+  }
+  const auto near = host::nearest(name, names);
+  const auto help = command.get_parent() ? command.get_name() + " --help" : "--help";
+  if (near.empty()) fail("there is no option {}; see runeflow {}", name, help);
+  fail("there is no option {}; did you mean {}? See runeflow {}", name, near, help);
+}
+
+// Fails for a line without a subcommand.
+[[noreturn]] void failForCommand(const CLI::App& app, const Words& words) {
+  std::vector<std::string> names;
+  for (const auto* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+    if (!command->get_group().empty()) names.push_back(command->get_name());
+  }
+  const auto typed = words.options();
+  const auto first =
+      std::ranges::find_if(typed, [](const std::string& word) { return !word.starts_with('-'); });
+  if (first == typed.end()) {
+    if (!typed.empty()) failForOption(app, typed.front());
+    fail("name a command: {}; see --help", fmt::join(names, ", "));
+  }
+  if (const auto near = host::nearest(*first, names); !near.empty()) {
+    fail("there is no command '{}'; did you mean {}? See --help", *first, near);
+  }
+  if (host::isDatabaseFile(*first)) {
+    fail("'{0}' is a database; ask it: runeflow query {0}", *first);
+  }
+  if (const auto* kind = host::kindOfFile(*first)) {
+    fail("'{0}' is {1}; capture it first: runeflow capture {0} --db {0}.db", *first, kind->form);
+  }
+  fail("there is no command '{}'; the commands are {}", *first, fmt::join(names, ", "));
+}
+
+// Says what is wrong with a line that could not be parsed.
+[[noreturn]] void failForLine(const CLI::App& app, const Words& words,
+                              const CLI::ParseError& error) {
+  const auto chosen = app.get_subcommands();
+  if (chosen.empty()) failForCommand(app, words);
+  const auto& command = *chosen.front();
+  const bool isExtra = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError);
+  for (const auto& word : words.options()) {
+    const bool isOption = word.size() > 2 && word.starts_with("--");
+    const auto name = word.substr(0, word.find('='));
+    if (isExtra && isOption && !command.get_option_no_throw(name)) failForOption(command, word);
+  }
+  fail("{}; see runeflow {} --help", error.what(), command.get_name());
+}
+
 void addCapture(CLI::App& app, int& exitCode) {
   Subcommand<CaptureOptions> capture(app, "capture",
                                      "Store the records of a log stream in a database");
   auto* command = capture.command;
   auto& options = *capture.options;
   auto maxBytes = std::make_shared<std::string>();
-  command->add_option("FILE", options.files, "Logcat text or DLT recordings; - is standard input")
+  command
+      ->add_option("FILE", options.files,
+                   "Logcat text or DLT recordings, also packed with gzip; - is standard input")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
       ->type_name("");
   command->add_option("--db", options.database, "The database; created if it does not exist")
       ->required()
@@ -106,6 +188,8 @@ void addCapture(CLI::App& app, int& exitCode) {
       ->capture_default_str();
   capture.addFlag("--reconnect", &CaptureOptions::reconnects,
                   "Connect again when a live stream has ended");
+  capture.addFlag("--again", &CaptureOptions::again,
+                  "Also capture files whose records are stored already");
   capture.runs(cli::capture, exitCode, [adb, maxBytes](CaptureOptions& parsed) {
     parsed.isAdb = adb->count() > 0;
     if (!maxBytes->empty()) parsed.maxBytes = host::parseByteCount(*maxBytes);
@@ -149,7 +233,7 @@ void addQueryContext(Subcommand<QueryOptions>& query, std::vector<CLI::Option*>&
   add("-C,--context", options.around, "Also N records before and after each match");
 }
 
-void addQuery(CLI::App& app, int& exitCode) {
+void addQuery(CLI::App& app, const Words& words, int& exitCode) {
   Subcommand<QueryOptions> query(app, "query", "Print the records that match a query");
   auto* command = query.command;
   auto& options = *query.options;
@@ -201,9 +285,9 @@ void addQuery(CLI::App& app, int& exitCode) {
       "Off a terminal every record is one line: seq, time in UTC, level, the source's fields and "
       "the message, separated by tabs. With -A, -B or -C, a first column holds > for a match and "
       "- for its context, and -- separates groups.");
-  query.runs(cli::query, exitCode, [command](QueryOptions& parsed) {
+  query.runs(cli::query, exitCode, [command, &words](QueryOptions& parsed) {
     for (const auto& word : command->remaining()) {
-      if (word.starts_with('-')) fail("there is no option {}; see --help", word);
+      if (word.starts_with('-') && !words.isBehindOptions(word)) failForOption(*command, word);
       parsed.text += ' ' + word;
     }
   });
@@ -316,11 +400,15 @@ int runCommandLine(int argc, char** argv) {
   CLI::App app("Captures log streams into an SQLite database and answers questions about them.",
                "runeflow");
   app.require_subcommand(1);
+  // Where an option is given twice, the last one counts.
+  app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
   app.footer("Exit codes: 0 done, 1 nothing matched, 2 a usage or input error.");
   app.set_version_flag("--version", RUNEFLOW_VERSION);
   int exitCode = 0;
-  for (auto* add : {addCapture, addQuery, addValues, addInfo, addClear, addCheck, addShip,
-                    addSources, addView}) {
+  const Words words(argc, argv);
+  addCapture(app, exitCode);
+  addQuery(app, words, exitCode);
+  for (auto* add : {addValues, addInfo, addClear, addCheck, addShip, addSources, addView}) {
     add(app, exitCode);
   }
   try {
@@ -328,7 +416,7 @@ int runCommandLine(int argc, char** argv) {
   } catch (const CLI::Success& wanted) {  // --help and --version
     return app.exit(wanted);
   } catch (const CLI::ParseError& error) {
-    fail("{}; see --help", error.what());
+    failForLine(app, words, error);
   }
   return exitCode;
 }

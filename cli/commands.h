@@ -25,6 +25,7 @@ struct CaptureOptions {
   std::string command = host::kLogcatCommand;
   bool isAdb = false;
   bool reconnects = false;
+  bool again = false;  // also files that were captured before
 
   bool isLive() const { return isAdb || !dltTarget.empty(); }
 };

@@ -97,7 +97,7 @@ std::string sentenceFor(const PumpResult& pumped, const Stream& stream,
     case StreamEnd::interrupted:
       return {};
     case StreamEnd::failed:
-      return fmt::format("cannot read {} to its end: {}", stream.name, systemError(pumped.error));
+      return fmt::format("cannot read {} to its end: {}", stream.name, pumped.reason);
     case StreamEnd::endless:
       return fmt::format("{} holds a line of more than {} MB; is it {}?", stream.name,
                          PumpResult::longestRecord >> 20, stream.kind->form);

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "host/failure.h"
+#include "host/stream.h"
 
 namespace host {
 
@@ -18,9 +19,11 @@ using runeflow::StoreFault;
 
 namespace {
 
+constexpr std::string_view kMagic("SQLite format 3\0", 16);
+
 // Fails if the file cannot be a database. SQLite would notice that only at the first statement and
 // could not say as clearly what is wrong.
-void requireDatabaseFile(const std::string& path) {
+void requireDatabaseFile(const std::string& path, bool isForCapture) {
   std::error_code error;
   const auto status = std::filesystem::status(path, error);
   if (status.type() == std::filesystem::file_type::not_found) {
@@ -31,13 +34,16 @@ void requireDatabaseFile(const std::string& path) {
   if (!std::filesystem::is_regular_file(status)) fail("{} is not a database", path);
   std::ifstream file(path, std::ios::binary);
   if (!file) fail("cannot read {}: {}", path, systemError(errno));
-  constexpr std::string_view kMagic("SQLite format 3\0", 16);
   std::array<char, kMagic.size()> head{};
   file.read(head.data(), head.size());
   const auto size = static_cast<std::size_t>(file.gcount());
   // An empty file is an empty database for SQLite.
-  if (size != 0 && std::string_view(head.data(), size) != kMagic)
-    fail("{} is not a database", path);
+  if (size == 0 || std::string_view(head.data(), size) == kMagic) return;
+  const auto* kind = kindOfFile(path);
+  if (!kind) fail("{} is not a database", path);
+  if (isForCapture) fail("{} is {}, not a database; name another file", path, kind->form);
+  fail("{0} is {1}, not a database; capture it first: runeflow capture {0} --db {0}.db", path,
+       kind->form);
 }
 
 std::string_view adviceFor(StoreFault fault) {
@@ -62,8 +68,8 @@ std::string_view adviceFor(StoreFault fault) {
   return "";
 }
 
-runeflow::StoreInfo inspected(const std::string& path) {
-  requireDatabaseFile(path);
+runeflow::StoreInfo inspected(const std::string& path, bool isForCapture = false) {
+  requireDatabaseFile(path, isForCapture);
   auto info = EventStore::inspect(path);
   if (info.fault == StoreFault::none || info.fault == StoreFault::noEvents) return info;
   fail("cannot read {}: {}{}", path, info.faultText, adviceFor(info.fault));
@@ -82,6 +88,14 @@ const LogKind* kindOf(const runeflow::StoreInfo& info) {
   const auto found = std::ranges::find_if(
       kinds, [&](const LogKind& kind) { return info.hasIndexesOf(kind.descriptor()); });
   return found == kinds.end() ? nullptr : &*found;
+}
+
+bool isDatabaseFile(const std::string& path) {
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(path, error)) return false;
+  std::array<char, kMagic.size()> head{};
+  std::ifstream(path, std::ios::binary).read(head.data(), head.size());
+  return std::string_view(head.data(), head.size()) == kMagic;
 }
 
 EventStore openDatabase(const std::string& path, const std::string& source) {
@@ -145,7 +159,7 @@ void failIfRefused(EventStore& store, const runeflow::LogQuery& query, const std
 EventStore openForCapture(const std::string& path, const SourceDescriptor& descriptor) {
   std::error_code ignored;
   if (std::filesystem::exists(path, ignored)) {
-    const auto info = inspected(path);
+    const auto info = inspected(path, true);
     if (!info.isEmpty && info.fault == StoreFault::noEvents) {
       fail("{} is somebody else's database; capture into a file of its own", path);
     }

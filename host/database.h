@@ -16,6 +16,9 @@ namespace host {
 // Returns the kind of log that has the same indexes as the store, or null if there is none.
 const LogKind* kindOf(const runeflow::StoreInfo& info);
 
+// Returns whether the file at `path` begins as an SQLite database does.
+bool isDatabaseFile(const std::string& path);
+
 // Opens a database that must exist for reads, which change no file. `source` names the kind of its
 // records; if it is empty, the indexes tell.
 runeflow::EventStore openDatabase(const std::string& path, const std::string& source);

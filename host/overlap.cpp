@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "host/record_key.h"
+
 namespace host {
 namespace {
 
@@ -18,19 +20,6 @@ constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 
 std::int64_t microsecondsOf(const LogRow& row) {
   return runeflow::microsecondsSinceEpoch(row.timestamp()).value_or(0);
-}
-
-// A line that could not be decoded has no tag, and its time is the time of its decoding.
-bool isRaw(const LogRow& row) {
-  return !row.slot(0);
-}
-
-// The same for a stored and a decoded record, whose times may differ in the last bit of a double.
-std::string keyOf(const LogRow& row) {
-  if (isRaw(row)) return std::string(row.message());
-  auto key = fmt::format("{}\n{}", microsecondsOf(row), runeflow::rawValue(row.level()));
-  for (const auto& slot : row.slots()) key += fmt::format("\n{}", slot.value_or("\n"));
-  return key += fmt::format("\n{}", row.message());
 }
 
 class OverlapFilter final : public runeflow::RowDecoder {
@@ -48,8 +37,8 @@ class OverlapFilter final : public runeflow::RowDecoder {
  private:
   bool drop(const LogRow& row) {
     // Behind the overlap, a line without a time that reads like a stored one is a new one.
-    if (!isRaw(row) && microsecondsOf(row) > end_) records_.clear();
-    const auto found = records_.find(keyOf(row));
+    if (!isRawRow(row) && microsecondsOf(row) > end_) records_.clear();
+    const auto found = records_.find(recordKey(row));
     if (found == records_.end()) return false;
     if (--found->second == 0) records_.erase(found);
     return true;
@@ -65,7 +54,7 @@ class OverlapFilter final : public runeflow::RowDecoder {
 Overlap::Overlap(runeflow::EventStore& store) {
   const auto last = store.maxSeq();
   const auto rows = store.fetchRange(last - kMostRecords, last);
-  const auto isDated = [](const auto& fetched) { return !isRaw(fetched.row); };
+  const auto isDated = [](const auto& fetched) { return !isRawRow(fetched.row); };
   const auto time = [](const auto& fetched) { return microsecondsOf(fetched.row); };
   const auto newest = std::ranges::find_if(rows.rbegin(), rows.rend(), isDated);
   if (newest == rows.rend()) return;
@@ -73,7 +62,7 @@ Overlap::Overlap(runeflow::EventStore& store) {
   const auto isInOverlap = [&](const auto& row) { return isDated(row) && time(row) >= *start_; };
   for (auto row = std::ranges::find_if(rows, isInOverlap); row != rows.end(); ++row) {
     if (isDated(*row) && !isInOverlap(*row)) continue;
-    ++records_[keyOf(row->row)];
+    ++records_[recordKey(row->row)];
     if (isDated(*row)) end_ = std::max(end_, time(*row) + kMicrosecondsPerSecond);
   }
 }

@@ -13,6 +13,8 @@
 #include <string_view>
 #include <vector>
 
+#include "host/failure.h"
+
 namespace host {
 namespace {
 
@@ -27,7 +29,7 @@ std::optional<PumpResult> await(int fd, short events, int end, const std::functi
   for (;;) {
     if (!tick()) return PumpResult{StreamEnd::stopped};
     const int ready = ::poll(waiting.data(), waiting.size(), kTickMilliseconds);
-    if (ready < 0 && errno != EINTR) return PumpResult{StreamEnd::failed, errno};
+    if (ready < 0 && errno != EINTR) return PumpResult{StreamEnd::failed, systemError(errno)};
     if (ready <= 0) continue;
     if (waiting[1].revents != 0) return PumpResult{StreamEnd::interrupted};
     return std::nullopt;
@@ -59,38 +61,67 @@ class RecordEnds {
   std::size_t sinceLast_ = 0;
 };
 
-}  // namespace
+// Writes pieces to the sink of a pump.
+class PipeWriter {
+ public:
+  PipeWriter(std::string_view recordEnd, int sink, int end, const std::function<bool()>& tick)
+      : ends_(recordEnd), sink_(sink), end_(end), tick_(tick) {}
 
-PumpResult pump(Stream& stream, int sink, int end, const std::function<bool()>& tick) {
-  RecordEnds ends(stream.kind->recordEnd);
-  const auto pass = [&](std::span<const std::uint8_t> bytes) -> std::optional<PumpResult> {
-    ends.note(bytes);
-    while (!bytes.empty()) {
-      const auto size = ::write(sink, bytes.data(), bytes.size());
+  // Returns false if the pump has to end; result() then tells why.
+  bool write(std::span<const std::uint8_t> bytes) {
+    ends_.note(bytes);
+    while (!bytes.empty() && !result_) {
+      const auto size = ::write(sink_, bytes.data(), bytes.size());
       if (size < 0 && errno == EAGAIN) {
-        if (auto early = await(sink, POLLOUT, end, tick)) return early;
+        result_ = await(sink_, POLLOUT, end_, tick_);
       } else if (size < 0 && errno != EINTR) {
-        return PumpResult{StreamEnd::readerGone};
+        result_ = PumpResult{StreamEnd::readerGone};
       } else if (size > 0) {
         bytes = bytes.subspan(static_cast<std::size_t>(size));
       }
     }
-    return std::nullopt;
-  };
-  if (const auto early = pass(stream.head)) return *early;
+    if (!result_ && ends_.sinceLast() > PumpResult::longestRecord) {
+      result_ = PumpResult{StreamEnd::endless};
+    }
+    return !result_;
+  }
+
+  void endRecord() { write(ends_.missing()); }
+
+  const std::optional<PumpResult>& result() const { return result_; }
+
+ private:
+  RecordEnds ends_;
+  int sink_;
+  int end_;
+  const std::function<bool()>& tick_;
+  std::optional<PumpResult> result_;
+};
+
+}  // namespace
+
+PumpResult pump(Stream& stream, int sink, int end, const std::function<bool()>& tick) {
+  PipeWriter out(stream.kind->recordEnd, sink, end, tick);
+  const auto write = [&out](std::span<const std::uint8_t> bytes) { return out.write(bytes); };
+  write(stream.head);
   std::vector<std::uint8_t> piece(kPieceSize);
-  for (;;) {
+  while (!out.result()) {
     if (const auto early = await(stream.fd.get(), POLLIN, end, tick)) return *early;
     const auto size = ::read(stream.fd.get(), piece.data(), piece.size());
-    if (size < 0) return {StreamEnd::failed, errno};
-    if (size == 0) {
-      const auto early = stream.isLive ? std::nullopt : pass(ends.missing());
-      return early.value_or(PumpResult{StreamEnd::ended});
+    if (size < 0) return {StreamEnd::failed, systemError(errno)};
+    const auto bytes = std::span(piece).first(static_cast<std::size_t>(size));
+    if (stream.isLive) {
+      if (size == 0) return {StreamEnd::ended};
+      write(bytes);
+      continue;
     }
-    const auto early = pass(std::span(piece).first(static_cast<std::size_t>(size)));
-    if (early) return *early;
-    if (ends.sinceLast() > PumpResult::longestRecord) return {StreamEnd::endless};
+    const bool goesOn = size > 0 ? stream.unpacker.take(bytes, write) : stream.unpacker.end(write);
+    if (size == 0 || !goesOn) out.endRecord();
+    if (out.result()) break;
+    if (!goesOn) return {StreamEnd::failed, stream.unpacker.fault()};
+    if (size == 0) return {StreamEnd::ended};
   }
+  return *out.result();
 }
 
 }  // namespace host

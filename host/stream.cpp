@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "host/failure.h"
+#include "host/log_layout.h"
 #include "host/target.h"
 #include "runeflow/transports/adb_transport.h"
 #include "runeflow/transports/file_transport.h"
@@ -36,27 +37,76 @@ const LogKind* recognised(Bytes head) {
   return found == kinds.end() ? nullptr : &*found;
 }
 
+// Returns the kind that recognises the whole of a stream.
+const LogKind* recognisedAtEnd(std::vector<std::uint8_t> head) {
+  head.push_back('\n');  // the last line of a file may lack its line feed
+  return recognised(head);
+}
+
+// Reads once, and appends the bytes of the log to the stream's head. Returns false at the end.
+bool readHead(Stream& stream, std::size_t most) {
+  std::vector<std::uint8_t> piece(most);
+  const auto size = ::read(stream.fd.get(), piece.data(), piece.size());
+  if (size < 0) fail("cannot read {}: {}", stream.name, systemError(errno));
+  const auto append = [&stream](Bytes bytes) {
+    stream.head.insert(stream.head.end(), bytes.begin(), bytes.end());
+    return true;
+  };
+  const bool goesOn = size > 0 ? stream.unpacker.take(
+                                     std::span(piece).first(static_cast<std::size_t>(size)), append)
+                               : stream.unpacker.end(append);
+  if (!goesOn && stream.head.empty())
+    fail("cannot read {}: {}", stream.name, stream.unpacker.fault());
+  return size > 0 && goesOn;
+}
+
+// Returns why the stream should not be captured as it is, as the end of a sentence; empty if it
+// should.
+std::string layoutToRefuse(Bytes head) {
+  const auto layout = otherLogcatLayout(head);
+  if (layout.empty()) return {};
+  return fmt::format("is logcat text in the layout '{}'; print it with logcat -v threadtime",
+                     layout);
+}
+
 // Reads until a kind recognises the stream. Fails if none does at the end of the stream or after
 // the largest sample.
 void recogniseStream(Stream& stream) {
   const auto most = std::ranges::max(LogKind::all(), {}, &LogKind::sampleSize).sampleSize;
-  std::vector<std::uint8_t> piece(most);
-  while (stream.head.size() < most) {
-    const auto size = ::read(stream.fd.get(), piece.data(), most - stream.head.size());
-    if (size < 0) fail("cannot read {}: {}", stream.name, systemError(errno));
-    if (size == 0) {
-      auto ended = stream.head;
-      ended.push_back('\n');  // the last line of a file may lack its line feed
-      stream.kind = recognised(ended);
-      if (stream.kind) return;
-      break;
+  bool goesOn = true;
+  while (!stream.kind && goesOn && stream.head.size() < most) {
+    goesOn = readHead(stream, most - stream.head.size());
+    stream.kind = goesOn ? recognised(stream.head) : recognisedAtEnd(stream.head);
+    if (const auto reason = reasonToRefuse(stream.head, stream.name); !reason.empty()) {
+      fail("{} {}", stream.name, reason);
     }
-    stream.head.insert(stream.head.end(), piece.begin(), piece.begin() + size);
-    stream.kind = recognised(stream.head);
-    if (stream.kind) return;
+    const auto layout = layoutToRefuse(stream.head);
+    if (!layout.empty()) {
+      fail("{} {}, or store its lines as they are with --format logcat", stream.name, layout);
+    }
   }
+  if (stream.kind) return;
+  if (stream.head.empty()) fail("{} is empty; there is nothing to capture", stream.name);
   fail("{} is neither {}; name what it holds with --format {}", stream.name,
        joinKinds(&LogKind::form, " nor "), joinKinds(&LogKind::id, " or --format "));
+}
+
+// Looks at the first bytes of a stream whose kind the user has named.
+void warnOfStream(Stream& stream) {
+  const auto& kind = *stream.kind;
+  const bool goesOn = readHead(stream, LogKind::logcat().sampleSize);
+  const auto* found = goesOn ? recognised(stream.head) : recognisedAtEnd(stream.head);
+  const auto reason = reasonToRefuse(stream.head, stream.name);
+  const auto layout = &kind == &LogKind::logcat() ? layoutToRefuse(stream.head) : std::string();
+  if (!reason.empty()) {
+    stream.note = fmt::format("{} {}", stream.name, reason);
+  } else if (!layout.empty()) {
+    stream.note = fmt::format("{} {}; other lines are stored as they are", stream.name, layout);
+  } else if (stream.head.empty()) {
+    stream.note = fmt::format("{} is empty", stream.name);
+  } else if (found && found != &kind) {
+    stream.note = fmt::format("{} looks like {}, not {}", stream.name, found->form, kind.form);
+  }
 }
 
 // A peer that is gone without a word, such as a target without power, is noticed within a minute.
@@ -99,9 +149,26 @@ Stream openFile(const std::string& path, const LogKind* kind) {
   if (::fstat(stream.fd.get(), &status) == 0) {
     if (S_ISDIR(status.st_mode)) fail("{} is a directory; name the files in it", stream.name);
     if (S_ISREG(status.st_mode)) stream.size = status.st_size;
+    if (S_ISREG(status.st_mode) && !isStandardInput) stream.path = path;
   }
-  if (!stream.kind) recogniseStream(stream);
+  if (stream.kind) {
+    warnOfStream(stream);
+  } else {
+    recogniseStream(stream);
+  }
+  if (stream.unpacker.changesBytes()) stream.size.reset();
   return stream;
+}
+
+const LogKind* kindOfFile(const std::string& path) {
+  struct stat status{};
+  // A pipe would be read from, or waited for.
+  if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;
+  try {
+    return openFile(path, nullptr).kind;
+  } catch (const Failure&) {
+    return nullptr;
+  }
 }
 
 Stream connectToDlt(const std::string& target) {

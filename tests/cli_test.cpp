@@ -113,7 +113,7 @@ TEST_F(Command, followsWhatOthersStoreAndStartsOverWhenTheyClear) {
     return false;
   };
   EXPECT_TRUE(seen("3 "));
-  run("capture a.log --db a.db");
+  run("capture a.log --db a.db --again");
   EXPECT_TRUE(seen("3 4 6 "));
   runLine(
       fmt::format("{0} clear a.db --yes && yes '01-02 03:04:05.678  1  2 W Net: another disk' | "
@@ -166,7 +166,7 @@ TEST_F(Command, whatCannotBeDoneIsOneSentenceAndExitCodeTwo) {
       {"values a.db tag --matching \"$(yes NOT | head -n 60)x\"",
        "deeper groups than SQLite takes"},
       {"query a.db x --first -1", "'-1' is not a whole number of 1 or more"},
-      {"nonsense", "see --help"},
+      {"nonsense", "there is no command 'nonsense'"},
   };
   for (const auto& [arguments, names] : table) {
     SCOPED_TRACE(arguments);
@@ -513,7 +513,7 @@ TEST_F(Command, nothingDependsOnStandardError) {
        {std::string("2>/dev/full"), std::string("2>&-"), fmt::format("2>&{}", unread.get())}) {
     SCOPED_TRACE(target);
     captureThree();
-    EXPECT_EQ(run("capture a.log --db b.db", target).exitCode, 0);
+    EXPECT_EQ(run("capture a.log --db b.db --again", target).exitCode, 0);
     EXPECT_EQ(run("query missing.db x", target).exitCode, 2);
     EXPECT_EQ(run("query a.db x --first 0", target).exitCode, 2);
     EXPECT_EQ(run("clear a.db </dev/null", target).exitCode, 2);

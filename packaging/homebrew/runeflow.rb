@@ -20,6 +20,7 @@ class Runeflow < Formula
   depends_on "re2"
   depends_on "spdlog"
   depends_on "sqlite" # built with FTS5; the system's is older on some releases
+  depends_on "zlib"
 
   def install
     args = %w[
