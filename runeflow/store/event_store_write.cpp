@@ -70,9 +70,9 @@ bool writeRow(OpenDatabase& db, const LogRow& row) {
   insertRow.bind(1, storableMicroseconds(db, row.timestamp()));
   insertRow.bind(2, rawValue(row.level()));
   for (int slot = 0; slot < static_cast<int>(LogRow::slotCount); ++slot) {
-    insertRow.bind(kFirstSlotParameter + slot, row.slot(slot));
+    insertRow.bindInPlace(kFirstSlotParameter + slot, row.slot(slot));
   }
-  insertRow.bind(kMessageParameter, row.message());
+  insertRow.bindInPlace(kMessageParameter, row.message());
   bindContext(insertRow, row.ctx());
   if (!insertRow.stepsToEnd()) return false;
 
@@ -80,7 +80,7 @@ bool writeRow(OpenDatabase& db, const LogRow& row) {
   if (!insertFullText) return true;
   insertFullText.reset();
   insertFullText.bind(1, db.connection.lastInsertRowId());
-  insertFullText.bind(2, row.message());
+  insertFullText.bindInPlace(2, row.message());
   return insertFullText.stepsToEnd();
 }
 

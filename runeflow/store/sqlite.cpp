@@ -21,6 +21,14 @@ std::optional<std::string_view> textOf(sqlite3_stmt* statement, int column) {
   return std::string_view(bytes, static_cast<std::size_t>(sqlite3_value_bytes(value)));
 }
 
+int bindText(sqlite3_stmt* statement, int index, const std::optional<std::string_view>& text,
+             sqlite3_destructor_type ownership) {
+  if (!text) return sqlite3_bind_null(statement, index);
+  const char* bytes = text->data() ? text->data() : "";  // SQLite takes a null pointer for NULL
+  return sqlite3_bind_text64(statement, index, bytes, text->substr(0, text->find('\0')).size(),
+                             ownership, SQLITE_UTF8);
+}
+
 }  // namespace
 
 bool turnOffSQLiteMemoryStatistics() {
@@ -40,11 +48,11 @@ void Statement::bind(int index, std::int64_t value) {
 }
 
 void Statement::bind(int index, const std::optional<std::string_view>& text) {
-  if (!text) return bindNull(index);
-  const char* bytes = text->data() ? text->data() : "";  // SQLite takes a null pointer for NULL
-  noteBind(sqlite3_bind_text64(handle_.get(), index, bytes,
-                               text->substr(0, text->find('\0')).size(), SQLITE_TRANSIENT,
-                               SQLITE_UTF8));
+  noteBind(bindText(handle_.get(), index, text, SQLITE_TRANSIENT));
+}
+
+void Statement::bindInPlace(int index, const std::optional<std::string_view>& text) {
+  noteBind(bindText(handle_.get(), index, text, SQLITE_STATIC));
 }
 
 void Statement::bind(int index, const Bind& value) {
@@ -93,6 +101,7 @@ Connection Connection::open(const std::string& name, int flags) {
 }
 
 void Connection::waitForLocks(const LockWait& wait) {
+  if (!handle_) return;
   // By the clock, because the pauses of a busy machine are longer than asked for.
   const auto waitOnceMore = [](void* context, int pauses) {
     constexpr int kPause = 5;  // milliseconds
@@ -111,6 +120,7 @@ void Connection::waitForLocks(const LockWait& wait) {
 }
 
 void Connection::interruptIf(IsInterrupted isInterrupted, const void* context) {
+  if (!handle_) return;
   constexpr int kOpcodesBetween = 100;  // ten records; the text of each may be long
   patience_->isInterrupted = isInterrupted;
   patience_->context = context;

@@ -40,6 +40,9 @@ class Statement {
   void bind(int index, std::int64_t value);
   void bind(int index, const std::optional<std::string_view>& text);  // absent binds NULL
   void bind(int index, const Bind& value);
+  // Does not copy the text, which must stay until the next step has ended. For a statement that
+  // runs often: SQLite allocates each copy.
+  void bindInPlace(int index, const std::optional<std::string_view>& text);
   void bindNull(int index);
 
   Step step();
@@ -97,6 +100,9 @@ class Connection {
 
   // Moves the write-ahead log into the database and empties it. Fails if others use the log.
   bool emptyLog();
+
+  // For code that calls SQLite itself.
+  sqlite3* handle() { return handle_.get(); }
 
   // The functions of FTS5, valid while the connection is open; null without FTS5.
   fts5_api* fullTextInterface();
