@@ -8,6 +8,7 @@
 
 #include "runeflow/query/query_parser.h"
 #include "runeflow/store/event_store.h"
+#include "runeflow/store/page_search_p.h"
 #include "runeflow/store/sqlite_p.h"
 #include "support.h"
 
@@ -130,6 +131,29 @@ TEST_F(StorePage, pagesArePiecesOfTheWholeList) {
   }
   expectPagesOf(store, {QueryNode::fullText({"IMEOUT", FullTextMode::substringScan()})});
   expectPagesOf(store, {QueryNode::fullText({"x", FullTextMode::regex("x")})});
+}
+
+// A search that gives up judging records, at once or on the way, goes on with the index.
+TEST_F(StorePage, pagesDoNotDependOnTheBudgetOfAScan) {
+  auto store = open();
+  store.insert(mixedRows());
+  auto database = OpenDatabase::forReading(path_);
+  for (const auto* text : kQueries) {
+    SCOPED_TRACE(text);
+    const auto query = parse(text);
+    const auto all = store.matchingSeqs(query, 0);
+    for (const int microseconds : {0, 30, 300}) {
+      for (const std::int64_t limit : {1, 50, 5'000}) {
+        const auto search = [&](SearchOrder order) {
+          return searchPage(*database, query, order, 1, 4'000, limit,
+                            std::chrono::microseconds(microseconds));
+        };
+        const auto count = std::min(std::ssize(all), limit);
+        EXPECT_EQ(search(SearchOrder::oldestFirst), Seqs(all.begin(), all.begin() + count));
+        EXPECT_EQ(search(SearchOrder::newestFirst), Seqs(all.rbegin(), all.rbegin() + count));
+      }
+    }
+  }
 }
 
 TEST_F(StorePage, pagesSurviveStrangeRecords) {

@@ -6,6 +6,7 @@
 #include "runeflow/model/json_text_p.h"
 #include "runeflow/platform/overloaded_p.h"
 #include "runeflow/platform/unicode_p.h"
+#include "runeflow/query/judging_clause_p.h"
 
 namespace runeflow {
 namespace {
@@ -63,6 +64,9 @@ std::string_view textOf(const std::optional<Bind>& value) {
 // keeps placeholders and binds in the same order.
 class Compiler {
  public:
+  // `wordsCondition` is the SQL for a full-text condition, with a "?" for the MATCH expression.
+  explicit Compiler(std::string_view wordsCondition) : wordsCondition_(wordsCondition) {}
+
   void write(const QueryNode& node) {
     const auto children = node.children();
     if (children.empty()) return writeLeaf(node);
@@ -157,8 +161,7 @@ class Compiler {
   void match(std::string_view text, bool matchCase) {
     const auto words = unicode::words(text);
     if (matchCase) compiled_.clause += '(';
-    condition("seq IN (SELECT rowid FROM events_fts WHERE events_fts MATCH ?)",
-              Bind::text(ftsExpression(words)));
+    condition(wordsCondition_, Bind::text(ftsExpression(words)));
     if (!matchCase) return;
     for (const auto word : words) {
       condition(" AND instr(message, ?) > 0", Bind::text(std::string(word)));
@@ -166,8 +169,15 @@ class Compiler {
     compiled_.clause += ')';
   }
 
+  std::string_view wordsCondition_;
   LogQuery::Compiled compiled_;
 };
+
+LogQuery::Compiled compiled(const QueryNode& root, std::string_view wordsCondition) {
+  Compiler compiler(wordsCondition);
+  compiler.write(root);
+  return std::move(compiler).take();
+}
 
 QueryNode withChildren(const QueryNode& node, std::vector<QueryNode> children) {
   if (std::holds_alternative<QueryNode::And>(node.value())) {
@@ -242,9 +252,11 @@ std::span<const QueryNode> QueryNode::children() const {
 }
 
 LogQuery::Compiled LogQuery::compile() const {
-  Compiler compiler;
-  compiler.write(root);
-  return std::move(compiler).take();
+  return compiled(root, "seq IN (SELECT rowid FROM events_fts WHERE events_fts MATCH ?)");
+}
+
+LogQuery::Compiled compileForJudging(const LogQuery& query) {
+  return compiled(query.root, std::string(kHasWordsFunction) + "(message, ?)");
 }
 
 LogQuery LogQuery::withFullTextAsSubstringScan() const {

@@ -8,6 +8,7 @@
 
 #include "runeflow/store/event_store.h"
 #include "runeflow/store/open_database_p.h"
+#include "runeflow/store/page_search_p.h"
 #include "runeflow/store/query_statement_p.h"
 #include "runeflow/store/row_reader_p.h"
 
@@ -63,19 +64,35 @@ class BlockCounter {
   std::unordered_map<std::int64_t, std::int64_t> counts_;  // by the number of the block
 };
 
-// Adds at most `limit` matches of the seqs from `first` to `last`, in the order of `direction`.
-void appendMatching(OpenDatabase& db, const LogQuery::Compiled& query, std::int64_t first,
-                    std::int64_t last, std::string_view direction, std::int64_t limit,
-                    std::vector<std::int64_t>& seqs) {
-  Statement statement = db.prepare(
-      fmt::format("SELECT seq FROM events WHERE seq BETWEEN ? AND ? AND {} ORDER BY seq {} LIMIT ?",
-                  query.clause, direction));
-  if (statement) {
-    statement.bind(1, first);
-    statement.bind(2, last);
-    statement.bind(bindAll(statement, 3, query.binds), limit);
+struct SeqRange {
+  std::int64_t first;
+  std::int64_t last;
+
+  // The difference of two seqs may need all 64 bits.
+  std::uint64_t length() const {
+    return static_cast<std::uint64_t>(last) - static_cast<std::uint64_t>(first) + 1;
   }
-  db.forEachRow(statement, [&] { seqs.push_back(statement.integer(0)); });
+};
+
+// From the smallest to the largest seq; {0, 0} without records.
+SeqRange storedSeqs(OpenDatabase& db) {
+  return {db.scalar("SELECT min(seq) FROM events"), db.scalar("SELECT max(seq) FROM events")};
+}
+
+// The blocks of a range whose seqs all exist.
+std::vector<SeqBlock> fullBlocks(SeqRange range, std::int64_t blockSize) {
+  std::vector<SeqBlock> blocks;
+  for (auto seq = range.first;;) {
+    const auto begin = (seq - 1) / blockSize * blockSize + 1;
+    const auto left = range.last - seq;
+    const auto leftInBlock = blockSize - 1 - (seq - begin);
+    if (left <= leftInBlock) {
+      blocks.push_back({begin, left + 1});
+      return blocks;
+    }
+    blocks.push_back({begin, leftInBlock + 1});
+    seq += leftInBlock + 1;
+  }
 }
 
 }  // namespace
@@ -85,11 +102,9 @@ std::vector<std::int64_t> EventStore::newestMatching(const LogQuery& query, std:
   using Seq = std::numeric_limits<std::int64_t>;
   if (limit < 1 || below == Seq::min()) return {};
   const auto last = below == Seq::max() ? below : below - 1;
-  const auto compiled = rewrittenForCapabilities(query).compile();
+  const auto rewritten = rewrittenForCapabilities(query);
   return reading(database_.get(), [&](OpenDatabase& db) {
-    std::vector<std::int64_t> seqs;
-    if (isRefused(db, compiled)) return seqs;
-    appendMatching(db, compiled, Seq::min(), last, "DESC", limit, seqs);
+    auto seqs = searchPage(db, rewritten, SearchOrder::newestFirst, Seq::min(), last, limit);
     std::ranges::reverse(seqs);
     return seqs;
   });
@@ -99,27 +114,39 @@ std::vector<std::int64_t> EventStore::oldestMatching(const LogQuery& query, std:
                                                      std::int64_t limit) {
   using Seq = std::numeric_limits<std::int64_t>;
   if (limit < 1 || after == Seq::max()) return {};
-  const auto compiled = rewrittenForCapabilities(query).compile();
+  const auto rewritten = rewrittenForCapabilities(query);
   return reading(database_.get(), [&](OpenDatabase& db) {
-    std::vector<std::int64_t> seqs;
-    if (isRefused(db, compiled)) return seqs;
-    appendMatching(db, compiled, after + 1, Seq::max(), "ASC", limit, seqs);
-    return seqs;
+    return searchPage(db, rewritten, SearchOrder::oldestFirst, after + 1, Seq::max(), limit);
   });
 }
 
 std::vector<SeqBlock> EventStore::countMatchingPerBlock(const LogQuery& query, std::int64_t first,
                                                         std::int64_t last, std::int64_t blockSize) {
   if (blockSize < 1) return {};
-  const auto compiled = rewrittenForCapabilities(query).compile();
+  const auto rewritten = rewrittenForCapabilities(query);
+  const auto compiled = rewritten.compile();
   return reading(database_.get(), [&](OpenDatabase& db) {
+    const OneMoment moment(db);
     BlockCounter counter(blockSize);
     if (isRefused(db, compiled)) return counter.take();
-    Statement statement = db.prepare(
-        fmt::format("SELECT seq FROM events WHERE seq BETWEEN ? AND ? AND {}", compiled.clause));
+    const auto stored = storedSeqs(db);
+    const auto range =
+        SeqRange{std::max({first, stored.first, std::int64_t{1}}), std::min(last, stored.last)};
+    if (range.last < range.first) return counter.take();
+    const bool isMost = range.length() > stored.length() / 8;
+    // Counting the records takes a tenth of the time of reading their numbers.
+    if (isMost && rewritten.isEmpty() &&
+        static_cast<std::uint64_t>(db.scalar("SELECT count(*) FROM events")) == stored.length()) {
+      return fullBlocks(range, blockSize);
+    }
+    // The plus keeps SQLite from reading all records of a wide range one after another, which it
+    // prefers to the indexes of the other conditions.
+    Statement statement =
+        db.prepare(fmt::format("SELECT seq FROM events WHERE {}seq BETWEEN ? AND ? AND {}",
+                               isMost ? "+" : "", compiled.clause));
     if (statement) {
-      statement.bind(1, std::max<std::int64_t>(first, 1));
-      statement.bind(2, last);
+      statement.bind(1, range.first);
+      statement.bind(2, range.last);
       bindAll(statement, 3, compiled.binds);
     }
     db.forEachRow(statement, [&] { counter.add(statement.integer(0)); });

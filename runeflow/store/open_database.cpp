@@ -8,6 +8,7 @@
 
 #include "runeflow/platform/system_calls_p.h"
 #include "runeflow/store/open_database_p.h"
+#include "runeflow/store/word_function_p.h"
 
 namespace runeflow {
 namespace {
@@ -95,12 +96,18 @@ bool OpenDatabase::openForReading() {
 
 // Each new connection needs this, also after opening the file anew.
 void OpenDatabase::setUpConnection() {
+  wordFunction_ = nullptr;  // the old connection has destroyed it
   connection.waitForLocks(*lockWait);
   connection.interruptIf(
       [](const void* database) {
         return static_cast<const OpenDatabase*>(database)->isCancelled();
       },
       this);
+}
+
+WordFunction* OpenDatabase::wordFunction() {
+  if (!wordFunction_) wordFunction_ = WordFunction::defineOn(connection);
+  return wordFunction_;
 }
 
 bool OpenDatabase::reopenIfChanged(bool hasFailed) {

@@ -19,6 +19,8 @@
 
 namespace runeflow {
 
+class WordFunction;
+
 // How a database file looks from outside.
 struct FileState {
   dev_t device = 0;
@@ -77,6 +79,10 @@ class OpenDatabase {
   // read failed and the file has changed. Returns whether it did.
   bool reopenIfChanged(bool hasFailed);
 
+  // Returns the function that judges messages by their words, which it defines on the connection
+  // first. Null without FTS5.
+  WordFunction* wordFunction();
+
   // Returns whether the present read was asked to end.
   bool isCancelled() const { return isReading && cancellation && cancellation->load(); }
 
@@ -98,6 +104,8 @@ class OpenDatabase {
  private:
   bool openForReading();
   void setUpConnection();
+
+  WordFunction* wordFunction_ = nullptr;  // the connection owns it
 };
 
 // While an object exists, the statements of one read see the records of one moment.
