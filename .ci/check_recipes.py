@@ -24,6 +24,7 @@ NAMES = {
     "fmt": ("fmt", "fmt", "fmt"),
     "spdlog": ("spdlog", "spdlog", "spdlog"),
     "CLI11": ("cli11", "cli11", "cli11"),
+    "mimalloc": ("mimalloc", "mimalloc", "mimalloc"),
     "re2": ("re2", "re2", "re2"),
     "CURL": ("libcurl", "curl", "curl"),
     "libmicrohttpd": ("libmicrohttpd", "libmicrohttpd", "libmicrohttpd"),

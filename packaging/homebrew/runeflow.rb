@@ -17,6 +17,7 @@ class Runeflow < Formula
   depends_on "fmt"
   depends_on "icu4c@78"
   depends_on "libmicrohttpd"
+  depends_on "mimalloc"
   depends_on "re2"
   depends_on "spdlog"
   depends_on "sqlite" # built with FTS5; the system's is older on some releases
