@@ -28,6 +28,7 @@ WORKS = [
     "decode-dlt",
     "decode-and-insert",
     "fetch-range",
+    "newest-matches",
     "parse-and-compile",
 ]
 
