@@ -139,7 +139,7 @@ class Pages:
         good = code == 0 or (endless and code in (130, -signal.SIGINT))
         self.checks.check(name, good, f"exit code {code}: {errors.strip()[-500:]}")
         if expected:
-            self.checks.check(f"{name}: prints what the page shows", matches(expected, out), out)
+            self.checks.check(f"{name}: prints what the page shows", matches(expected, out + errors), out + errors)
 
     def in_place(self, command):
         for said, real in self.places:
