@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "host/database.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -19,11 +21,11 @@ using runeflow::StoreFault;
 
 namespace {
 
-constexpr std::string_view kMagic("SQLite format 3\0", 16);
-
-// Fails if the file cannot be a database. SQLite would notice that only at the first statement and
-// could not say as clearly what is wrong.
-void requireDatabaseFile(const std::string& path, bool isForCapture) {
+// Fails if the path cannot name a database that can be read. SQLite could not say as clearly what
+// is wrong. The file is not opened for that: a process that closes any descriptor of a file loses
+// all its POSIX locks on the file, also those of its SQLite connections, and another process would
+// then delete the write-ahead log of a running capture.
+void requireReadableFile(const std::string& path) {
   std::error_code error;
   const auto status = std::filesystem::status(path, error);
   if (status.type() == std::filesystem::file_type::not_found) {
@@ -32,13 +34,11 @@ void requireDatabaseFile(const std::string& path, bool isForCapture) {
   if (error) fail("cannot read {}: {}", path, error.message());
   if (std::filesystem::is_directory(status)) fail("{} is a directory, not a database", path);
   if (!std::filesystem::is_regular_file(status)) fail("{} is not a database", path);
-  std::ifstream file(path, std::ios::binary);
-  if (!file) fail("cannot read {}: {}", path, systemError(errno));
-  std::array<char, kMagic.size()> head{};
-  file.read(head.data(), head.size());
-  const auto size = static_cast<std::size_t>(file.gcount());
-  // An empty file is an empty database for SQLite.
-  if (size == 0 || std::string_view(head.data(), size) == kMagic) return;
+  if (::access(path.c_str(), R_OK) != 0) fail("cannot read {}: {}", path, systemError(errno));
+}
+
+// The file is no database of SQLite, so that opening it drops no lock.
+[[noreturn]] void failAsOther(const std::string& path, bool isForCapture) {
   const auto* kind = kindOfFile(path);
   if (!kind) fail("{} is not a database", path);
   if (isForCapture) fail("{} is {}, not a database; name another file", path, kind->form);
@@ -69,8 +69,9 @@ std::string_view adviceFor(StoreFault fault) {
 }
 
 runeflow::StoreInfo inspected(const std::string& path, bool isForCapture = false) {
-  requireDatabaseFile(path, isForCapture);
+  requireReadableFile(path);
   auto info = EventStore::inspect(path);
+  if (info.fault == StoreFault::notADatabase) failAsOther(path, isForCapture);
   if (info.fault == StoreFault::none || info.fault == StoreFault::noEvents) return info;
   fail("cannot read {}: {}{}", path, info.faultText, adviceFor(info.fault));
 }
@@ -93,6 +94,7 @@ const LogKind* kindOf(const runeflow::StoreInfo& info) {
 bool isDatabaseFile(const std::string& path) {
   std::error_code error;
   if (!std::filesystem::is_regular_file(path, error)) return false;
+  constexpr std::string_view kMagic("SQLite format 3\0", 16);
   std::array<char, kMagic.size()> head{};
   std::ifstream(path, std::ios::binary).read(head.data(), head.size());
   return std::string_view(head.data(), head.size()) == kMagic;

@@ -16,7 +16,8 @@ namespace host {
 // Returns the kind of log that has the same indexes as the store, or null if there is none.
 const LogKind* kindOf(const runeflow::StoreInfo& info);
 
-// Returns whether the file at `path` begins as an SQLite database does.
+// Returns whether the file at `path` begins as an SQLite database does. Not for a database that
+// this process has open: closing the file drops the locks of its connections.
 bool isDatabaseFile(const std::string& path);
 
 // Opens a database that must exist for reads, which change no file. `source` names the kind of its

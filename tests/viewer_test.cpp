@@ -545,11 +545,22 @@ TEST_F(View, capturesWatchesAndEnds) {
       "hello\0",
       26);
   message[3] = static_cast<char>(message.size());
-  EXPECT_EQ(::write(device.get(), message.data(), message.size()),
-            static_cast<ssize_t>(message.size()));
+  const auto send = [&] {
+    EXPECT_EQ(::write(device.get(), message.data(), message.size()),
+              static_cast<ssize_t>(message.size()));
+  };
+  send();
   await(server, "captures", "/captures/0/records", 1);
   await(server, "info", "/lastSeq", 1);
   EXPECT_EQ(server.get("info").json()["source"]["id"], "dlt");
+  // Another process that leaves the database does not take the capture's log with it.
+  const auto stored = [&] {
+    return EventStore::open(folder_.file("car.db"), false, SourceDescriptor::dlt())->count();
+  };
+  EXPECT_EQ(stored(), 1);
+  send();
+  await(server, "info", "/lastSeq", 2);
+  EXPECT_EQ(stored(), 2);
   EXPECT_EQ(server.post("captures/1/cap", {{"maxBytes", 5}}).status, 400);
   EXPECT_EQ(server.post("captures/1/cap", {{"maxBytes", 5'000'000}}).status, 200);
   EXPECT_EQ(server.get("captures").json()["captures"][0]["maxBytes"], 5'000'000);
