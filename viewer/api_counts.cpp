@@ -26,7 +26,7 @@ namespace {
 
 constexpr std::int64_t kLatest = INT64_MAX;
 constexpr std::int64_t kMostBars = 1'000;
-constexpr std::int64_t kMostBlocks = 10'000;
+constexpr std::int64_t kMostBlocks = 100'000;
 constexpr std::int64_t kMostValues = 200;
 
 Json columnsOf(const runeflow::SourceDescriptor& descriptor) {

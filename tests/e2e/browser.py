@@ -12,7 +12,7 @@ import tempfile
 import time
 
 from selenium import webdriver
-from selenium.common.exceptions import WebDriverException
+from selenium.common.exceptions import StaleElementReferenceException, WebDriverException
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
@@ -119,8 +119,16 @@ class Browser:
         return self.driver.find_element(By.CSS_SELECTOR, selector)
 
     def click(self, selector):
-        self.until(f"{selector} can be clicked", "const e = document.querySelector(arguments[0]); return e && e.offsetParent !== null && !e.disabled", selector)
-        self.find(selector).click()
+        """Clicks, also if the page draws the element anew meanwhile."""
+        can_be_clicked = "const e = document.querySelector(arguments[0]); return e && e.offsetParent !== null && !e.disabled"
+
+        def is_clicked():
+            with contextlib.suppress(StaleElementReferenceException):
+                if self.js(can_be_clicked, selector):
+                    self.find(selector).click()
+                    return True
+
+        wait_until(f"{selector} can be clicked", is_clicked)
 
     def text(self, selector):
         return self.js("return document.querySelector(arguments[0])?.textContent ?? null", selector)
@@ -157,7 +165,7 @@ class Browser:
 
     def settled(self):
         """Waits until every row that is seen has its record."""
-        self.until("the rows stand", "return document.body.dataset.ready === 'true' && !document.querySelector('.rows .waiting')")
+        self.until("the rows stand", "return document.body.dataset.ready === 'true' && !document.querySelector('.rows .waiting') && (document.querySelector('.rows [data-tone]') || document.querySelector('#count').dataset.count === '0')")
 
     def rows(self):
         """Returns [seq, text of the cells] of the rows within the list's frame, top to bottom."""

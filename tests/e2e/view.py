@@ -108,9 +108,35 @@ def check_list(stage):
         stage.check("list: the middle of the scroll bar shows the middle", abs(middle[len(middle) // 2] - total / 2) < 30, middle)
         stage.equal("list: consecutive records", middle, list(range(middle[0], middle[0] + len(middle))))
         stage.picture(page, "list-light")
+        stage.check("list: names the zone of its times once", "UTC" in page.text("#zone"), page.text("#zone"))
+        check_hints(stage, page)
         check_keys(stage, page, total)
         check_dates(stage, page, database)
         check_copy(stage, page, database)
+
+
+# Columns that no kind of log has yet: a badge, a value that stands out, a column that is not in the list.
+COLUMNS = [
+    {"name": "kind", "label": "Kind", "column": "s0", "inTable": True, "badge": "antenna", "hero": None},
+    {"name": "host", "label": "Host", "column": "s1", "inTable": False, "badge": None, "hero": "here"},
+    {"name": "level", "label": "Level", "column": "level", "inTable": True, "badge": None, "hero": None},
+]
+ROWS = """
+const {Columns, Row} = await import(location.pathname + 'page/row.js');
+const columns = new Columns(given[0]);
+const parent = document.createElement('div');
+for (const [seq, fields] of [[1, ['radio', 'here']], [2, ['', 'there']]]) {
+  const row = new Row();
+  row.show(seq - 1, seq, {seq, time: 0, level: 2, fields, text: 'text', length: 4, marks: []}, columns, ['T', 'D', 'Info'], '', false);
+  parent.append(row.node);
+}
+return [...parent.children].map((row) => [row.classList.contains('hero'), row.querySelector('.badge')?.textContent ?? null, row.children.length]);
+"""
+
+
+def check_hints(stage, page):
+    got = page.eval_async(ROWS, COLUMNS)
+    stage.equal("list: badge and hero are shown, table fields only", got, [[True, "radio", 4], [False, None, 4]])
 
 
 def check_keys(stage, page, total):
@@ -213,11 +239,36 @@ def check_query(stage):
         page.settled()
         marks = page.js("return [...document.querySelectorAll('.rows mark')].map((e) => e.textContent.toLowerCase())")
         stage.check("query: the word is marked in every row", len(marks) >= len(page.rows()) and all(mark.startswith("connect") for mark in marks), marks[:5])
+        check_rare(stage, page, database)
         check_matching_case(stage, page, database)
         check_filtered_places(stage, page, database)
         check_context(stage, page, database)
         check_outdated(stage, page, database)
         check_completion(stage, page, database)
+
+
+def check_rare(stage, page, database):
+    """Matches that stand far from each other are all in the list, whatever was known before they were counted."""
+    for step in (3_001, 131):
+        query = " OR ".join(f"#{number}" for number in range(10_017, LINES, step))
+        lines = subprocess.run([stage.program, "query", database, query], capture_output=True, text=True, timeout=30).stdout
+        expected = [int(line.split("\t")[0]) for line in lines.splitlines()]
+        page.query(query)
+        page.count_becomes(len(expected))
+        page.scroll_to(1)
+        shown = page.seqs()
+        stage.equal(f"query: the last of {len(expected)} rare matches", shown, expected[-len(shown) :])
+        page.scroll_to(0)
+        shown = page.seqs()
+        stage.equal(f"query: the first of {len(expected)} rare matches", shown, expected[: len(shown)])
+    page.query("connect")
+    page.until("the number of matches is said to screen readers", "return /matches of/.test(document.querySelector('#announce').textContent)")
+    page.js("""window.gaps = 0; window.watcher = new MutationObserver(() => { if (document.querySelector('.rows .waiting')) window.gaps += 1; });
+        window.watcher.observe(document.querySelector('.rows'), {subtree: true, childList: true, attributes: true});""")
+    page.query("failed")
+    page.count_becomes(stage.counts(database, "failed"))
+    page.settled()
+    stage.equal("query: no row is empty while the answer comes", page.js("window.watcher.disconnect(); return window.gaps"), 0)
 
 
 def check_matching_case(stage, page, database):
@@ -574,16 +625,21 @@ def check_sources_of_page(stage):
 
 
 def make_picture(stage, path):
-    database = stage.capture("phone", stage.phone)
-    os.replace(database, stage.folder / "car.db")
-    with stage.page(stage.folder / "car.db", hash="q=connect level:info", height=720) as page:
+    with stage.page(stage.capture("phone", stage.phone), hash="q=(failed OR timeout) level:info", height=720) as page:
         page.settled()
         page.until("the facets stand", "return document.querySelectorAll('.facet').length > 8")
+        page.until("the matches stand in the timeline", "return /matches/.test(document.querySelector('#timeline').getAttribute('aria-label'))")
         page.open_row(9)
         page.until("the record opens", "return !document.querySelector('#detail').hidden")
+        page.js("document.activeElement.blur()")
         page.settled()
         page.screenshot(path)
-    print(f"{path}: {path.stat().st_size:,} bytes")
+
+
+def check_picture(stage):
+    path = stage.folder / "view.png"
+    make_picture(stage, path)
+    stage.check("picture: below 200 KB", 20_000 < path.stat().st_size < 200_000, path.stat().st_size)
 
 
 GROUPS = {
@@ -601,6 +657,7 @@ GROUPS = {
     "follow": view_captures.check_follow,
     "adb": view_captures.check_adb,
     "dlt": view_captures.check_dlt,
+    "picture": check_picture,
 }
 
 
@@ -626,6 +683,7 @@ def main():
         view_logs.phone_log(stage.phone, LINES)
         if options.picture:
             make_picture(stage, options.picture)
+            print(f"{options.picture}: {options.picture.stat().st_size:,} bytes")
             return 0
         for group, check in GROUPS.items():
             if options.only not in (None, group):

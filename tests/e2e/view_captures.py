@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """Checks of captures that are started, watched and ended in the page, from a real adb server and a real DLT daemon."""
 
+import json
 import subprocess
 import threading
 
@@ -29,6 +30,8 @@ def check_follow(stage):
             page.until("new records are shown", "return Number(document.querySelector('#count').dataset.count) > arguments[0]", first)
             wait_until("the newest record is in view", lambda: page.seqs()[-1:] == [page.count()])
             stage.check("follow: the newest record is in view", True)
+            page.until("the timeline grows", "return document.querySelector('#timeline').getAttribute('aria-label').includes(`${arguments[0]} records in all`)", f"{page.count():,}")
+            stage.check("follow: the timeline grows", True)
             page.focus_list()
             page.press(Keys.HOME)
             page.until("the list is at its top", "return document.querySelector('#row-1')")
@@ -69,6 +72,9 @@ def check_adb(stage):
             with adb.device("--hold", "--chunk", 500) as serial:
                 page.click("#sources h3 button")
                 page.until("the device is listed", "return [...document.querySelectorAll('.found li')].some((e) => e.dataset.kind === 'adb')")
+                listed = subprocess.run([stage.program, "sources", "--json"], capture_output=True, text=True, timeout=60).stdout
+                names = sorted(json.loads(line)["name"] for line in listed.splitlines())
+                stage.equal("adb: the page lists what the command lists", sorted(page.js("return [...document.querySelectorAll('.found b')].map((e) => e.textContent)")), names)
                 set_value(page, "#capture-database", "from-adb.db")
                 page.click(".found [data-kind=adb] button")
                 page.until("the capture runs", RUNNING)
@@ -93,6 +99,10 @@ def check_adb(stage):
 
 def set_value(page, selector, text):
     page.js("const e = document.querySelector(arguments[0]); e.value = arguments[1]; e.dispatchEvent(new Event('input', {bubbles: true}))", selector, text)
+
+
+def captures(page):
+    return page.eval_async("return (await (await fetch(location.pathname + 'api/v1/captures')).json()).captures")
 
 
 def check_dlt(stage):
@@ -128,6 +138,8 @@ def check_dlt(stage):
             page.click("#open-sources")
             set_value(page, ".captures input", "64M")
             page.click(".captures button.small")
+            wait_until("the size cap is set", lambda: captures(page)[0]["maxBytes"] == 64 << 20)
+            stage.check("dlt: the page sets the size cap", True)
             page.click(".captures [data-action=end]")
             page.until("the capture has ended", "return !document.querySelector('.captures [data-running=true]')")
             stage.check("dlt: the page ends the capture", True)

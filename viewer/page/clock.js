@@ -74,9 +74,10 @@ export function date(time) {
 // "17 March 16:13:38": a day and a time, as short as the span [from, until) allows.
 export function moment(time, span) {
   const fine = span && span.until - span.from < 20_000_000;
+  const hasSeconds = span && span.until - span.from < 7_200_000_000;
   const text = clockTime(time, false, fine ? 3 : 0);
   if (!isShown(time) || !span || dayNumber(span.from) === dayNumber(span.until - 1)) return text;
   const [, day, month, year] = date(time).split(" ");
   const isLong = span.until - span.from > 300 * DAY;
-  return `${day} ${month.slice(0, 3)}${isLong ? ` ${year}` : ""} ${text.slice(0, fine ? undefined : 5)}`;
+  return `${day} ${month.slice(0, 3)}${isLong ? ` ${year}` : ""} ${hasSeconds ? text : text.slice(0, 5)}`;
 }

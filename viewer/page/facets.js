@@ -16,6 +16,7 @@ export class Facets {
   #aside = byId("facets");
   #soon = paced(() => this.#load(), 2000, 12);
   #answer = null;
+  #isBlank = true; // the answer holds no record
 
   constructor() {
     byId("open-facets").addEventListener("click", () => this.#toggle(document.body.dataset.facets !== "true"));
@@ -25,14 +26,17 @@ export class Facets {
     byId("open-facets").setAttribute("aria-pressed", String(isOpen));
   }
 
+  // The first records of a database that was empty are counted without a pause.
   refresh(isUrgent = false) {
-    this.#soon(isUrgent);
+    this.#soon(isUrgent || (this.#isBlank && session.live.lastSeq > 0));
+    this.#isBlank = false;
   }
   async #load() {
     if (!session.info?.database) return;
     const answer = await ask("facets", "facets", { ...session.question(), limit: VALUES }, { slow: true });
     if (!answer) return;
     this.#answer = answer;
+    this.#isBlank = !session.view.q && answer.levels.every((count) => count === 0);
     this.show();
   }
 

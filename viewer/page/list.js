@@ -99,6 +99,17 @@ export class RecordList extends EventTarget {
     this.#grid.setAttribute("aria-rowcount", places.isExact ? places.total + 1 : -1);
     this.draw();
   }
+  // Loads what use() will show, so that no row vanishes in between.
+  async prepare(places, anchor) {
+    if (anchor) await places.resolveSeq?.(anchor.seq);
+    const count = this.rowsPerPage + 2;
+    const end = Math.max(0, places.total - count);
+    const top = anchor ? Math.min(end, places.placeOf(anchor.seq) - Math.ceil(anchor.offset / ROW)) : end;
+    const first = Math.max(0, top - AHEAD);
+    const last = Math.min(places.total, Math.max(0, top) + count + AHEAD) - 1;
+    if (!places.isResolved(first, last)) await places.resolve(first, last);
+    await this.#loadPlaces(places, first, last, "prepared");
+  }
   // After `places` grew: keeps the anchor's record where it was, or the end in view.
   refresh(anchor) {
     this.#scroll.setLength(this.places.total * ROW);
@@ -217,12 +228,12 @@ export class RecordList extends EventTarget {
       if (!(await places.resolve(first, last))) return false;
       if (places === this.places && places.total !== total) this.refresh(anchor);
     }
-    return (await this.#loadPlaces(first, last, "rows")) || places !== this.places;
+    return (await this.#loadPlaces(this.places, first, last, "rows")) || places !== this.places;
   }
-  #loadPlaces(first, last, name) {
+  #loadPlaces(places, first, last, name) {
     const seqs = [];
     for (let place = first; place <= last; place += 1) {
-      const seq = this.places.seqAt(place);
+      const seq = places.seqAt(place);
       if (seq !== undefined) seqs.push(seq);
     }
     return cache.load(seqs, { q: session.view.q, case: session.view.matchCase }, name);
@@ -232,7 +243,7 @@ export class RecordList extends EventTarget {
     const last = this.places.total - 1;
     const first = Math.max(0, last - this.rowsPerPage - 2);
     if (!this.places.isResolved(first, last)) await this.places.resolve(first, last);
-    await this.#loadPlaces(first, last, "end");
+    await this.#loadPlaces(this.places, first, last, "end");
   }
   // Loads what the list shows at the moment. Resolves when the rows stand.
   async settle() {

@@ -6,6 +6,7 @@
 // false if the server did not answer).
 
 import { ask } from "./api.js";
+import * as cache from "./record_cache.js";
 
 // All records. Their seqs follow each other without gaps, because only the oldest are ever deleted.
 export class AllRecords {
@@ -34,11 +35,13 @@ export class AllRecords {
   }
 }
 
-// The first answers to a question, while their number is not known.
+// The first answers to a question, while their number is not known: all matches from the seq `from` to the seq `to`.
 export class FewRecords {
   isExact = false;
-  constructor(seqs) {
+  constructor(seqs, from, to) {
     this.seqs = seqs;
+    this.from = from;
+    this.to = to;
   }
   get total() {
     return this.seqs.length;
@@ -59,7 +62,9 @@ export class FewRecords {
 }
 
 const LISTED = 4096; // the largest block whose matches are asked for one by one
-const KEPT = 64; // blocks with listed matches
+const KEPT = 300; // blocks with listed matches; more than the list shows rows, each of which may be in a block of its own
+const LISTED_AT_ONCE = 100_000; // seqs, the server's limit
+const RARE = 500; // matches that are listed at once wherever they stand, the server's limit
 
 // The matches of a question. The server counts them per block of seqs; where the list shows a block, its matches are
 // listed.
@@ -90,6 +95,24 @@ export class Matches {
     matches.#blocks = answer.blocks.map(([begin, count]) => ({ first: begin, count, place: 0 }));
     matches.#placed = false;
     return matches;
+  }
+
+  // Lists all matches if they are few.
+  async knowRare() {
+    if (this.total === 0 || this.total > RARE || this.isResolved(0, this.total - 1)) return;
+    const answer = await ask("listed", "records", { ...this.#filter, before: this.#last + 1, limit: RARE });
+    if (!answer) return;
+    cache.add(answer.records);
+    this.know({ seqs: answer.records.map(({ seq }) => seq), from: -Infinity, to: Infinity });
+  }
+  // Takes over matches that are known already, so that their blocks need not be listed.
+  know({ seqs, from, to }) {
+    for (const { first, count } of this.#blocks) {
+      const end = first + this.#size - 1;
+      if (first < from || end > to) continue;
+      const known = seqs.filter((seq) => seq >= first && seq <= end);
+      if (known.length === count) this.#listed.set(first, known);
+    }
   }
 
   #place() {
@@ -145,7 +168,9 @@ export class Matches {
     return this.#blocksOf(first, last).every((block) => (this.#listed.get(block.first)?.length ?? 0) >= Math.min(block.count, last - block.place + 1));
   }
   async resolve(first, last) {
-    return this.#list(this.#blocksOf(first, last).filter((block) => this.#listed.get(block.first)?.length !== block.count).slice(0, 4));
+    const missing = this.#blocksOf(first, last).filter((block) => this.#listed.get(block.first)?.length !== block.count);
+    const isNear = ({ first: begin }) => begin + this.#size - missing[0].first <= LISTED_AT_ONCE;
+    return this.#list(missing.filter(isNear));
   }
   // Makes placeOf(seq) exact.
   async resolveSeq(seq) {

@@ -17,6 +17,8 @@ export class Columns {
       .filter((column) => column.inTable)
       .map((column) => ({ ...column, index: slots.indexOf(column), isLevel: column.column === "level", width: Math.min(column.label.length, 8), isNumeric: true }));
     this.hasMicroseconds = false;
+    const hero = slots.findIndex((column) => typeof column.hero === "string");
+    this.isHero = (record) => hero >= 0 && record.fields[hero] === slots[hero].hero;
   }
   get count() {
     return this.fields.filter((field) => field.column !== "message" && field.column !== "ts").length + 2;
@@ -71,9 +73,8 @@ export class Columns {
       return element("span", { role: "gridcell", class: "level", "aria-label": levels[record.level], title: levels[record.level] }, LETTERS[record.level] ?? "?");
     }
     const text = record.fields[field.index] ?? "";
-    const isHero = field.hero !== null && field.hero !== undefined && text === field.hero;
     const shown = field.badge && text ? element("span", { class: "badge", "data-glyph": field.badge }, text) : text;
-    return element("span", { role: "gridcell", class: `field${field.isNumeric ? " number" : ""}${isHero ? " hero" : ""}`, title: text.length > LONGEST ? text : null }, shown);
+    return element("span", { role: "gridcell", class: `field${field.isNumeric ? " number" : ""}`, title: text.length > LONGEST ? text : null }, shown);
   }
   // An isolated run of direction: a message in another script moves nothing beside it.
   #message(record, newDay) {
@@ -111,7 +112,7 @@ export class Row {
       return;
     }
     node.setAttribute("data-tone", record.level);
-    node.className = `${newDay ? "new-day" : ""}${isMatch ? " matching" : ""}`.trim();
+    node.className = `${newDay ? "new-day" : ""}${isMatch ? " matching" : ""}${columns.isHero(record) ? " hero" : ""}`.trim();
     node.replaceChildren(...columns.cells(record, levels, newDay));
   }
 }

@@ -19,6 +19,7 @@ export class Search {
   #isGrowing = false;
   #isStale = false; // more arrived meanwhile
   #isFinding = false;
+  #hasMoved = false; // the user has scrolled since the search began
   #missed = 0; // records that arrived while the end was not shown
   #marked = null; // counts of a query that is only marked: Matches
   #matching = { first: 1, last: 0, seqs: new Set() }; // of the marked query, near what is seen
@@ -27,6 +28,7 @@ export class Search {
     this.#list = list;
     list.isMatching = (seq) => !session.view.filters && this.#matching.seqs.has(seq);
     list.addEventListener("drawn", () => this.#findMatching());
+    list.addEventListener("moved", () => { this.#hasMoved = true; });
     byId("new").addEventListener("click", () => session.change({ follows: true }));
   }
 
@@ -48,7 +50,10 @@ export class Search {
     const { firstSeq, lastSeq } = session.live;
     for (const name of ["blocks", "listed", "grown", "oldest", "first", "matching"]) cancel(name);
     if (!session.isFiltered() || lastSeq === 0) {
-      await this.#list.use(new AllRecords(firstSeq, lastSeq), anchor);
+      const all = new AllRecords(firstSeq, lastSeq);
+      await this.#list.prepare(all, anchor);
+      if (!isLatest()) return;
+      await this.#list.use(all, anchor);
       this.#showCount();
       await this.#list.settle();
       if (isLatest()) this.#countMarked(isLatest);
@@ -60,10 +65,17 @@ export class Search {
     counted.then((matches) => { isCounted = matches !== null; });
     const few = await this.#firstMatches(anchor, lastSeq);
     if (!isLatest()) return;
+    this.#hasMoved = false;
     if (few && !isCounted) await this.#list.use(few, anchor);
     const matches = await counted;
     if (!isLatest() || !matches) return;
-    await this.#list.use(matches, session.view.follows ? null : anchor);
+    if (few) matches.know(few);
+    await matches.knowRare();
+    if (!isLatest()) return;
+    const place = session.view.follows ? null : (this.#hasMoved && this.#list.anchor()) || anchor;
+    await this.#list.prepare(matches, place);
+    if (!isLatest()) return;
+    await this.#list.use(matches, session.view.follows ? null : place);
     this.#showCount();
     announce(`${numbers.plural(matches.total, "match")} of ${numbers.count(this.#stored)}`);
     await this.#list.settle();
@@ -73,7 +85,11 @@ export class Search {
     const answer = await ask("first", "records", { ...session.filter(), ...which, limit: FIRST });
     if (!answer) return null;
     cache.add(answer.records);
-    return new FewRecords(answer.records.map(({ seq }) => seq));
+    const seqs = answer.records.map(({ seq }) => seq);
+    const isAll = seqs.length < FIRST; // that there are on this side of the anchor
+    const from = anchor ? anchor.seq : isAll ? -Infinity : seqs[0];
+    const to = anchor && !isAll ? seqs.at(-1) : Infinity;
+    return new FewRecords(seqs, from, to);
   }
 
   // A marked query does not narrow the list, but has a count.

@@ -62,7 +62,7 @@ export class Sources {
     const items = (answer?.sources ?? []).map((source) => element("li", { "data-kind": source.kind },
       element("span", { class: "what" }, element("b", {}, element("bdi", {}, source.name)), " ", element("small", {}, element("bdi", {}, [KINDS[source.kind] ?? source.kind, source.detail].filter(Boolean).join(" · ")))),
       source.canCapture && element("button", { class: "plain", click: () => this.#start({ source: source.kind, serial: source.serial }) }, "Capture")));
-    const errors = (answer?.errors ?? []).map((sentence) => element("li", { class: "error" }, sentence));
+    const errors = (answer?.errors ?? []).map((sentence) => element("li", { class: "note" }, sentence));
     this.#found.replaceChildren(...items, ...errors);
     if (items.length + errors.length === 0) this.#found.append(element("li", {}, "No sources were found."));
   }
