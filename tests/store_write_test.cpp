@@ -119,7 +119,7 @@ TEST_F(StoreWrite, contextIsCompactJsonThatSqliteReadsBack) {
   const std::pair<LogRow::Context, std::string> table[] = {
       {{{"k", "a/b"}}, R"({"k":"a\/b"})"},
       {{{"a", "1"}, {"b", "\"\\"}}, R"({"a":"1","b":"\"\\"})"},
-      {{{"ü", "\b\f\n\r\t\x01 \x7f日"}}, "{\"ü\":\"\\b\\f\\n\\r\\t\\u0001 \x7f日\"}"},
+      {{{"ü", "\b\f\n\r\t\x01 \x1f \x7f日"}}, "{\"ü\":\"\\b\\f\\n\\r\\t\\u0001 \\u001f \x7f日\"}"},
       {{{"bad", "\xFF"}}, "NULL"},
   };
   auto store = open();
