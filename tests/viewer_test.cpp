@@ -114,14 +114,15 @@ class Peer {
 // The command `runeflow view`, started in a folder. The destructor ends it.
 class Server {
  public:
-  Server(const test::TemporaryFolder& folder, const std::string& arguments) {
+  Server(const test::TemporaryFolder& folder, const std::string& arguments,
+         const std::string& environment = "TZ=UTC0") {
     std::array<int, 2> ends{};
     EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
     FileDescriptor writing(ends[1]);
     output_.reset(ends[0]);
     errors_ = folder.file("stderr.txt");
-    const auto line = fmt::format("cd '{}' && TZ=UTC0 exec {} view --no-open {} 2>'{}'",
-                                  folder.file(""), RUNEFLOW_COMMAND, arguments, errors_);
+    const auto line = fmt::format("cd '{}' && {} exec {} view --no-open {} 2>'{}'", folder.file(""),
+                                  environment, RUNEFLOW_COMMAND, arguments, errors_);
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawn_file_actions_adddup2(&actions, writing.get(), STDOUT_FILENO);
@@ -319,6 +320,7 @@ TEST_F(View, refusesWhoWasNotLetIn) {
                                           server.port(), server.token(), root)),
                     HasSubstr("Location: " + root + "\r\n")));
   EXPECT_GE(server.token().size() * 4, 128U);
+  EXPECT_GE((root.size() - 2) * 4, 128U);  // between two slashes
 }
 
 TEST_F(View, refusesWhatIsTooMuchInSentences) {
@@ -620,6 +622,50 @@ TEST_F(View, servesBesideIdleConnectionsAndEndsWithThem) {
   EXPECT_LT(Clock::now() - ending, 1s);
 #endif
   asking.join();
+}
+
+TEST_F(View, boundsItsConnectionsAndStreams) {
+  filled("a.db", test::rows("one", 3));
+  const Server server(folder_, "a.db");
+  const auto isHead = [](const auto& got) { return got.contains("\r\n\r\n"); };
+  std::vector<Connection> streams;
+  for (int i = 0; i < 33; ++i) {
+    streams.push_back(server.events(fmt::format("page{}", i)));
+    EXPECT_THAT(streams.back().read(isHead), HasSubstr(i < 32 ? "HTTP/1.1 200" : "HTTP/1.1 503"));
+  }
+  {
+    std::vector<Connection> idle;
+    for (int i = 0; i < 200; ++i) idle.emplace_back(server.port());
+    const auto answer = server.get("info");
+    EXPECT_EQ(answer.status, 503);
+    EXPECT_THAT(answer.body, HasSubstr("too many connections"));
+  }
+  await(server, "info", "/count", 3);
+}
+
+TEST_F(View, listensOnOneAddressOfThisMachineOnly) {
+  const Server server(folder_, "");
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(server.port()));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
+  const FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  EXPECT_EQ(::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), -1);
+  EXPECT_EQ(errno, ECONNREFUSED);
+}
+
+TEST_F(View, showsStandardInputAndLeavesNothingBehind) {
+  writeLog("phone.log");
+  {
+    std::filesystem::create_directory(folder_.file("tmp"));
+    Server server(folder_, fmt::format("- <'{}'", folder_.file("phone.log")),
+                  fmt::format("TMPDIR='{}'", folder_.file("tmp")));
+    await(server, "info", "/count", 2);
+    EXPECT_THAT(server.errors(), HasSubstr("kept in a temporary database"));
+    EXPECT_FALSE(std::filesystem::is_empty(folder_.file("tmp")));
+    EXPECT_EQ(server.stop(SIGINT), 0);
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(folder_.file("tmp")));
 }
 
 TEST_F(View, twoServersKnowNothingOfEachOther) {

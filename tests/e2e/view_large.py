@@ -17,6 +17,7 @@ import subprocess
 import sys
 import tempfile
 import threading
+import time
 
 import view_logs
 from browser import Browser, count_of, viewing
@@ -162,6 +163,47 @@ def measure_following(program, folder, seconds, report):
         process.wait()
 
 
+# Notes when the row of each "arrival N" first has its record, in milliseconds since 1970.
+ARRIVALS = """
+window.arrivals = {};
+new MutationObserver(() => {
+  for (const row of document.querySelectorAll('.rows [data-tone]')) {
+    const found = /arrival (\\d+)/.exec(row.textContent);
+    if (found) window.arrivals[found[1]] ??= performance.timeOrigin + performance.now();
+  }
+}).observe(document.querySelector('.rows'), {subtree: true, childList: true, attributes: true});
+"""
+
+
+def measure_arrival(program, folder, report, number=30):
+    """Records that come one by one: from the write into the capture's pipe until the page has drawn the row."""
+    database = folder / "arriving.db"
+    capture = [program, "capture", "-", "--db", database, "--format", "logcat"]
+    with running(capture, stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL) as process:
+
+        def send(text):
+            process.stdin.write(f"03-17 16:00:00.000  1  1 I Arrival: {text}\n")
+            process.stdin.flush()
+
+        for _ in range(50):
+            send("before")
+        wait_until("the capture stores", lambda: database.exists() and count_of(program, database, "") > 40)
+        with viewing(program, folder, database) as server, Browser() as page:
+            page.open(server.address)
+            page.settled()
+            page.js(ARRIVALS)
+            sent = []
+            for index in range(number):
+                time.sleep(0.25 + index * 0.007)  # at any moment between two looks of the server
+                sent.append(time.time() * 1000)
+                send(f"arrival {index}")
+            page.until("all have arrived", "return Object.keys(window.arrivals).length === arguments[0]", number)
+            arrived = page.js("return window.arrivals")
+            delays = sorted(arrived[str(index)] - begin for index, begin in enumerate(sent))
+            print(f"      median {delays[number // 2]:.0f} ms")
+            report(f"a new record is in the page, slowest of {number}", delays[-1], 400, "ms")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("program", type=pathlib.Path)
@@ -184,6 +226,7 @@ def main():
             log.unlink()
         for database in databases:
             measure_reading(program, folder, database, report)
+        measure_arrival(program, folder, report)
         if options.seconds:
             measure_following(program, folder, options.seconds, report)
     print(f"{checks.passed} passed, {checks.failed} failed")
