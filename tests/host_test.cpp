@@ -11,9 +11,12 @@
 #include <string_view>
 #include <vector>
 
+#include "host/byte_count.h"
+#include "host/failure.h"
 #include "host/new_records.h"
 #include "host/overlap.h"
 #include "host/record_text.h"
+#include "host/target.h"
 #include "host/terminal_text.h"
 #include "runeflow/decoders/logcat_decoder.h"
 #include "runeflow/store/event_store.h"
@@ -25,6 +28,44 @@ namespace {
 using namespace std::string_view_literals;
 using host::JsonReader;
 using test::at;
+
+TEST(ByteCount, unitsAreBinaryAndSizesPositive) {
+  const std::pair<const char*, std::int64_t> table[] = {
+      {"1", 1},          {"4095", 4'095},       {"3K", 3'072},
+      {"2M", 2'097'152}, {"5G", 5'368'709'120}, {"8589934591G", 9'223'372'035'781'033'984},
+  };
+  for (const auto& [text, bytes] : table) EXPECT_EQ(host::parseByteCount(text), bytes) << text;
+  for (const auto* text : {"", "0", "-1", "K", "1k", "1KB", "1 K", "1.5M", "0x10", "1T",
+                           "9223372036854775808", "8589934592G"}) {
+    EXPECT_THROW(host::parseByteCount(text), host::Failure) << text;
+  }
+}
+
+TEST(Target, namesAHostAndMayNameAPort) {
+  const struct {
+    const char* target;
+    const char* host;
+    int port;
+  } table[] = {
+      {"car", "car", 7},
+      {"car:1", "car", 1},
+      {"192.0.2.7:65535", "192.0.2.7", 65'535},
+      {"::1", "::1", 7},
+      {"fe80::1:2", "fe80::1:2", 7},
+      {"[::1]", "::1", 7},
+      {"[::1]:3490", "::1", 3'490},
+  };
+  for (const auto& [target, host, port] : table) {
+    SCOPED_TRACE(target);
+    const auto parsed = host::parseTarget(target, 7);
+    EXPECT_EQ(parsed.host, host);
+    EXPECT_EQ(parsed.port, port);
+  }
+  for (const auto* target : {"", ":1", "car:", "car:0", "car:65536", "car:-1", "car:1x", "car:x",
+                             "[::1", "::1]", "[::1]1", "[::1];1", "[]:1"}) {
+    EXPECT_THROW(host::parseTarget(target, 7), host::Failure) << target;
+  }
+}
 
 TEST(Overlap, dropsWhatIsStoredOnceAndNothingElse) {
   const auto line = [](std::string_view time, std::string_view text) {
