@@ -129,10 +129,10 @@ TEST_F(CaptureCommand, keepsBelowItsCap) {
 }
 
 TEST_F(CaptureCommand, aLineWithoutEndIsNotCollectedForEver) {
-  const auto [exitCode, output] =
-      runLine(fmt::format("(echo '{}'; head -c 80000000 /dev/zero | tr '\\0' x) | {} capture - "
-                          "--db a.db 2>&1",
-                          kLogLine.substr(0, kLogLine.size() - 1), RUNEFLOW_COMMAND));
+  const auto [exitCode, output] = runLine(
+      fmt::format("true; (echo '{}'; head -c 80000000 /dev/zero | tr '\\0' x) | {} capture - "
+                  "--db a.db 2>&1",
+                  kLogLine.substr(0, kLogLine.size() - 1), RUNEFLOW_COMMAND));
   EXPECT_EQ(exitCode, 2);
   EXPECT_EQ(std::ranges::count(output, '\n'), 2) << output;
   EXPECT_EQ(run("query a.db disk --count").output, "1\n");
@@ -142,7 +142,7 @@ TEST_F(CaptureCommand, noticesThatItsDatabaseIsGone) {
   captureThree();
   ASSERT_EQ(runLine("mkfifo fifo").exitCode, 0);
   const auto capture = start("capture fifo --db a.db");
-  const auto writer = fmt::format("(echo '{}'; exec sleep 30) >fifo & echo $!",
+  const auto writer = fmt::format("true; (echo '{}'; exec sleep 30) >fifo & echo $!",
                                   kLogLine.substr(0, kLogLine.size() - 1));
   const auto pid = std::stoi(runLine(writer).output);
   EXPECT_TRUE(becomes("query a.db --count", "4\n"));
@@ -166,12 +166,12 @@ TEST_F(CaptureCommand, countsWhatIsSaidAgain) {
   test::sql(folder_.file("a.db"),
             "CREATE TRIGGER full BEFORE INSERT ON events BEGIN SELECT RAISE(ABORT, 'no'); END");
   std::string log;
-  for (int i = 0; i < 4'000; ++i) log += kLogLine;
+  for (int i = 0; i < 40'000; ++i) log += kLogLine;
   write("b.log", log);
   const auto [exitCode, output] = run("capture b.log --db a.db");
   EXPECT_EQ(exitCode, 2);
-  EXPECT_THAT(output, AllOf(HasSubstr("more)\n"), HasSubstr(", 4000 rows not stored\n")));
-  EXPECT_EQ(std::ranges::count(output, '\n'), 3) << output;
+  EXPECT_THAT(output, AllOf(HasSubstr("times more)\n"), HasSubstr(", 40000 rows not stored\n")));
+  EXPECT_LT(std::ranges::count(output, '\n'), 20) << output;  // of 40 batches
 }
 
 TEST_F(CaptureCommand, drawsItsProgressOnATerminal) {
