@@ -37,6 +37,9 @@ TEST(WordTokenizer, cutsAsTheIndexDoes) {
   const std::vector<WordToken> expected = {
       {"uber", 0, 5}, {"raschung", 6, 14}, {"x", 16, 17}, {"1", 18, 19}, {"日本", 20, 26}};
   EXPECT_EQ(tokenizer.words(text), expected);
+  std::string folded;
+  tokenizer.forEachWord(text, [&](std::string_view word) { folded.append(word) += '|'; });
+  EXPECT_EQ(folded, "uber|raschung|x|1|日本|");
   EXPECT_THAT(tokenizer.words(""), IsEmpty());
   EXPECT_THAT(tokenizer.words("-- \xff ()"), SizeIs(testing::Le(1)));
   EXPECT_THAT(tokenizer.words(std::string(100'000, 'a')).front().folded, SizeIs(32'768));

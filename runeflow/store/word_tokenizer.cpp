@@ -38,4 +38,12 @@ std::vector<WordToken> WordTokenizer::words(std::string_view text) const {
   return words;
 }
 
+void WordTokenizer::forEachWord(std::string_view text,
+                                const std::function<void(std::string_view folded)>& use) const {
+  implementation_->tokenizer->forEachToken(text, [&](const FullTextTokenizer::Token& token) {
+    use(token.folded);
+    return true;
+  });
+}
+
 }  // namespace runeflow

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,6 +44,10 @@ class RUNEFLOW_EXPORT WordTokenizer {
   /// Returns all words of `text` in order. Bytes that are not UTF-8 are read as the index reads
   /// them. Reads at most 2^31 - 1 bytes.
   std::vector<WordToken> words(std::string_view text) const;
+
+  /// Calls `use` with each word of words() as it is folded. The view is valid during the call.
+  void forEachWord(std::string_view text,
+                   const std::function<void(std::string_view folded)>& use) const;
 
  private:
   class Implementation;
