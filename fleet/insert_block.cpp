@@ -4,16 +4,19 @@
 
 #include <fmt/format.h>
 
-#include <iterator>
+#include <algorithm>
 #include <limits>
+#include <tuple>
 #include <utility>
 
+#include "fleet/row_binary.h"
 #include "fleet/sql.h"
 #include "fleet/table.h"
 
 namespace fleet {
 
 using runeflow::FetchedRow;
+using runeflow::LogRow;
 using runeflow::SourceDescriptor;
 using runeflow::StoreColumn;
 
@@ -37,60 +40,6 @@ std::int64_t appSlot(const SourceDescriptor& descriptor) {
   return slot ? slot->index : -1;
 }
 
-class RowWriter {
- public:
-  RowWriter(const BlockOrigin& origin, const runeflow::WordTokenizer& tokenizer, std::string& json)
-      : slots_(slotsWithNames(origin.descriptor)),
-        appSlot_(appSlot(origin.descriptor)),
-        tokenizer_(tokenizer),
-        json_(json) {}
-
-  // `constants` are the members that all rows share, from the opening brace on.
-  void write(const std::string& constants, const FetchedRow& record) {
-    const auto& row = record.row;
-    fmt::format_to(std::back_inserter(json_), R"({},"seq":{},"time":{},"level":{})", constants,
-                   record.seq, microsecondsOf(row), runeflow::rawValue(row.level()));
-    member("source", row.slot(appSlot_).value_or(std::string_view()));
-    for (const auto& [slot, name] : slots_) {
-      if (const auto text = row.slot(slot)) member(name, *text);
-    }
-    member("message", row.message());
-    const auto& ctx = row.ctx();
-    if (ctx && !ctx->empty()) {
-      list("ctx_keys", *ctx, [](const auto& entry) -> const auto& { return entry.first; });
-      list("ctx_values", *ctx, [](const auto& entry) -> const auto& { return entry.second; });
-    }
-    list("words", tokenizer_.words(row.message()),
-         [](const auto& word) -> const auto& { return word.folded; });
-    json_ += "}\n";
-  }
-
- private:
-  void name(std::string_view name) {
-    json_ += ",\"";
-    json_ += name;
-    json_ += "\":";
-  }
-  void member(std::string_view name, std::string_view text) {
-    this->name(name);
-    appendJsonString(json_, text);
-  }
-  void list(std::string_view name, const auto& items, auto textOf) {
-    this->name(name);
-    char before = '[';
-    for (const auto& item : items) {
-      json_ += std::exchange(before, ',');
-      appendJsonString(json_, textOf(item));
-    }
-    json_ += before == '[' ? "[]" : "]";
-  }
-
-  std::vector<std::pair<std::int64_t, std::string>> slots_;
-  std::int64_t appSlot_;
-  const runeflow::WordTokenizer& tokenizer_;
-  std::string& json_;
-};
-
 }  // namespace
 
 std::string insertStatement(const Address& address, const SourceDescriptor& descriptor) {
@@ -98,39 +47,110 @@ std::string insertStatement(const Address& address, const SourceDescriptor& desc
   for (const auto& [slot, name] : slotsWithNames(descriptor)) fields += ", " + sqlName(name);
   return fmt::format(
       "INSERT INTO {} (capture, generation, kind, block, block_end, block_rows, seq, time, level, "
-      "source{}, message, ctx_keys, ctx_values, words) FORMAT JSONEachRow",
+      "source{}, message, ctx_keys, ctx_values, words) FORMAT RowBinary",
       tableName(address), fields);
 }
 
-InsertBlock makeBlock(const BlockOrigin& origin, std::span<const FetchedRow> records,
-                      const runeflow::WordTokenizer& tokenizer) {
-  InsertBlock block{.rows = {},
-                    .generation = origin.generation,
-                    .first = records.front().seq,
-                    .last = records.back().seq,
-                    .count = static_cast<std::uint32_t>(records.size())};
-  std::string constants = "{\"capture\":";
-  appendJsonString(constants, origin.capture);
-  constants +=
-      fmt::format(R"(,"generation":{},"kind":"{}","block":{},"block_end":{},"block_rows":{})",
-                  origin.generation, origin.descriptor.id(), block.first, block.last, block.count);
-  RowWriter writer(origin, tokenizer, block.rows);
-  for (const auto& record : records) writer.write(constants, record);
-  return block;
+BlockBuilder::BlockBuilder(const BlockOrigin& origin, const runeflow::WordTokenizer& tokenizer)
+    : tokenizer_(tokenizer), appSlot_(appSlot(origin.descriptor)) {
+  for (const auto& [slot, name] : slotsWithNames(origin.descriptor)) slots_.push_back(slot);
+  block_.generation = origin.generation;
+  appendText(origin_, origin.capture);
+  appendInteger(origin_, origin.generation);
+  appendText(origin_, origin.descriptor.id());
 }
 
-void appendJsonString(std::string& json, std::string_view text) {
-  json += '"';
-  std::size_t plain = 0;  // bytes to copy from there
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    if (byte >= 0x20 && byte != '"' && byte != '\\') continue;
-    json += text.substr(plain, i - plain);
-    fmt::format_to(std::back_inserter(json), "\\u{:04x}", byte);
-    plain = i + 1;
+void BlockBuilder::add(const FetchedRow& record) {
+  const auto& row = record.row;
+  auto& bytes = block_.rows;
+  reserveFor(row.message().size());
+  if (block_.count++ == 0) block_.first = record.seq;
+  block_.last = record.seq;
+  Place place{.begin = bytes.size(), .time = microsecondsOf(row)};
+  bytes += origin_;
+  bytes += extent();
+  appendInteger(bytes, record.seq);
+  appendInteger(bytes, place.time);
+  appendInteger(bytes, static_cast<std::uint8_t>(runeflow::rawValue(row.level())));
+  const auto source = row.slot(appSlot_).value_or(std::string_view());
+  appendText(bytes, source);
+  place.source = bytes.size() - source.size();
+  place.sourceSize = source.size();
+  for (const auto slot : slots_) appendNullableText(bytes, row.slot(slot));
+  appendText(bytes, row.message());
+  addContext(row.ctx());
+  addWords(row.message());
+  place.size = bytes.size() - place.begin;
+  places_.push_back(place);
+}
+
+// The words of a message take about as much as the message. With an estimate, a large block does
+// not grow by doubling.
+void BlockBuilder::reserveFor(std::size_t message) {
+  constexpr std::size_t kLarge = 65'536;
+  if (message >= kLarge) block_.rows.reserve(block_.rows.size() + 2 * message + kLarge);
+}
+
+// The end and the number of records are not known before finish(), which writes each extent anew.
+std::string BlockBuilder::extent() const {
+  std::string bytes;
+  appendInteger(bytes, block_.first);
+  appendInteger(bytes, block_.last);
+  appendInteger(bytes, block_.count);
+  return bytes;
+}
+
+void BlockBuilder::addContext(const std::optional<LogRow::Context>& context) {
+  appendLength(block_.rows, context ? context->size() : 0);
+  if (context) {
+    for (const auto& [key, value] : *context) appendText(block_.rows, key);
   }
-  json += text.substr(plain);
-  json += '"';
+  appendLength(block_.rows, context ? context->size() : 0);
+  if (context) {
+    for (const auto& [key, value] : *context) appendText(block_.rows, value);
+  }
+}
+
+void BlockBuilder::addWords(std::string_view message) {
+  auto& bytes = block_.rows;
+  const auto begin = bytes.size();
+  std::uint64_t words = 0;
+  tokenizer_.forEachWord(message, [&](std::string_view word) {
+    appendText(bytes, word);
+    ++words;
+  });
+  std::string number;
+  appendLength(number, words);
+  bytes.insert(begin, number);
+}
+
+InsertBlock BlockBuilder::finish() {
+  const auto bytes = extent();
+  for (const auto& place : places_) {
+    block_.rows.replace(place.begin + origin_.size(), bytes.size(), bytes);
+  }
+  sortRows();
+  return std::move(block_);
+}
+
+// As the ORDER BY of the table, whose capture and generation are the same in all rows here.
+bool BlockBuilder::isBefore(const Place& a, const Place& b) const {
+  const auto key = [&](const Place& place) {
+    return std::tuple(place.time / kMicrosecondsPerHour,
+                      std::string_view(block_.rows).substr(place.source, place.sourceSize),
+                      place.time, place.begin);
+  };
+  return key(a) < key(b);
+}
+
+void BlockBuilder::sortRows() {
+  const auto before = [this](const Place& a, const Place& b) { return isBefore(a, b); };
+  if (std::ranges::is_sorted(places_, before)) return;
+  std::ranges::sort(places_, before);
+  std::string sorted;
+  sorted.reserve(block_.rows.size());
+  for (const auto& place : places_) sorted.append(block_.rows, place.begin, place.size);
+  block_.rows = std::move(sorted);
 }
 
 std::int64_t microsecondsOf(const runeflow::LogRow& row) {

@@ -6,6 +6,22 @@
 
 namespace fleet {
 
+void appendLength(std::string& bytes, std::uint64_t length) {
+  constexpr unsigned kMore = 0x80;
+  for (; length >= kMore; length >>= 7U) bytes += static_cast<char>((length & 0x7FU) | kMore);
+  bytes += static_cast<char>(length);
+}
+
+void appendText(std::string& bytes, std::string_view text) {
+  appendLength(bytes, text.size());
+  bytes += text;
+}
+
+void appendNullableText(std::string& bytes, std::optional<std::string_view> text) {
+  bytes += text ? '\0' : '\1';
+  if (text) appendText(bytes, *text);
+}
+
 std::uint64_t RowBinaryReader::integer(std::size_t bytes) {
   if (rest_.size() < bytes) {
     isShort_ = true;

@@ -1,18 +1,34 @@
 // SPDX-License-Identifier: MIT
 
-// Reads ClickHouse's format RowBinary: the values of a row one after the other, integers in
-// little-endian order, texts and arrays behind their length as a LEB128 number, and a byte that is
-// 1 for NULL before a value that may be NULL. Texts are bytes: nothing in them needs an escape.
+// Writes and reads ClickHouse's format RowBinary: the values of a row one after the other, integers
+// in little-endian order, texts and arrays behind their length as a LEB128 number, and a byte that
+// is 1 for NULL before a value that may be NULL. Texts are bytes: nothing in them needs an escape.
 #pragma once
 
+#include <concepts>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace fleet {
+
+// Append a value to a text.
+void appendLength(std::string& bytes, std::uint64_t length);  // of a text or an array
+void appendText(std::string& bytes, std::string_view text);
+void appendNullableText(std::string& bytes, std::optional<std::string_view> text);
+template <std::integral Integer>
+void appendInteger(std::string& bytes, Integer value) {
+  auto rest = static_cast<std::make_unsigned_t<Integer>>(value);
+  for (std::size_t i = 0; i < sizeof(Integer); ++i) {
+    bytes += static_cast<char>(rest & 0xFFU);
+    if constexpr (sizeof(Integer) > 1) rest >>= 8U;
+  }
+}
 
 // Takes values off the front of a text. After a read beyond the end, isShort() returns true and all
 // further values are empty.

@@ -7,8 +7,11 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <chrono>
 #include <filesystem>
+#include <functional>
+#include <string_view>
 #include <utility>
 
 #include "fleet/sql.h"
@@ -19,27 +22,55 @@ namespace fleet {
 using runeflow::EventStore;
 using runeflow::FetchedRow;
 using runeflow::LogRow;
+using runeflow::RecordPreview;
 
 namespace {
 
-// Bounds of a block. A longer record is a block of its own.
-constexpr std::size_t kMostRows = 16'384;
-constexpr std::size_t kMostTextBytes = std::size_t{2} << 20U;
+// Bounds of a block.
+constexpr std::uint32_t kMostRows = 32'768;
+constexpr std::size_t kMostBytes = std::size_t{6} << 20U;
 constexpr std::chrono::milliseconds kLongestGathering(1'000);
+// What is read at once from the database: the records, and the code points of each message.
 constexpr std::int64_t kRowsAtOnce = 256;
+constexpr std::int64_t kCharactersAtOnce = 8'192;
+// A larger message is a block of its own, and is not read before the block that is on its way has
+// arrived: with its words and the copies that SQLite makes it takes four times its size.
+constexpr std::int64_t kLargeMessage = 1 << 20U;  // code points
+// How much of a message is compared when a capture resumes.
+constexpr std::size_t kComparedBytes = 65'536;
 
-std::size_t textBytes(const LogRow& row) {
-  auto bytes = row.message().size();
-  for (const auto& slot : row.slots()) bytes += slot.value_or(std::string_view()).size();
-  return bytes;
+std::uint64_t fingerprintOf(const LogRow& row) {
+  auto fingerprint = static_cast<std::uint64_t>(microsecondsOf(row));
+  const auto add = [&](std::uint64_t number) {
+    constexpr std::uint64_t kOdd = 0x9E3779B97F4A7C15;
+    fingerprint = (std::rotl(fingerprint, 25) ^ number) * kOdd;
+  };
+  const auto addText = [&](std::string_view text) {
+    add(text.size());
+    add(std::hash<std::string_view>()(text));
+  };
+  add(static_cast<std::uint64_t>(runeflow::rawValue(row.level())));
+  addText(row.message());
+  for (const auto& slot : row.slots()) {
+    add(slot ? 1 : 0);
+    addText(slot.value_or(std::string_view()));
+  }
+  if (!row.ctx()) return fingerprint;
+  for (const auto& [key, value] : *row.ctx()) {
+    addText(key);
+    addText(value);
+  }
+  return fingerprint;
 }
 
-// Whether the record is still the one that was sent. Only what the table keeps is compared.
-bool isSame(const FetchedRow& local, const Record& shipped) {
+// Whether the record is still the one that was sent. Only what the table keeps is compared, and of
+// the message its length and its beginning, which is all that `shipped` holds.
+bool isSame(const FetchedRow& local, const Record& shipped, std::uint64_t messageBytes) {
   const auto& row = local.row;
   const auto hasContext = [](const LogRow& r) { return r.ctx() && !r.ctx()->empty(); };
   bool same = microsecondsOf(row) == shipped.microseconds && row.level() == shipped.row.level() &&
-              row.message() == shipped.row.message() &&
+              row.message().size() == messageBytes &&
+              row.message().substr(0, kComparedBytes) == shipped.row.message() &&
               hasContext(row) == hasContext(shipped.row) &&
               (!hasContext(row) || row.ctx() == shipped.row.ctx());
   for (std::int64_t i = 0; i < static_cast<std::int64_t>(LogRow::slotCount); ++i) {
@@ -53,6 +84,12 @@ std::optional<FetchedRow> recordAt(EventStore& store, std::int64_t seq) {
   auto rows = store.fetchRange(seq, seq);
   if (rows.empty()) return std::nullopt;
   return std::move(rows.front());
+}
+
+// Returns the record of a preview with its whole message.
+std::optional<FetchedRow> wholeRecord(EventStore& store, RecordPreview&& preview) {
+  if (preview.messageCharacters > kCharactersAtOnce) return recordAt(store, preview.seq);
+  return FetchedRow{preview.seq, std::move(preview.row)};
 }
 
 runeflow::WordTokenizer makeTokenizer() {
@@ -116,12 +153,15 @@ void Shipper::resume() {
   const auto generation = reader.uint32();
   const auto seq = reader.int64();
   const auto found = engine_.ask(fmt::format(
-      "SELECT block, block_end, block_rows, {} {} AND seq = {} LIMIT 1 FORMAT RowBinary",
-      recordColumns(), whereGeneration(generation), sqlNumber(seq)));
+      "SELECT block, block_end, block_rows, toUInt64(length(message)), {} {} AND seq = {} LIMIT 1 "
+      "FORMAT RowBinary",
+      recordColumns(fmt::format("substring(message, 1, {})", kComparedBytes)),
+      whereGeneration(generation), sqlNumber(seq)));
   RowBinaryReader row(found);
   const auto first = row.int64();
   const auto last = row.int64();
   const auto rows = row.uint32();
+  const auto messageBytes = row.uint64();
   const auto shipped = readRecord(row);
   if (reader.isShort() || row.isShort()) {
     host::fail("{} holds no table of a fleet; make one with runeflow ship --create",
@@ -130,8 +170,8 @@ void Shipper::resume() {
   const auto local = recordAt(store_, seq);
   const auto largest = store_.maxSeq();
   host::failIfIncomplete(store_, path_);
-  if (largest < seq ||
-      (local && (shipped.kind != store_.descriptor().id() || !isSame(*local, shipped)))) {
+  if (largest < seq || (local && (shipped.kind != store_.descriptor().id() ||
+                                  !isSame(*local, shipped, messageBytes)))) {
     generation_ = generation + 1;
     next_ = 1;
     hooks_.say(
@@ -142,7 +182,7 @@ void Shipper::resume() {
   }
   generation_ = generation;
   next_ = seq + 1;
-  newest_ = local;
+  if (local) newest_ = markOf(*local);
   continueBlock(first, last, rows);
 }
 
@@ -161,22 +201,22 @@ void Shipper::continueBlock(std::int64_t first, std::int64_t last, std::uint32_t
 
 void Shipper::loop(bool follows, int milliseconds) {
   while (true) {
-    const auto records = gather();
-    if (!records.empty()) {
-      const auto block = std::make_shared<InsertBlock>(
-          makeBlock({capture_, generation_, store_.descriptor()}, records, tokenizer_));
-      newest_ = records.back();
-      next_ = newest_->seq + 1;
+    const auto start = std::chrono::steady_clock::now();
+    if (auto block = gather()) {
       finishSending();
-      sending_ = std::async(std::launch::async, [this, block] {
-        send(*block);
-        return Sent{block->generation, block->count};
+      sending_ = std::async(std::launch::async, [this, block = std::move(*block)] {
+        send(block);
+        return Sent{block.generation, block.count};
       });
       if (next_ <= report_.last) continue;
     }
     finishSending();
     if (!follows) return;
-    if (hooks_.wait(milliseconds)) throw Interrupted();
+    const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - start);
+    if (hooks_.wait(std::max(0, milliseconds - static_cast<int>(passed.count())))) {
+      throw Interrupted();
+    }
   }
 }
 
@@ -204,21 +244,25 @@ void Shipper::send(const InsertBlock& block) {
       hooks_.say, hooks_.wait);
 }
 
+Shipper::Mark Shipper::markOf(const FetchedRow& record) {
+  return {record.seq, fingerprintOf(record.row)};
+}
+
 // Whether the local database was cleared, or replaced by another, since the newest record was read.
 bool Shipper::isNewGeneration() {
   return newest_ && report_.last > 0 && (report_.last < newest_->seq || !isStored(*newest_));
 }
 
 // Whether the record is still in the database, or was deleted by the size cap.
-bool Shipper::isStored(const FetchedRow& record) {
+bool Shipper::isStored(const Mark& record) {
   const auto now = recordAt(store_, record.seq);
-  return now ? *now == record : store_.minSeq() > record.seq;
+  return now ? markOf(*now) == record : store_.minSeq() > record.seq;
 }
 
-// Reads the records of the next block. Between two reads the database may be cleared; a snapshot
-// would prevent that, but a store without a write-ahead log cannot notice in one that a capture has
-// begun.
-std::vector<FetchedRow> Shipper::gather() {
+// Reads the records of the next block; absent if there are none. Between two reads the database may
+// be cleared. The record before the block, the first and the last are therefore read again: the
+// records of two generations never become one block.
+std::optional<InsertBlock> Shipper::gather() {
   while (true) {
     report_.last = store_.maxSeq();
     if (isNewGeneration()) {
@@ -229,32 +273,48 @@ std::vector<FetchedRow> Shipper::gather() {
       hooks_.say(fmt::format("{} was cleared: generation {} begins", path_, generation_));
     }
     skipDeleted(store_.minSeq());
-    auto records = readBlock();
+    BlockBuilder builder({capture_, generation_, store_.descriptor()}, tokenizer_);
+    const auto ends = readBlock(builder);
     host::failIfIncomplete(store_, path_);
-    if (records.empty() || (isStored(records.front()) && isStored(records.back()))) {
+    const bool isOneGeneration = (!newest_ || isStored(*newest_)) &&
+                                 (!ends || (isStored(ends->first) && isStored(ends->second)));
+    if (isOneGeneration) {
       blockEnd_.reset();
-      return records;
+      if (!ends) return std::nullopt;
+      newest_ = ends->second;
+      next_ = newest_->seq + 1;
+      return builder.finish();
     }
   }
 }
 
-std::vector<FetchedRow> Shipper::readBlock() {
-  std::vector<FetchedRow> records;
-  std::size_t bytes = 0;
+// Fills a block. Returns its first and its last record; absent if there are none.
+std::optional<std::pair<Shipper::Mark, Shipper::Mark>> Shipper::readBlock(BlockBuilder& builder) {
+  std::optional<std::pair<Mark, Mark>> ends;
   const auto end = std::chrono::steady_clock::now() + kLongestGathering;
-  const auto isFull = [&] {
-    return records.size() >= kMostRows ||
-           (!blockEnd_ && (bytes >= kMostTextBytes || std::chrono::steady_clock::now() >= end));
-  };
   const auto last = std::min(blockEnd_.value_or(report_.last), report_.last);
-  for (auto seq = next_; seq <= last && !isFull(); seq += kRowsAtOnce) {
-    auto rows = store_.fetchRange(seq, std::min(seq + kRowsAtOnce - 1, last));
-    for (auto& row : rows) {
-      bytes += textBytes(row.row);
-      records.push_back(std::move(row));
+  constexpr std::size_t kLongestRow = 65'536;  // of most logs
+  if (last - next_ > kRowsAtOnce) builder.reserve(kMostBytes + kLongestRow);
+  bool hasLarge = false;
+  const auto isFull = [&] {
+    return !blockEnd_ && (hasLarge || builder.count() >= kMostRows ||
+                          builder.bytes() >= kMostBytes || std::chrono::steady_clock::now() >= end);
+  };
+  for (auto seq = next_; seq <= last; seq += kRowsAtOnce) {
+    for (auto& preview :
+         store_.fetchPreviewRange(seq, std::min(seq + kRowsAtOnce - 1, last), kCharactersAtOnce)) {
+      const bool isLarge = preview.messageCharacters > kLargeMessage;
+      if (isFull() || (isLarge && builder.count() > 0 && !blockEnd_)) return ends;
+      if (isLarge) finishSending();
+      hasLarge = hasLarge || isLarge;
+      const auto record = wholeRecord(store_, std::move(preview));
+      if (!record) continue;  // deleted in between
+      builder.add(*record);
+      const auto mark = markOf(*record);
+      ends = std::pair(ends ? ends->first : mark, mark);
     }
   }
-  return records;
+  return ends;
 }
 
 void Shipper::skipDeleted(std::int64_t smallest) {

@@ -14,7 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "fleet/engine.h"
 #include "fleet/insert_block.h"
@@ -57,13 +57,21 @@ class Shipper {
   ShipReport run(bool follows, int milliseconds);
 
  private:
+  // Which record stands at a seq.
+  struct Mark {
+    std::int64_t seq;
+    std::uint64_t fingerprint;
+    bool operator==(const Mark&) const = default;
+  };
+
+  static Mark markOf(const runeflow::FetchedRow& record);
   void resume();
   void continueBlock(std::int64_t first, std::int64_t last, std::uint32_t rows);
   void loop(bool follows, int milliseconds);
   bool isNewGeneration();
-  bool isStored(const runeflow::FetchedRow& record);
-  std::vector<runeflow::FetchedRow> gather();
-  std::vector<runeflow::FetchedRow> readBlock();
+  bool isStored(const Mark& record);
+  std::optional<InsertBlock> gather();
+  std::optional<std::pair<Mark, Mark>> readBlock(BlockBuilder& builder);
   void skipDeleted(std::int64_t smallest);
   void noteDeleted(std::int64_t records);
   void send(const InsertBlock& block);
@@ -80,9 +88,9 @@ class Shipper {
   std::string insert_;
 
   std::uint32_t generation_ = 1;
-  std::int64_t next_ = 1;                       // the seq to send next
-  std::optional<runeflow::FetchedRow> newest_;  // the record before, as it was stored
-  std::optional<std::int64_t> blockEnd_;        // of a block that is sent again
+  std::int64_t next_ = 1;                 // the seq to send next
+  std::optional<Mark> newest_;            // the record before
+  std::optional<std::int64_t> blockEnd_;  // of a block that is sent again
   struct Sent {
     std::uint32_t generation;
     std::uint32_t rows;

@@ -59,10 +59,10 @@ std::string tableName(const Address& address) {
   return sqlName(address.database) + '.' + sqlName(address.table);
 }
 
-std::string recordColumns() {
+std::string recordColumns(std::string_view message) {
   std::string columns = "capture, generation, seq, time, kind, level";
   for (const auto& field : slotFields()) columns += ", " + sqlName(field);
-  return columns + ", message, ctx_keys, ctx_values";
+  return fmt::format("{}, {}, ctx_keys, ctx_values", columns, message);
 }
 
 Record readRecord(RowBinaryReader& reader) {

@@ -46,8 +46,9 @@ struct RecordKey {
 // Returns the table's name in backquotes, with its database.
 std::string tableName(const Address& address);
 
-// The list of the columns that readRecord() reads, for a SELECT.
-std::string recordColumns();
+// The list of the columns that readRecord() reads, for a SELECT. `message` is the expression that
+// gives the text of the message.
+std::string recordColumns(std::string_view message = "message");
 
 // Reads one row of recordColumns(). The result is meaningless if the reader is short.
 Record readRecord(RowBinaryReader& reader);

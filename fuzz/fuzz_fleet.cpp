@@ -103,8 +103,10 @@ struct Server {
                      LogRow::Context{{"user", "42"}}, {"Net", "7", std::nullopt});
     store.insert({&row, 1});
     const auto rows = store.fetchRange(1, 1);
-    const auto block = fleet::makeBlock({"one", 1, SourceDescriptor::logcat()}, rows, tokenizer());
-    engine.insert(fleet::insertStatement(engine.address(), SourceDescriptor::logcat()), block.rows);
+    fleet::BlockBuilder builder({"one", 1, SourceDescriptor::logcat()}, tokenizer());
+    builder.add(rows.front());
+    engine.insert(fleet::insertStatement(engine.address(), SourceDescriptor::logcat()),
+                  builder.finish().rows);
   }
 
   void check(const std::string& typed, const std::string& condition, bool matchCase) {

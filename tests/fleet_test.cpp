@@ -2,10 +2,13 @@
 
 // The fleet without a server: addresses, literals, conditions, rows. tests/e2e/fleet.py asks real
 // servers.
+#include <fmt/ranges.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
+#include <string>
+#include <tuple>
+#include <vector>
 
 #include "fleet/address.h"
 #include "fleet/clause.h"
@@ -147,21 +150,56 @@ TEST(Fleet, noFieldHasTheNameOfAColumnOfTheTable) {
   }
 }
 
-TEST(Fleet, writesRowsThatJsonReads) {
-  auto row = test::row("\"a\\b\"\n\x01 Caf\xC3\xA9", "Net", RuneflowLogLevel::Error,
-                       LogRow::Context{{"k\"", "v\t"}});
-  const FetchedRow rows[] = {{9'007'199'254'740'993, std::move(row)},
-                             {9'007'199'254'740'994, test::row("")}};
-  const auto block = fleet::makeBlock({"it's", 2, SourceDescriptor::logcat()}, rows, tokenizer());
-  const auto lineEnd = block.rows.find('\n');
-  const auto first = nlohmann::json::parse(block.rows.substr(0, lineEnd));
-  EXPECT_EQ(first, nlohmann::json::parse(R"({"capture":"it's","generation":2,"kind":"logcat",
-    "block":9007199254740993,"block_end":9007199254740994,"block_rows":2,"seq":9007199254740993,
-    "time":1700000000000000,"level":4,"source":"Net","tag":"Net","message":"\"a\\b\"\n\u0001 Café",
-    "ctx_keys":["k\""],"ctx_values":["v\t"],"words":["a","b","cafe"]})"));
-  const auto second = nlohmann::json::parse(block.rows.substr(lineEnd));
-  EXPECT_FALSE(second.contains("tag"));
-  EXPECT_EQ(second["words"], nlohmann::json::array());
+// Reads the values of a row of logcat as one line.
+std::string shown(fleet::RowBinaryReader& row) {
+  std::vector<std::string> values;
+  const auto add = [&](std::string_view value) { values.emplace_back(value); };
+  const auto addNumbers = [&](auto... numbers) {
+    (values.push_back(std::to_string(numbers)), ...);
+  };
+  add(row.text());
+  addNumbers(row.uint32());
+  add(row.text());
+  addNumbers(row.int64());
+  addNumbers(row.int64());
+  addNumbers(row.uint32());
+  addNumbers(row.int64());
+  addNumbers(row.int64());
+  addNumbers(row.uint8());
+  add(row.text());
+  for (int field = 0; field < 3; ++field) add(row.nullableText().value_or("-"));
+  add(row.text());
+  for (int list = 0; list < 3; ++list) add(fmt::format("[{}]", fmt::join(row.texts(), ",")));
+  return fmt::format("{}", fmt::join(values, "|"));
+}
+
+TEST(Fleet, writesRowsWithTheExtentOfTheirBlock) {
+  fleet::BlockBuilder builder({"it's", 2, SourceDescriptor::logcat()}, tokenizer());
+  builder.add({9'007'199'254'740'993,
+               test::row("\"a\\b\"\n Caf\xC3\xA9 \xFF", "Net", RuneflowLogLevel::Error,
+                         LogRow::Context{{"k\"", "v\t"}, {"l", ""}})});
+  const std::string many(130, 'x');
+  builder.add({9'007'199'254'740'994, test::row(many)});
+  std::string words = "w";
+  for (int i = 1; i < 130; ++i) words += " w";  // a length of two bytes
+  builder.add({9'007'199'254'740'996, test::row(words)});
+  EXPECT_EQ(builder.count(), 3U);
+  const auto block = builder.finish();
+  EXPECT_EQ(std::tuple(block.generation, block.first, block.last, block.count),
+            std::tuple(2U, 9'007'199'254'740'993, 9'007'199'254'740'996, 3U));
+  fleet::RowBinaryReader reader(block.rows);
+  const std::string origin = "it's|2|logcat|9007199254740993|9007199254740996|3|";
+  // In the order of the table: records without a tag come first.
+  EXPECT_EQ(shown(reader), origin + "9007199254740994|1700000000000000|2||-|-|-|" + many +
+                               "|[]|[]|[" + many + "]");
+  EXPECT_THAT(shown(reader),
+              AllOf(HasSubstr("|9007199254740996|1700000000000000|2||-|"), HasSubstr("|[w,w,w,")));
+  EXPECT_EQ(shown(reader),
+            origin +
+                "9007199254740993|1700000000000000|4|Net|Net|-|-|\"a\\b\"\n Caf\xC3\xA9 \xFF|"
+                "[k\",l]|[v\t,]|[a,b,cafe]");
+  EXPECT_TRUE(reader.rest().empty());
+  EXPECT_FALSE(reader.isShort());
 }
 
 TEST(Fleet, readsRowsWhereverTheStreamIsCut) {
