@@ -27,10 +27,11 @@ void initialiseOnce() {
 }
 
 // Codes of the engine after which the same statement may succeed: timeouts, lost connections
-// between servers, too many queries or parts, no memory, a table or its keeper that is not ready.
+// between servers, too many queries or parts, no memory, no space on the disk (75, 243), a table or
+// its keeper that is not ready.
 bool isTransientCode(int code) {
-  constexpr int kCodes[] = {3,   32,  33,  95,  96,  159, 160, 198, 201, 202, 203, 209, 210, 225,
-                            236, 241, 242, 243, 244, 252, 279, 285, 286, 319, 394, 425, 999};
+  constexpr int kCodes[] = {3,   32,  33,  75,  95,  96,  159, 160, 198, 201, 202, 203, 209, 210,
+                            225, 236, 241, 242, 243, 244, 252, 279, 285, 286, 319, 394, 425, 999};
   return std::ranges::find(kCodes, code) != std::end(kCodes);
 }
 
@@ -42,7 +43,7 @@ struct EngineText {
 
   explicit EngineText(std::string_view answer) {
     constexpr std::string_view kCode = "Code: ";
-    constexpr std::string_view kException = "DB::Exception: ";
+    constexpr std::string_view kException = "Exception: ";  // of DB, DB::Net, DB::Errno or Poco
     constexpr std::string_view kWhat = ", e.what() =";
     if (const auto at = answer.find(kCode); at != std::string_view::npos) {
       const auto* digits = answer.data() + at + kCode.size();
@@ -70,6 +71,26 @@ std::string_view adviceFor(int code) {
       return "; runeflow ship --create makes it";
     case 81:  // UNKNOWN_DATABASE
       return "; make the database first";
+    case 170:  // BAD_GET
+    case 701:  // CLUSTER_DOESNT_EXIST
+      return "; clusters stand in the servers' configuration";
+    case 192:  // UNKNOWN_USER
+    case 193:  // WRONG_PASSWORD
+    case 194:  // REQUIRED_PASSWORD
+    case 516:  // AUTHENTICATION_FAILED
+      return "; set RUNEFLOW_USER and RUNEFLOW_PASSWORD, or RUNEFLOW_LOGIN_FILE";
+    default:
+      return "";
+  }
+}
+
+// What to do about an error of libcurl.
+std::string_view adviceFor(CURLcode result) {
+  switch (result) {
+    case CURLE_PEER_FAILED_VERIFICATION:
+      return "; RUNEFLOW_CA_FILE can name a file with the certificates to trust";
+    case CURLE_SSL_CACERT_BADFILE:
+      return "; RUNEFLOW_CA_FILE must name a file with certificates in the form PEM";
     default:
       return "";
   }
@@ -222,7 +243,7 @@ void Engine::perform(const std::string& urlArguments, std::string_view body, lon
   if (result != CURLE_OK) {
     const std::string_view detail = connection_->errorText.data();
     const std::string text(detail.empty() ? ::curl_easy_strerror(result) : detail);
-    throw EngineError(fmt::format("{}: {}", address_.server, text), text,
+    throw EngineError(fmt::format("{}: {}{}", address_.server, text, adviceFor(result)), text,
                       isTransientResult(result));
   }
   long status = 0;
