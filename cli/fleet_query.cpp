@@ -14,6 +14,7 @@
 #include "host/terminal_text.h"
 #include "interrupt.h"
 #include "output.h"
+#include "query_times.h"
 #include "runeflow/query/query_parser.h"
 #include "runeflow/store/word_marks.h"
 #include "terminal.h"
@@ -33,13 +34,22 @@ void refuseWhatNeedsADatabase(const QueryOptions& options) {
   refuse(options.showsPlan, "--plan");
   refuse(options.usesPager, "--pager");
   refuse(!options.source.empty(), "--source");
-  refuse(!options.since.empty(), "--since");
-  refuse(!options.until.empty(), "--until");
   refuse(options.contained.has_value(), "--contains");
   refuse(options.expression.has_value(), "--regex");
   refuse(options.around || options.before || options.behind, "-A, -B or -C");
   refuse(options.isReversed, "--reverse");
   refuse(options.showsTimeline, "--timeline");
+}
+
+fleet::Question questionOf(const QueryOptions& options, fleet::Reader& reader) {
+  fleet::Question question{
+      .text = options.text, .matchCase = options.matchCase, .after = options.after};
+  if (options.since.empty() && options.until.empty()) return question;
+  const auto times =
+      timesOf(options, [&] { return reader.newestTime().value_or(microsecondsNow()); });
+  if (!options.since.empty()) question.since = times.from;
+  if (!options.until.empty()) question.until = times.until;
+  return question;
 }
 
 RecordFormat formatOf(const QueryOptions& options) {
@@ -117,9 +127,8 @@ int printMatches(fleet::Reader& reader, const std::string& condition, const Quer
   return found ? 0 : 1;
 }
 
-int followMatches(fleet::Engine& engine, const std::string& condition, const QueryOptions& options,
+int followMatches(fleet::Reader& reader, const std::string& condition, const QueryOptions& options,
                   FleetPrinter& printer, const Interrupt& interrupt) {
-  fleet::Reader reader(engine);
   fleet::Follower follower(reader);
   const auto printOld = [&](const Record& record) {
     if (!follower.willPass(record)) printer.add(record);
@@ -127,7 +136,7 @@ int followMatches(fleet::Engine& engine, const std::string& condition, const Que
   };
   if (options.last) {
     reader.forNewest(condition, *options.last, printOld);
-  } else if (options.after) {
+  } else if (options.after || !options.since.empty()) {
     reader.forEach(condition, printOld);
   }
   printer.flush();
@@ -146,19 +155,18 @@ int queryFleet(const QueryOptions& options) {
   refuseWhatNeedsADatabase(options);
   const auto address = fleet::parseAddress(options.database);
   const auto login = fleet::readLogin();
-  const fleet::Question question{
-      .text = options.text, .matchCase = options.matchCase, .after = options.after};
   const bool usesColour = showsColour(stdout);
   if (options.follows) {
     const Interrupt interrupt;
     fleet::Engine engine(address, login, [&] { return interrupt.isRequested(); });
     FleetPrinter printer(formatOf(options), usesColour, highlighter(options, usesColour), stdout);
-    return followMatches(engine, fleet::Reader(engine).condition(question), options, printer,
+    fleet::Reader reader(engine);
+    return followMatches(reader, reader.condition(questionOf(options, reader)), options, printer,
                          interrupt);
   }
   fleet::Engine engine(address, login);
   fleet::Reader reader(engine);
-  const auto condition = reader.condition(question);
+  const auto condition = reader.condition(questionOf(options, reader));
   if (options.counts) {
     const auto count = reader.count(condition);
     fmt::print("{}\n", count);

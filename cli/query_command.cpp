@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <limits>
 #include <memory>
 #include <system_error>
@@ -16,12 +15,12 @@
 #include "host/failure.h"
 #include "host/new_records.h"
 #include "host/record_search.h"
-#include "host/time_text.h"
 #include "interrupt.h"
 #include "match_printer.h"
 #include "output.h"
 #include "pager.h"
 #include "query_hints.h"
+#include "query_times.h"
 #include "record_printer.h"
 #include "runeflow/query/query_parser.h"
 #include "terminal.h"
@@ -50,11 +49,6 @@ struct Question {
   std::optional<host::MessageFilter> filter;  // of --regex
 };
 
-std::int64_t now() {
-  const auto time = std::chrono::system_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
-}
-
 // Returns the time of the newest record, or that of now if there is none.
 std::int64_t endOf(EventStore& store) {
   const auto newest = store.maxSeq();
@@ -62,24 +56,7 @@ std::int64_t endOf(EventStore& store) {
   const auto time = records.empty()
                         ? std::nullopt
                         : runeflow::microsecondsSinceEpoch(records.front().row.timestamp());
-  return time.value_or(now());
-}
-
-// Returns the times from --since to before --until.
-TimeSpan timesOf(const QueryOptions& options, EventStore& store) {
-  TimeSpan times{std::numeric_limits<std::int64_t>::min(),
-                 std::numeric_limits<std::int64_t>::max()};
-  if (options.since.empty() && options.until.empty()) return times;
-  const host::TimeReference reference{.now = now(), .end = endOf(store)};
-  if (!options.since.empty()) times.from = host::parseTime(options.since, reference);
-  if (!options.until.empty()) times.until = host::parseTime(options.until, reference);
-  // Other times are excluded, so that consecutive spans do not overlap. The end has nothing behind.
-  if (options.until == "end") ++times.until;
-  if (times.from >= times.until) {
-    host::fail("--since {} is not before --until {}; no record could match", options.since,
-               options.until);
-  }
-  return times;
+  return time.value_or(microsecondsNow());
 }
 
 QueryNode containing(const std::string& text) {
@@ -95,7 +72,7 @@ Question questionOf(const QueryOptions& options, EventStore& store) {
   Question question{
       runeflow::QueryParser::parse(options.text, store.descriptor(), options.matchCase),
       {},
-      timesOf(options, store),
+      timesOf(options, [&] { return endOf(store); }),
       {}};
   if (options.expression) question.filter.emplace(*options.expression);
   std::vector<QueryNode> conditions;

@@ -99,6 +99,12 @@ std::int64_t Reader::count(const std::string& condition) {
   return RowBinaryReader(answer).int64();
 }
 
+std::optional<std::int64_t> Reader::newestTime() {
+  const auto answer = engine_.ask(select("max(time)", "1", "HAVING count() > 0 FORMAT RowBinary"));
+  if (answer.empty()) return std::nullopt;
+  return RowBinaryReader(answer).int64();
+}
+
 void Reader::forEach(const std::string& condition, const OnRecord& onRecord) {
   // Each hour with the number of its matches. Duplicates count here; the number is only a size.
   std::vector<std::pair<std::int64_t, std::int64_t>> hours;

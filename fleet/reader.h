@@ -50,6 +50,9 @@ class Reader {
 
   std::int64_t count(const std::string& condition);
 
+  // Returns the latest time of all records, in microseconds. Absent if there is no record.
+  std::optional<std::int64_t> newestTime();
+
   // Passes all matches on, in order.
   void forEach(const std::string& condition, const OnRecord& onRecord);
 
