@@ -27,7 +27,10 @@ PASSWORD = "s3cret?&'x"  # of the user `writer`
 CONFIGURATION = """<yandex>
 <logger><level>warning</level><log>{folder}/log</log><errorlog>{folder}/errors</errorlog></logger>
 <listen_host>127.0.0.1</listen_host>
-<http_port>{http}</http_port><tcp_port>{tcp}</tcp_port>
+<http_port>{http}</http_port><tcp_port>{tcp}</tcp_port><https_port>{https}</https_port>
+<openSSL><server><certificateFile>{folder}/cert.pem</certificateFile>
+<privateKeyFile>{folder}/key.pem</privateKeyFile>
+<verificationMode>none</verificationMode><loadDefaultCAFile>false</loadDefaultCAFile></server></openSSL>
 <path>{folder}/data/</path><tmp_path>{folder}/tmp/</tmp_path>
 <users_config>{folder}/users.xml</users_config>
 <default_profile>default</default_profile><default_database>default</default_database>
@@ -54,16 +57,26 @@ USERS = """<yandex>
 class Server:
     """A server with a folder of its own. start() may be called again after kill()."""
 
-    def __init__(self, folder, http, tcp, all_tcp):
+    def __init__(self, folder, http, https, tcp, all_tcp):
         self.folder = folder
         self.http = http
         self.url = f"http://127.0.0.1:{http}"
+        self.secure_url = f"https://127.0.0.1:{https}"
+        self.certificate = folder / "cert.pem"  # signed by itself
         self.process = None
         self.stack = contextlib.ExitStack()
         folder.mkdir()
         shards = "".join(SHARD.format(port) for port in all_tcp)
         (folder / "config.xml").write_text(
-            CONFIGURATION.format(folder=folder, http=http, tcp=tcp, cluster=CLUSTER, shards=shards)
+            CONFIGURATION.format(
+                folder=folder, http=http, https=https, tcp=tcp, cluster=CLUSTER, shards=shards
+            )
+        )
+        subprocess.run(
+            ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=runeflow"]
+            + ["-addext", "subjectAltName=IP:127.0.0.1", "-keyout", folder / "key.pem", "-out", self.certificate],
+            check=True,
+            capture_output=True,
         )
         escaped = PASSWORD.replace("&", "&amp;")
         (folder / "users.xml").write_text(USERS.format(escaped))
@@ -98,9 +111,10 @@ class Server:
 
 @contextlib.contextmanager
 def two_servers(folder):
-    ports = [free_port() for _ in range(4)]
+    ports = [free_port() for _ in range(6)]
     servers = [
-        Server(folder / f"clickhouse{i}", ports[i], ports[2 + i], ports[2:]) for i in (0, 1)
+        Server(folder / f"clickhouse{i}", ports[i], ports[2 + i], ports[4 + i], ports[4:])
+        for i in (0, 1)
     ]
     with contextlib.ExitStack() as stack:
         for server in servers:
