@@ -59,7 +59,7 @@ class CaptureSession::Reader {
   Reader(const CaptureSession& session, std::shared_ptr<Semaphore> previous, int fd,
          DecoderFactory makeDecoder, FinishCallback onFinish)
       : previous_(std::move(previous)),
-        finished_(session.readerGate_),
+        finished_(session.latestReaderEnded_),
         fd_(fd),
         dbPath_(session.dbPath_),
         descriptor_(session.descriptor_),
@@ -132,7 +132,7 @@ class CaptureSession::Reader {
     flushPending();
   }
 
-  // Waits until the stream has more bytes or has ended. Returns true if the wait was too long.
+  // Waits for kFlushInterval. Returns false as soon as the stream has more bytes or has ended.
   bool isQuiet() const {
     pollfd waiting{.fd = fd_.get(), .events = POLLIN, .revents = 0};
     return ::poll(&waiting, 1, static_cast<int>(kFlushInterval.count())) == 0;
@@ -187,7 +187,7 @@ class CaptureSession::Reader {
     constexpr std::int64_t kShare = 10;  // a flush deletes at most a tenth of the records
     auto left = std::max(recordsInStore() / kShare, 2 * batchSize);
     while (left > 0) {
-      // As many records as take up the excess: each trim is a transaction, and costs as one.
+      // Deletes about as many records as the excess in one trim, because each is a transaction.
       const auto used = store_->usedBytes();
       const auto bytesPerRecord =
           std::max<std::int64_t>(1, used / std::max<std::int64_t>(1, recordsInStore()));
@@ -200,8 +200,8 @@ class CaptureSession::Reader {
 
   std::int64_t recordsInStore() { return store_->maxSeq() - store_->minSeq() + 1; }
 
-  // SQLite starts its write-ahead log over by itself, but only at a moment without readers. Beside
-  // readers that pause for a few milliseconds only, there may be none.
+  // SQLite reuses the space of its write-ahead log only at a moment without readers. If readers
+  // pause for only a few milliseconds, there may be no such moment.
   void emptyLargeLog() {
     const auto size = store_->logBytes();
     if (size < nextEmptying_) return;
@@ -259,12 +259,12 @@ void CaptureSession::setLockWait(std::chrono::milliseconds wait) {
 }
 
 void CaptureSession::run(int fd, DecoderFactory makeDecoder, FinishCallback onFinish) {
-  const auto before = std::exchange(readerGate_, std::make_shared<Semaphore>());
+  const auto before = std::exchange(latestReaderEnded_, std::make_shared<Semaphore>());
   auto reader =
       std::make_shared<Reader>(*this, before, fd, std::move(makeDecoder), std::move(onFinish));
   UniqueFunction<void()> body = [reader] { reader->run(); };
   if (!startThread({"runeflow.log-reader", kReaderStack}, body)) {
-    readerGate_ = before;  // the next reader must wait for the reader before this one
+    latestReaderEnded_ = before;  // the next reader must wait for the reader before this one
     reader->giveUp();
   }
 }

@@ -36,15 +36,16 @@ struct CaptureProgress {
   std::int64_t rowsStored = 0;     ///< Records in committed batches.
   std::int64_t rowsLost = 0;       ///< Records that could not be stored; the log says why.
   std::int64_t readersFailed = 0;  ///< Readers that ended before their stream; the log says why.
-  std::int64_t trimsFailed = 0;    ///< Batches after which a trim failed; the log says why.
+  /// Batches after which a trim, the deletion of the oldest records, failed; the log says why.
+  std::int64_t trimsFailed = 0;
 };
 
 /// Captures streams into one database file, one stream after the other.
 ///
-/// run() starts a reader: a thread that reads a stream to its end, decodes it, stores the records
-/// in batches and deletes old records if the database has a size cap. A new reader waits until the
-/// previous reader of the session has ended, but at most 5 s. Destroying the session does not stop
-/// its readers.
+/// run() starts a reader: a thread that reads a stream to its end, decodes it and stores the
+/// records in batches. If the session has a size cap, the reader trims the database after a batch:
+/// it deletes the oldest records. A new reader waits until the previous reader of the session has
+/// ended, but at most 5 s. Destroying the session does not stop its readers.
 ///
 /// One thread at a time may call run(). The other members may be called from any thread.
 ///
@@ -53,8 +54,8 @@ struct CaptureProgress {
 /// is logged by the store and lost. A read error ends the stream. Records stored before stay in
 /// every case.
 ///
-/// After a flush that leaves more than 32 MB of write-ahead log, the reader empties the log and
-/// waits up to 200 ms for readers that use it.
+/// If the write-ahead log exceeds 32 MB after a batch, the reader empties the log. It waits up to
+/// 200 ms for other connections that read from the log.
 class RUNEFLOW_EXPORT CaptureSession {
  public:
   /// Creates the decoder of one stream. Must not return null.
@@ -75,20 +76,21 @@ class RUNEFLOW_EXPORT CaptureSession {
   /// batch.
   void setMaxBytes(std::int64_t maxBytes);
 
-  /// Bounds one trim in bytes of messages; below 1, which is the default, a trim deletes 10,000
-  /// records. With a bound, the reader trims after a batch as often as needed until the used bytes
-  /// are below the cap. It deletes at most a tenth of the records or twice the batch, whichever is
-  /// more, and never the newest record. A host that expects long messages sets it: 10,000 records
-  /// of 60 KB are 600 MB.
+  /// Sets the size of one trim in bytes of messages. With a value below 1, which is the default, a
+  /// reader trims once after a batch and deletes 10,000 records. Otherwise it trims repeatedly
+  /// until the used bytes are below the cap. After one batch it deletes at most a tenth of the
+  /// records or twice the size of the batch, whichever is more, and never the newest record.
+  ///
+  /// Set a size if messages may be long: 10,000 records of 60 KB are 600 MB.
   void setTrimBytes(std::int64_t messageBytes);
 
-  /// With `flushes` true, a reader also stores its pending records when the stream has been quiet
-  /// for 33 ms. Without, which is the default, they wait for the next record or the end of the
-  /// stream.
+  /// If `flushes` is true, a reader stores the records of an unfinished batch when the stream has
+  /// been quiet for 33 ms. If it is false, which is the default, these records wait for the next
+  /// record or for the end of the stream.
   void setFlushesWhenQuiet(bool flushes);
 
-  /// Sets how long readers wait for locks of other connections; 5 s at first. Also shortens a wait
-  /// that has begun, for a host that wants to end.
+  /// Sets how long readers wait for locks of other connections. The default is 5 s. The new value
+  /// also applies to a wait that has begun, so that a host that wants to end can shorten it.
   void setLockWait(std::chrono::milliseconds wait);
 
   /// Starts a reader and returns at once. The reader owns `fd` and closes it when it ends.
@@ -109,8 +111,8 @@ class RUNEFLOW_EXPORT CaptureSession {
 
   std::string dbPath_;
   SourceDescriptor descriptor_;
-  std::shared_ptr<Semaphore> readerGate_;  // released when the latest reader ends
-  std::shared_ptr<Shared> shared_;         // shared with the running readers
+  std::shared_ptr<Semaphore> latestReaderEnded_;  // released when the latest reader ends
+  std::shared_ptr<Shared> shared_;                // shared with the running readers
 };
 
 }  // namespace runeflow

@@ -153,7 +153,7 @@ class MessageTexts {
   bool appendIdentifier(Bytes field) {
     const auto isPadding = [](std::uint8_t byte) { return byte == '\0' || byte == ' '; };
     const bool ascii = isAscii(load<std::uint32_t>(field, std::endian::native));
-    if (ascii && !isPadding(field[3])) {  // most are: a copy of known size needs no call
+    if (ascii && !isPadding(field[3])) {  // the usual case: a copy of known size needs no call
       buffer_.append(dlt::asText(field.first<4>()));
       return true;
     }

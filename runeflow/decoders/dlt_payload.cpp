@@ -105,7 +105,7 @@ std::optional<std::size_t> appendNumber(TextBuffer& text, std::uint32_t typeInfo
     if (size == 8) {
       appendInteger(text, bits);
     } else {
-      appendInteger(text, static_cast<std::uint32_t>(bits));  // divided in half the time
+      appendInteger(text, static_cast<std::uint32_t>(bits));  // 32-bit divisions take half the time
     }
   } else if (typeInfo & kSigned) {
     appendInteger(text, signExtended(bits, size));

@@ -29,10 +29,10 @@ inline std::string_view asText(Bytes bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-// Returns the most bytes that one of the functions below appends for a payload of `size` bytes. A
-// string grows the most: each invalid byte becomes the three bytes of U+FFFD. A number or truth
-// value of at most 25 characters, including its separator, has at least 4 bytes of type info and 1
-// byte of data for each 8 characters. A hex preview takes three bytes for one, too.
+// Returns the largest number of bytes that one of the functions below appends for a payload of
+// `size` bytes: three for each byte. A string needs them if each byte is invalid and becomes the
+// three bytes of U+FFFD, and a hex preview has three characters for each byte. The text of a number
+// or truth value is shorter than three times its type info (4 bytes) and its data.
 constexpr std::size_t mostTextFor(std::size_t size) {
   constexpr std::size_t kNonVerbose = 64;  // "[non-verbose id=0x… … bytes]"; also an ellipsis
   return kNonVerbose + 3 * size;

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 /// \file
-/// What all public headers share: the mark of the functions and classes that a shared library
-/// exports, and a check of the compiler.
+/// What all public headers share: the macro RUNEFLOW_EXPORT, and a check of the compiler.
 ///
-/// RUNEFLOW_EXPORT stands before everything that the library defines in its sources and a host may
-/// use. Nothing else is visible outside the shared library. CMake generates its definition.
+/// RUNEFLOW_EXPORT marks the functions and classes that the library defines in its sources and that
+/// a host (a program that uses the library) may use. A shared library exports only these. CMake
+/// generates the definition of the macro.
 #pragma once
 
 #include <version>

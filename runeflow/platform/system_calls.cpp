@@ -74,7 +74,7 @@ void makeThisThreadBackground() {
 #elif RUNEFLOW_LINUX
   constexpr int kUtilityNiceness = 10;
   // On Linux, niceness is a property of the thread. Elsewhere it belongs to the whole process,
-  // whose priority is the host's affair.
+  // whose priority the library must not change.
   const auto thread = static_cast<id_t>(::gettid());
   if (::getpriority(PRIO_PROCESS, thread) < kUtilityNiceness) {
     ::setpriority(PRIO_PROCESS, thread, kUtilityNiceness);

@@ -20,8 +20,8 @@ struct Pipe {
   FileDescriptor writeEnd;
 };
 
-// Opens a pipe whose ends are closed on exec. Returns false, with errno, if the system has no more.
-// On the portable road, a program that another thread starts at the same moment can inherit them.
+// Opens a pipe whose ends are closed on exec. Returns false and sets errno if that fails. Without
+// pipe2(), a program that another thread starts at the same moment can inherit the ends.
 bool openPipe(Pipe& pipe);
 
 // Returns a socket that is closed on exec and raises no SIGPIPE, or -1 with errno.

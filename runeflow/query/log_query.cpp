@@ -11,8 +11,8 @@
 namespace runeflow {
 namespace {
 
-// A bound text ends at its first NUL character, as stored texts do. What a pattern adds behind a
-// text must not end with it.
+// SQLite ends a bound text at its first NUL character. A pattern is therefore built from the text
+// before the NUL, so that the characters that it adds after the text are kept.
 std::string_view untilNul(std::string_view text) {
   return text.substr(0, text.find('\0'));
 }

@@ -15,28 +15,27 @@
 ///
 /// - For a list of all records that shows a page at a time, use `minSeq()` and `maxSeq()` for its
 ///   length and `fetchRange(first, last)` for the visible part.
-/// - For a filtered list, use `newestMatching()` and `oldestMatching()` to page through it in
-/// either
-///   direction, `countMatchingPerBlock()` for its length and to enter it at any place, and
-///   `fetchPreviews(seqs)` or `fetch(seqs)` for what is visible.
-/// - For new records that match, call `oldestMatching(query, after, limit)` with the largest seq
-///   known.
-/// - For the whole list of matches, call `matchingSeqs(query, 0)`; its cost grows with the list.
+/// - For a list of the records that match a query, use `newestMatching()` and `oldestMatching()` to
+///   page through it in either direction, `countMatchingPerBlock()` for its length and to jump to
+///   any place in it, and `fetchPreviews(seqs)` or `fetch(seqs)` for the visible part.
+/// - For new records that match, call `oldestMatching(query, after, limit)`, where `after` is the
+///   largest seq known.
+/// - For the whole list of matches, call `matchingSeqs(query, 0)`. Its cost grows with the list.
 /// - For records whose messages may be long, use `fetchPreviews()`, and `messagePiece()` for the
 ///   rest of a message.
 /// - For a number alone, use `count()` or `countMatching(query)`.
 /// - For an overview over time, use `timeSpan()` and `timeline()`, and `firstSeqAtOrAfter()` to go
 ///   to an instant.
-/// - To end a read that takes too long from another thread, use `setCancellation()`.
 /// - For completing the values of a field, use `distinctValues()` or `distinctValuesWithCounts()`.
+/// - To end a slow read from another thread, use `setCancellation()`.
 /// - To find out whether a file is a store at all, use `inspect(path)`.
-/// - To find out whether the answers are complete, use `takeError()` after the reads.
+/// - To find out whether the answers are complete, call `takeError()` after the reads.
 ///
-/// Several connections to one file are normal: a host (the program that uses the library) opens
-/// one with `create` true, which lays down the schema, and reads through it; a capture opens its
-/// own and writes. A program that only reads uses openForReading(), which leaves the file and its
-/// folder as they are. SQLite's write-ahead log lets all of them work at the same time. Keep reads
-/// short: the log cannot start over while a read runs.
+/// Several connections to one file are normal. A host (the program that uses the library) opens one
+/// with `create` true, which creates the tables, and reads through it. A capture opens its own and
+/// writes. A program that only reads uses openForReading(), which changes neither the file nor its
+/// folder. SQLite's write-ahead log lets all of them work at the same time. Keep reads short: the
+/// log grows while a read runs.
 #pragma once
 
 #include <atomic>
@@ -75,34 +74,34 @@ struct ValueCount {
 
 /// Why a file cannot be read as a store.
 enum class StoreFault {
-  none,          ///< It can be read.
+  none,          ///< The file can be read.
   noEvents,      ///< The database has no table `events`, or the table lacks a column of a store.
   notADatabase,  ///< The file is not an SQLite database.
   damaged,       ///< SQLite reports that the database is malformed.
   cannotOpen,    ///< The file cannot be opened: it does not exist, or permission is missing.
-  readOnly,   ///< Reading needs to write beside the file (`-wal`, `-shm`), which is not permitted.
-  locked,     ///< Another connection held a lock for longer than the wait for locks, usually 5 s.
-  diskFull,   ///< There is no space left for the file.
-  cancelled,  ///< EventStore::setCancellation() has ended the read.
-  refused,    ///< SQLite refuses the statement, usually because a query is too large.
-  other       ///< Anything else; `StoreInfo::faultText` tells.
+  readOnly,      ///< SQLite may not write the files `-wal` and `-shm`, which the read needs.
+  locked,        ///< Another connection held a lock for longer than setLockWait() allows.
+  diskFull,      ///< There is no space left for the file.
+  cancelled,     ///< EventStore::setCancellation() has ended the read.
+  refused,       ///< SQLite refuses the statement, usually because a query is too large.
+  other          ///< Anything else; SQLite's text gives the reason.
 };
 
 /// Why a read or write was cut short.
 struct StoreError {
   StoreFault fault = StoreFault::other;  ///< The cause.
-  std::string text;                      ///< The same in SQLite's words.
+  std::string text;                      ///< SQLite's text for it.
   bool operator==(const StoreError&) const = default;
 };
 
 /// What EventStore::check() found.
 struct StoreCheck {
-  std::vector<std::string> faults;  ///< Faults of the database, in SQLite's words; at most 100.
+  std::vector<std::string> faults;  ///< SQLite's texts for faults of the database; at most 100.
   std::string fullTextFault;        ///< Why the full-text index does not fit the records, or empty.
-  bool isFullTextChecked = false;   ///< False without an index, and if the check could not be made.
+  bool isFullTextChecked = false;   ///< False if there is no index or the check was not possible.
 };
 
-/// What a database file says of its schema.
+/// The result of EventStore::inspect(): what a file is, and which schema it has.
 struct RUNEFLOW_EXPORT StoreInfo {
   bool isEmpty = false;                 ///< The database has no table at all.
   StoreFault fault = StoreFault::none;  ///< Why the records cannot be read.
@@ -120,25 +119,26 @@ struct RUNEFLOW_EXPORT StoreInfo {
 /// The store owns its connection. Only one thread at a time may use an object. A connection waits
 /// up to 5 s for locks of other connections.
 ///
-/// Writes report failure in the diagnostic log (AppLog, category "store"), not to the caller; a
-/// batch or trim that fails leaves the database as it was. A read that fails returns what it has
-/// read until then, usually 0 or an empty list, and logs nothing. takeError() tells of both. An
+/// A write that fails writes a line to the diagnostic log (AppLog, category "store"). A batch or
+/// trim that fails leaves the database as it was. A read that fails returns what it has read until
+/// then, usually 0 or an empty list, and logs nothing. takeError() returns the error of either. An
 /// inert, closed or moved-from store stores and finds nothing.
 class RUNEFLOW_EXPORT EventStore {
  public:
   /// Opens the file at `path`. If `create` is true, creates the file if it does not exist, and the
-  /// tables and indexes that it lacks. In this case an invalid `descriptor` (see
-  /// SourceDescriptor::validationError()) is logged, but used.
+  /// tables and indexes that it lacks. In this case the function logs an invalid `descriptor` (see
+  /// SourceDescriptor::validationError()) and uses it.
   ///
   /// Returns nothing if the file cannot be opened. The function does not check the contents of the
   /// file and does not report tables that it cannot create. It can therefore return a store for a
-  /// file that is not a database; all writes and reads of that store fail. inspect() finds out.
+  /// file that is not a database; all writes and reads of that store fail. Call inspect() to find
+  /// out.
   static std::optional<EventStore> open(const std::string& path, bool create,
                                         SourceDescriptor descriptor);
 
-  /// Opens the file at `path` for reads. Neither this nor a read creates or changes a file; writes
-  /// fail. A capture that runs, begins or ends in another connection is noticed, and its records
-  /// are found. Returns absence if the file cannot be opened.
+  /// Opens the file at `path` for reads. Neither this function nor a read creates or changes a
+  /// file, and writes fail. Reads find the records of a capture that runs, begins or ends
+  /// meanwhile. Returns nothing if the file cannot be opened.
   ///
   /// There is one exception: if a write-ahead log lies beside the file without its index (`-shm`),
   /// as after an incomplete copy, a read creates the index.
@@ -186,8 +186,8 @@ class RUNEFLOW_EXPORT EventStore {
   std::int64_t insertedRows() const { return insertedRows_; }
 
   /// Deletes every record in one transaction; the next record gets seq 1. If the transaction cannot
-  /// begin, which is logged, nothing changes. If deleting the rows fails, which is logged, the
-  /// full-text index is emptied all the same.
+  /// begin, nothing changes. If deleting the rows fails, the full-text index is emptied all the
+  /// same. Both failures are logged.
   void clear();
 
   /// Deletes the `chunk` oldest records if usedBytes() is at least `toUsedBytes`. Deletes only one
@@ -198,27 +198,27 @@ class RUNEFLOW_EXPORT EventStore {
   /// range 1 to 2^31 - 1.
   std::optional<std::int64_t> trimOldest(std::int64_t toUsedBytes, std::int64_t chunk);
 
-  /// Deletes the oldest records if the used bytes have reached `toUsedBytes`: at most
-  /// `mostRecords`, no more after the one whose message fills up `mostMessageBytes`, and never the
-  /// newest record. Returns how many it deleted.
+  /// Deletes the oldest records if usedBytes() is at least `toUsedBytes`. Deletes at most
+  /// `mostRecords`, stops when their messages together have at least `mostMessageBytes` bytes, and
+  /// never deletes the newest record. Returns the number of deleted records.
   std::int64_t trimWithin(std::int64_t toUsedBytes, std::int64_t mostRecords,
                           std::int64_t mostMessageBytes);
 
-  /// Returns the first error that has cut a read or a write short since the last call, and forgets
-  /// it. Absent if every answer was complete and every change was made.
+  /// Returns the first error of a read or write since the last call, and forgets it. Returns
+  /// nothing if every read was complete and every write succeeded.
   std::optional<StoreError> takeError();
 
   /// Returns whether the file at the path of the store is no longer the one that was opened,
   /// because it was deleted or replaced. The store goes on using the old file.
   bool hasLostItsFile() const;
 
-  /// Sets how long a call waits for locks of other connections, in milliseconds; 5,000 at first.
-  /// The number may be changed from any thread, also while a call waits.
+  /// Sets how long a call waits for locks of other connections, in milliseconds. The default is
+  /// 5,000. Any thread may change the number, also while a call waits.
   void setLockWait(std::shared_ptr<std::atomic<std::int64_t>> milliseconds);
 
-  /// Sets a flag that ends reads. While it is true, every read of this store ends soon and
-  /// takeError() returns StoreFault::cancelled; a read that begins then returns nothing. Writes go
-  /// on. The flag may be changed from any thread, also during a read. Null, as at first, ends none.
+  /// Sets a flag that ends reads. While it is true, a running read of this store ends early, a new
+  /// one returns nothing, and takeError() returns StoreFault::cancelled. Writes are not affected.
+  /// Any thread may change the flag, also during a read. Null, which is the default, means no flag.
   void setCancellation(std::shared_ptr<const std::atomic<bool>> isCancelled);
 
   /// Returns the size in bytes of the write-ahead log beside the file, or 0 if there is none.
@@ -228,16 +228,17 @@ class RUNEFLOW_EXPORT EventStore {
   /// connections, and fails if they use the log for longer.
   bool emptyLog(std::chrono::milliseconds wait);
 
-  /// Checks the database and its full-text index. Reads everything, which takes a second for about
-  /// 100 MB. The check of the full-text index needs a store that can write, and changes nothing. If
-  /// it fails for another reason than damage, such as a lock, takeError() returns the reason.
+  /// Checks the database and its full-text index. Reads the whole file, which takes a second for
+  /// about 100 MB. The check of the full-text index changes nothing, but needs a store that can
+  /// write. If the check fails for another reason than damage, such as a lock, takeError() returns
+  /// the reason.
   StoreCheck check();
 
-  /// Builds the full-text index anew from the records. Returns false if that fails.
+  /// Rebuilds the full-text index from the records. Returns false if that fails.
   bool rebuildFullText();
 
-  /// While an object exists, all reads of its store see the records of one moment. Keep it short:
-  /// the write-ahead log cannot start over meanwhile.
+  /// While a snapshot exists, all reads of its store see the records of one moment. Destroy it
+  /// soon, because the write-ahead log grows until then.
   class Snapshot {
    public:
     /// The store must outlive the snapshot, and may have only one at a time.
@@ -246,9 +247,10 @@ class RUNEFLOW_EXPORT EventStore {
     Snapshot(const Snapshot&) = delete;
     Snapshot& operator=(const Snapshot&) = delete;
 
-    /// Returns whether the reads may not agree, because another program began to write to the file
-    /// meanwhile. It cannot if others already had it open when the snapshot began. Read again with
-    /// a new snapshot then.
+    /// Returns true if another program began to write to the file during the snapshot, so that the
+    /// reads may come from different moments. The caller should then read again with a new
+    /// snapshot. This can happen only if no other program had the file open when the snapshot
+    /// began.
     bool isDisturbed() const;
 
    private:
@@ -268,20 +270,20 @@ class RUNEFLOW_EXPORT EventStore {
   /// ascending order.
   std::vector<std::int64_t> matchingSeqs(const LogQuery& query, std::int64_t after);
 
-  /// Returns the newest `limit` of the records that match `query` and have a seq less than `below`,
-  /// in ascending order. The largest number for `below` means all records. A limit below 1 gives an
-  /// empty list. The cost follows the number of records returned where these are frequent, and is
-  /// little more than that of countMatching() otherwise.
+  /// Returns the seqs of the newest `limit` records that match `query` and whose seq is less than
+  /// `below`, in ascending order. INT64_MAX as `below` means all records. The list is empty if
+  /// `limit` is below 1. If matches are frequent, the cost depends on the number of seqs returned;
+  /// if they are rare, it is little more than that of countMatching().
   std::vector<std::int64_t> newestMatching(const LogQuery& query, std::int64_t below,
                                            std::int64_t limit);
-  /// Returns the oldest `limit` of the records that match `query` and have a seq greater than
-  /// `after`, in ascending order. See newestMatching().
+  /// Returns the seqs of the oldest `limit` records that match `query` and whose seq is greater
+  /// than `after`, in ascending order. See newestMatching() for the limit and the cost.
   std::vector<std::int64_t> oldestMatching(const LogQuery& query, std::int64_t after,
                                            std::int64_t limit);
 
-  /// Returns the number of records with a seq from `first` to `last` that match `query`, by blocks
-  /// of `blockSize` seqs, in ascending order. Leaves out blocks without matches. A block size below
-  /// 1 gives an empty list, and seqs below 1 are not counted.
+  /// Counts the records with a seq from `first` to `last` that match `query` in each block of
+  /// `blockSize` seqs. Returns the blocks that have matches, in ascending order. The list is empty
+  /// if `blockSize` is below 1. Seqs below 1 are not counted.
   std::vector<SeqBlock> countMatchingPerBlock(const LogQuery& query, std::int64_t first,
                                               std::int64_t last, std::int64_t blockSize);
 
@@ -302,26 +304,26 @@ class RUNEFLOW_EXPORT EventStore {
   /// Returns the same records as fetchRange(), with messages cut like those of fetchPreviews().
   std::vector<RecordPreview> fetchPreviewRange(std::int64_t first, std::int64_t last,
                                                std::int64_t characters);
-  /// Returns the code points from `from`, which counts from 0, until before `from` + `characters`
-  /// of the message of a record. Negative numbers count as 0. Returns absence if there is no such
-  /// record.
+  /// Returns up to `characters` code points of the message of a record, beginning with code point
+  /// `from`, where 0 is the first. Negative numbers count as 0. Returns nothing if there is no
+  /// such record.
   std::optional<std::string> messagePiece(std::int64_t seq, std::int64_t from,
                                           std::int64_t characters);
 
-  /// Counts the records that match `query` and whose time lies in `span`, by bars of equal length
-  /// and by level. A record counts in the bar of its time, wherever it stands among the seqs. The
-  /// number of bars is limited to the range 1 to 100,000.
+  /// Counts the records that match `query` and whose time lies in `span`. Divides the span into
+  /// `bars` bars of equal length and counts the records of each bar by level. `bars` is limited to
+  /// the range 1 to 100,000.
   Timeline timeline(const LogQuery& query, TimeSpan span, std::size_t bars);
 
-  /// Returns the span from the earliest time of the records with a seq from `first` to `last` until
-  /// after the latest. These need not be the times of the first and the last record, because clocks
-  /// jump. Absent if there is no such record. A record at the last instant of 64 bits lies in no
-  /// span.
+  /// Returns the smallest span that holds the times of all records with a seq from `first` to
+  /// `last`. The earliest time need not be that of the first record, because clocks jump. Returns
+  /// nothing if there is no such record. No span holds the time INT64_MAX.
   std::optional<TimeSpan> timeSpan(std::int64_t first, std::int64_t last);
 
-  /// Returns the seq of a record that is not earlier than `microseconds` since 1970 and whose
-  /// predecessor is earlier, or that is the first. Returns 0 if the newest record is earlier. Where
-  /// clocks jump back, several records fit; the function returns one of them. Reads a few records.
+  /// Returns the seq of the first record whose time is at or after `microseconds` since 1970. If
+  /// the times do not grow with the seqs, the function returns one of the records that are at or
+  /// after that time while the record before them is earlier. Returns 0 if the newest record is
+  /// earlier. Finds the record by bisection, which reads a few records.
   std::int64_t firstSeqAtOrAfter(std::int64_t microseconds);
 
   /// Returns the distinct non-empty values of `column`, which must be a slot; other columns give an

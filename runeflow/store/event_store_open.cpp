@@ -30,8 +30,8 @@ void applySettings(Connection& connection) {
   }
 }
 
-// The page cache takes KiB as a negative number. 4,000 pages are 16 MB of write-ahead log, half of
-// what a capture lets stand before it empties the log.
+// SQLite takes the page cache in KiB as a negative number. 4,000 pages are 16 MB of write-ahead
+// log, half of the size at which a capture empties the log.
 constexpr const char* kCaptureSettings =
     "PRAGMA cache_size=-16384; PRAGMA wal_autocheckpoint=4000;";
 
@@ -163,7 +163,7 @@ bool EventStore::Snapshot::isDisturbed() const {
   return database && database->isUnwatched && FileState::of(database->path) != database->openedAs;
 }
 
-// A statement that fails here shows later: the writes and reads that need its table fail.
+// Ignores the results: if a statement fails, the writes and reads that need its table fail later.
 void EventStore::createSchema() {
   if (const auto fault = descriptor_.validationError()) {
     AppLog::logError(AppLog::store(), "invalid SourceDescriptor '{}': {}", descriptor_.id(),

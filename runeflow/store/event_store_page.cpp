@@ -20,7 +20,8 @@ std::int64_t characterCount(std::int64_t count) {
   return std::clamp<std::int64_t>(count, 0, std::numeric_limits<std::int32_t>::max() - 1);
 }
 
-// The number of characters comes before the other parameters, the length after the record.
+// Parameter 1 is the number of characters; `condition` holds the others. The last column is the
+// length of the whole message.
 std::string previewsWhere(std::string_view condition) {
   return fmt::format("SELECT {}, length(message) FROM events WHERE {} ORDER BY seq",
                      fmt::format(kRecordColumns, "substr(message, 1, ?)"), condition);

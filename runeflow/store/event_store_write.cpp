@@ -112,8 +112,8 @@ struct Trimmed {
 };
 
 // Deletes the entries of the oldest rows from the full-text index. The index has no content of its
-// own: to delete an entry, it must be given the message that it indexed. The error is taken before
-// the statements are finalized, which replaces it.
+// own: to delete an entry, it must be given the message that it indexed. The error is read before
+// the statements are finalized, because finalizing replaces it.
 std::expected<Trimmed, StoreError> deleteFromIndex(OpenDatabase& db, const TrimLimits& limits,
                                                    bool ftsAvailable) {
   Statement oldest = db.prepare("SELECT seq, message FROM events ORDER BY seq LIMIT ?");
@@ -174,9 +174,9 @@ std::int64_t failTrim(OpenDatabase& db, const char* step, StoreError error) {
   return 0;
 }
 
-// Deletes oldest rows while the used bytes are not below `toUsedBytes`, and returns how many. Other
-// connections may trim or clear at the same time, so the rows are read within the write transaction
-// that deletes them.
+// Deletes the oldest rows within `limits` if the used bytes have reached `toUsedBytes`, and returns
+// their number. Other connections may trim or clear at the same time, so the rows are read within
+// the write transaction that deletes them.
 std::int64_t trim(OpenDatabase& db, std::int64_t toUsedBytes, const TrimLimits& limits,
                   bool ftsAvailable) {
   if (toUsedBytes < 1 || usedBytesOf(db) < toUsedBytes) return 0;
@@ -226,8 +226,8 @@ void EventStore::clear() {
     database_->noteFailure();
     failed(connection.errorText());
   };
-  // One transaction: a batch between the two statements would be stored and never be found, and
-  // index entries without rows would be found in later rows.
+  // Without one transaction for both statements, a batch that is stored between them would never be
+  // found, and index entries without rows would be found in later rows.
   Transaction transaction(connection, "BEGIN IMMEDIATE;");
   if (!transaction.began()) return note();
   const bool isDeleted = connection.execute("DELETE FROM events;");
@@ -237,8 +237,8 @@ void EventStore::clear() {
   if (ftsAvailable_) {
     deleteAll = database_->prepare("INSERT INTO events_fts(events_fts) VALUES('delete-all')");
   }
-  if (deleteAll && !deleteAll.stepsToEnd()) return note();  // with entries and no rows
-  // A DELETE that found the disk full has ended the transaction, and cannot fail a second time.
+  if (deleteAll && !deleteAll.stepsToEnd()) return note();  // rolls back the deletion of the rows
+  // If the DELETE found the disk full, SQLite has rolled back, and the failure is noted already.
   if (!transaction.commit() && isDeleted) note();
 }
 

@@ -13,7 +13,7 @@ namespace runeflow {
 /// A record whose message may have been cut.
 struct RecordPreview {
   std::int64_t seq;                ///< The record's number, its rowid in `events`.
-  LogRow row;                      ///< The record; its message has the length asked for at most.
+  LogRow row;                      ///< The record; its message may be cut.
   std::int64_t messageCharacters;  ///< The length of the whole message in code points.
   bool operator==(const RecordPreview&) const = default;
 };

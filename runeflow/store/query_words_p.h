@@ -33,7 +33,7 @@ struct TypedWord {
 };
 
 // Reads an expression that LogQuery::ftsMatch() has written: words in double quotes, with "*"
-// behind a prefix. Other texts give some list of words.
+// after a prefix. Other texts give some list of words.
 std::vector<TypedWord> typedWords(std::string_view ftsExpression);
 
 // Returns the words of an expression of LogQuery::ftsMatch() that hold a token; FTS5 ignores the

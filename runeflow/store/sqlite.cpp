@@ -102,7 +102,7 @@ Connection Connection::open(const std::string& name, int flags) {
 
 void Connection::waitForLocks(const LockWait& wait) {
   if (!handle_) return;
-  // By the clock, because the pauses of a busy machine are longer than asked for.
+  // Reads the clock, because pauses last longer than requested on a busy machine.
   const auto waitOnceMore = [](void* context, int pauses) {
     constexpr int kPause = 5;  // milliseconds
     auto& patience = *static_cast<Patience*>(context);

@@ -85,10 +85,10 @@ class Connection {
   // Until this is called the connection does not wait. `wait` must outlive the connection.
   void waitForLocks(const LockWait& wait);
 
-  // Says whether the present call should end early. Any thread may change the answer.
+  // Returns whether the present call should end early. Any thread may change the answer.
   using IsInterrupted = bool (*)(const void* context);
-  // Has running statements and waits for locks ask from time to time. `context` must outlive the
-  // connection.
+  // Running statements and waits for locks call `isInterrupted` from time to time. `context` must
+  // outlive the connection.
   void interruptIf(IsInterrupted isInterrupted, const void* context);
 
   explicit operator bool() const { return handle_ != nullptr; }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 /// \file
-/// Settings of SQLite that hold for the whole process. They are the host's to choose (a host is the
-/// program that uses the library), because the process may use SQLite for other purposes, too. The
-/// library itself changes only the settings of its own connections.
+/// Settings of SQLite that apply to the whole process. The library itself changes only the settings
+/// of its own connections. The host (the program that uses the library) decides about the others,
+/// because it may use SQLite for other purposes, too.
 #pragma once
 
 #include "runeflow/platform/api.h"

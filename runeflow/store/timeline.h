@@ -20,20 +20,20 @@ struct TimeSpan {
   bool operator==(const TimeSpan&) const = default;
 };
 
-/// Counts of records by time and level. The span is divided into bars of equal length; where the
+/// Counts of records by time and level. The span is divided into bars of equal length. If the
 /// division leaves a remainder, some bars are a microsecond longer. If there are more bars than
-/// microseconds, some bars hold no time.
+/// microseconds, some bars are empty.
 struct RUNEFLOW_EXPORT Timeline {
   /// The number of records by raw level, Trace (0) to Fatal (5). A stored level outside this range
   /// counts as Info, as it does in a LogRow.
   using Bar = std::array<std::int64_t, 6>;
 
   TimeSpan span{};        ///< The span that was asked for.
-  std::vector<Bar> bars;  ///< Bar i holds the times from boundary(i) until before boundary(i + 1).
+  std::vector<Bar> bars;  ///< Bar i counts the times in [boundary(i), boundary(i + 1)).
 
-  /// Returns where bar `i` begins: `from` + `i` * (`until` - `from`) / bars.size(), rounded down.
-  /// `i` is at most bars.size(), for which the result is `until`. Returns `from` if there are no
-  /// bars or the span is empty.
+  /// Returns the time at which bar `i` begins: `from` + `i` * (`until` - `from`) / bars.size(),
+  /// rounded down. `i` must be at most bars.size(); for bars.size() the result is `until`. Returns
+  /// `from` if there are no bars or the span is empty.
   std::int64_t boundary(std::size_t i) const;
 
   bool operator==(const Timeline&) const = default;

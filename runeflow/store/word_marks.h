@@ -5,8 +5,8 @@
 ///     const WordMarks marks(query, false);
 ///     for (const auto [begin, end] : marks.in(row.message())) { … }
 ///
-/// A mark covers what the full-text index has found: a whole word of the message, also if the query
-/// holds only its beginning or writes it in another case, and several words for a phrase such as
+/// A mark covers what the full-text index finds: a whole word of the message, even if the query
+/// holds only its beginning or writes it in another case, or several words for a phrase such as
 /// `a.b`.
 #pragma once
 
@@ -36,7 +36,7 @@ class RUNEFLOW_EXPORT WordMarks {
   /// A piece of a message: the bytes [begin, end).
   struct Range {
     std::size_t begin;  ///< The first byte.
-    std::size_t end;    ///< The byte after the last one.
+    std::size_t end;    ///< The byte after the last byte.
     bool operator==(const Range&) const = default;
   };
 

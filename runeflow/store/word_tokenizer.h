@@ -3,11 +3,11 @@
 /// Cuts a text into words as the full-text index does.
 ///
 ///     const auto tokenizer = WordTokenizer::create();
-///     for (const auto& word : tokenizer->words("Zürich connected")) { … }  // "zurich",
-///     "connected"
+///     // "zurich", "connected"
+///     for (const auto& word : tokenizer->words("Zürich connected")) { … }
 ///
-/// The words come from the tokenizer of SQLite's FTS5 that the index uses, unicode61. A host (the
-/// program that uses the library) therefore sees the same words as a query.
+/// It calls the tokenizer of SQLite's FTS5 that the index uses, unicode61. Its words are therefore
+/// those that a query finds.
 #pragma once
 
 #include <cstddef>
@@ -26,7 +26,7 @@ namespace runeflow {
 struct WordToken {
   std::string folded;  ///< The word without case and diacritics, as the index keeps it.
   std::size_t begin;   ///< The first byte of the word in the text.
-  std::size_t end;     ///< The byte after the last one of the word.
+  std::size_t end;     ///< The byte after the last byte of the word.
   bool operator==(const WordToken&) const = default;
 };
 
@@ -34,7 +34,7 @@ struct WordToken {
 /// may use an object. A moved-from tokenizer may only be assigned to or destroyed.
 class RUNEFLOW_EXPORT WordTokenizer {
  public:
-  /// Returns a tokenizer. Absent if SQLite has no FTS5.
+  /// Returns a tokenizer, or nothing if SQLite has no FTS5.
   static std::optional<WordTokenizer> create();
 
   WordTokenizer(WordTokenizer&&) noexcept;             ///< Takes the database of another tokenizer.

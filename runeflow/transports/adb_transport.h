@@ -22,10 +22,9 @@
 ///     if (!fd) return fail(fd.error().message());
 ///
 /// Any number of threads may call the functions at once. The functions that take a host and a port
-/// block their thread. Only connecting has a time limit, which applies to each address of the host:
-/// 3 s in devices() and 5 s in connectLogcat(). If a server accepts the connection and then stays
-/// silent, the call waits without limit. If the server closes the connection, the call returns an
-/// error and raises no SIGPIPE.
+/// block their thread. Connecting is limited to 3 s in devices() and to 5 s in connectLogcat(), for
+/// each address of the host. The answer to each request is limited to 5 s. If the server closes the
+/// connection, the call returns an error and raises no SIGPIPE.
 #pragma once
 
 #include <cstdint>
