@@ -57,8 +57,8 @@ class Capture {
   int run() {
     if (options_.isAdb && options_.reconnects && !resumes()) {
       progress_.say(
-          "a command of your own cannot be resumed; what the device sends again after a "
-          "connection is lost is stored again");
+          "--reconnect cannot resume the output of --command; records that the device sends again "
+          "after a lost connection are stored twice");
     }
     for (auto& stream : streams_) {
       if (!options_.again && host::isStoredBefore(store_, stream)) {
@@ -223,8 +223,8 @@ std::vector<Stream> openStreams(const CaptureOptions& options) {
 int capture(const CaptureOptions& options) {
   const int sources = (options.files.empty() ? 0 : 1) + (options.isAdb ? 1 : 0) +
                       (options.dltTarget.empty() ? 0 : 1);
-  if (sources != 1) fail("name what to capture: files, -, --dlt HOST or --adb, one of them");
-  if (options.reconnects && !options.isLive()) fail("--reconnect goes with --dlt or --adb");
+  if (sources != 1) fail("name one source to capture: files, -, --dlt HOST or --adb");
+  if (options.reconnects && !options.isLive()) fail("--reconnect needs --dlt or --adb");
   if (options.maxBytes && *options.maxBytes < host::smallestCap) {
     fail("--max-bytes is below 4M; a smaller database would hold little but its indexes");
   }

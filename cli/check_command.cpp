@@ -12,11 +12,11 @@ namespace {
 
 void repair(EventStore& store, const std::string& path) {
   if (store.rebuildFullText()) {
-    printLine("{}: the full-text index was built anew", path);
+    printLine("{}: the full-text index was rebuilt", path);
     return;
   }
   const auto error = store.takeError();
-  host::fail("cannot build the full-text index of {} anew: {}", path,
+  host::fail("cannot rebuild the full-text index of {}: {}", path,
              error ? error->text : "it has none");
 }
 

@@ -43,7 +43,8 @@ struct Subcommand {
   }
 
   void addSource() {
-    const auto description = fmt::format("{}, if the database does not tell", kindIds());
+    const auto description =
+        fmt::format("The kind of the records ({}), if the command cannot detect it", kindIds());
     command->add_option("--source", options->source, description)->type_name("KIND");
   }
 
@@ -168,11 +169,11 @@ void addCapture(CLI::App& app, int& exitCode) {
   command
       ->add_option(
           "--format", options.format,
-          fmt::format("What the files hold ({}), if their first bytes do not tell", kindIds()))
+          fmt::format("The kind of the files ({}), if the command cannot detect it", kindIds()))
       ->type_name("KIND");
   command
       ->add_option("--max-bytes", *maxBytes,
-                   "Keep the database below that size by deleting its oldest records; units are "
+                   "Keep the database below this size by deleting its oldest records; units are "
                    "binary: 1K is 1024")
       ->type_name("N[K|M|G]");
   command->add_option("--dlt", options.dltTarget, "A DLT daemon (port 3490)")
@@ -205,8 +206,9 @@ void addQueryConditions(Subcommand<QueryOptions>& query) {
   auto& options = *query.options;
   command
       ->add_option("--since", options.since,
-                   "Only records of this time or later: 2026-03-17T14:05, with Z or +01:00 for a "
-                   "zone, 14:05 for today, -15m before now, end-15m before the newest record")
+                   "Only records of this time or later: 2026-03-17T14:05 (local time; append Z or "
+                   "+01:00 for a zone), 14:05 (today), -15m (before now) or end-15m (before the "
+                   "newest record)")
       ->type_name("TIME");
   command->add_option("--until", options.until, "Only records before this time")->type_name("TIME");
   command
@@ -255,16 +257,16 @@ void addQuery(CLI::App& app, const Words& words, int& exitCode) {
   addQueryContext(query, context);
   auto* follows = query.addFlag("--follow", &QueryOptions::follows,
                                 "Print new matches as they are stored, until Ctrl-C");
-  auto* counts = query.addFlag("--count", &QueryOptions::counts, "Print how many records match");
+  auto* counts = query.addFlag("--count", &QueryOptions::counts, "Print the number of matches");
   auto* timeline = query.addFlag("--timeline", &QueryOptions::showsTimeline,
-                                 "Show when the matches were: bars on a terminal, otherwise one "
-                                 "JSON object a line for each bar");
+                                 "Print the number of matches over time: as bars on a terminal, "
+                                 "otherwise as one JSON object a line for each bar");
   command->add_option("--bars", options.bars, "At most N bars in a timeline")
       ->type_name("N")
       ->check(CLI::Range(std::int64_t{1}, kMostBars))
       ->needs(timeline);
   auto* json = query.addFlag("--json", &QueryOptions::isJson, "One JSON object a line");
-  auto* csv = query.addFlag("--csv", &QueryOptions::isCsv, "RFC 4180");
+  auto* csv = query.addFlag("--csv", &QueryOptions::isCsv, "CSV (RFC 4180) with a header line");
   auto* pager = query.addFlag("--pager", &QueryOptions::usesPager, "Show the records in $PAGER");
   query.addSource();
   auto* plan =
@@ -282,9 +284,9 @@ void addQuery(CLI::App& app, const Words& words, int& exitCode) {
     excludeEach(answer, {first, last, reverse, follows, csv, pager});
   }
   command->footer(
-      "Off a terminal every record is one line: seq, time in UTC, level, the source's fields and "
-      "the message, separated by tabs. With -A, -B or -C, a first column holds > for a match and "
-      "- for its context, and -- separates groups.");
+      "If the output is not a terminal, every record is one line: seq (its number), time in UTC, "
+      "level, fields and message, separated by tabs. With -A, -B or -C, a first column holds > for "
+      "a match and - for its context, and -- separates groups.");
   query.runs(cli::query, exitCode, [command, &words](QueryOptions& parsed) {
     for (const auto& word : command->remaining()) {
       if (word.starts_with('-') && !words.isBehindOptions(word)) failForOption(*command, word);
@@ -331,7 +333,7 @@ void addClear(CLI::App& app, int& exitCode) {
 void addCheck(CLI::App& app, int& exitCode) {
   Subcommand<CheckOptions> check(app, "check", "Check a database and its full-text index");
   check.addDatabase();
-  check.addFlag("--repair", &CheckOptions::repairs, "Build the full-text index anew");
+  check.addFlag("--repair", &CheckOptions::repairs, "Rebuild the full-text index");
   check.runs(cli::check, exitCode);
 }
 
@@ -340,32 +342,33 @@ void addShip(CLI::App& app, int& exitCode) {
                                "Send the records of a database to a table of ClickHouse");
   auto* command = ship.command;
   auto& options = *ship.options;
-  command->add_option("DB", options.database, "The database; may be missing with --create")
+  command->add_option("DB", options.database, "The database; optional with --create")
       ->type_name("");
   command->add_option("--to", options.table, "The table: http[s]://HOST[:8123]/DATABASE.TABLE")
       ->required()
       ->type_name("URL");
   command
       ->add_option("--name", options.capture,
-                   "The name of the capture in the table; HOST/DB if it is missing")
+                   "The name of the capture in the table; the default is HOST/DB")
       ->type_name("CAPTURE");
   ship.addSource();
   auto* follow = ship.addFlag("--follow", &ShipOptions::follows,
                               "Send new records as they are stored, until Ctrl-C");
   auto every = std::make_shared<std::int64_t>(1);
-  command->add_option("--every", *every, "With --follow: seconds from one block to the next")
+  command->add_option("--every", *every, "With --follow: seconds between two blocks of records")
       ->type_name("N")
       ->check(CLI::Range(1, 3'600))
       ->needs(follow)
       ->capture_default_str();
-  ship.addFlag("--create", &ShipOptions::creates, "Make the table if it does not exist");
+  ship.addFlag("--create", &ShipOptions::creates, "Create the table if it does not exist");
   command
       ->add_option("--cluster", options.cluster,
-                   "With --create: spread the table over that cluster of the server")
+                   "With --create: spread the table over this cluster of the server")
       ->type_name("NAME");
   command->footer(
       "User and password come from RUNEFLOW_USER and RUNEFLOW_PASSWORD, or from the two lines of "
-      "the file that RUNEFLOW_LOGIN_FILE names. RUNEFLOW_CA_FILE names the certificates to trust. "
+      "the file that RUNEFLOW_LOGIN_FILE names. RUNEFLOW_CA_FILE names a file of certificates to "
+      "trust. "
       "query, values and info take the address of a table in the place of a database.");
   ship.runs(cli::ship, exitCode, [every](ShipOptions& parsed) {
     parsed.everyMilliseconds = static_cast<int>(*every * 1'000);
@@ -373,7 +376,8 @@ void addShip(CLI::App& app, int& exitCode) {
 }
 
 void addSources(CLI::App& app, int& exitCode) {
-  Subcommand<SourcesOptions> sources(app, "sources", "List where logs can come from");
+  Subcommand<SourcesOptions> sources(app, "sources",
+                                     "List this machine, simulators and devices that log");
   sources.addFlag("--json", &SourcesOptions::isJson, "One JSON object a line");
   sources.runs(cli::sources, exitCode);
 }
@@ -382,7 +386,7 @@ void addView(CLI::App& app, int& exitCode) {
   Subcommand<ViewCommandOptions> view(app, "view", "Show a database in the browser");
   auto* command = view.command;
   auto& options = *view.options;
-  command->add_option("DB|LOG", options.path, "A database, or a log to capture beside it")
+  command->add_option("DB|LOG", options.path, "A database, or a log to capture into LOG.db")
       ->type_name("");
   view.addSource();
   command->add_option("--port", options.port, "The port on 127.0.0.1")

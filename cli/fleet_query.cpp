@@ -29,7 +29,7 @@ constexpr int kFollowMilliseconds = 500;
 
 void refuseWhatNeedsADatabase(const QueryOptions& options) {
   const auto refuse = [](bool isGiven, const char* option) {
-    if (isGiven) host::fail("{} goes with a local database, not with a table of a fleet", option);
+    if (isGiven) host::fail("{} works with a local database, not with a table of a fleet", option);
   };
   refuse(options.showsPlan, "--plan");
   refuse(options.usesPager, "--pager");

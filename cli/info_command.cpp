@@ -57,8 +57,8 @@ Summary summarise(EventStore& store, const std::string& path, int attempts = 5) 
   return summarise(store, path, attempts - 1);
 }
 
-// The earliest and the latest time, which where clocks jump are not those of the first and the last
-// record.
+// The earliest and the latest time. If clocks jump, these are not the times of the first and the
+// last record.
 std::optional<std::int64_t> firstTime(const Summary& summary) {
   return summary.times ? std::optional(summary.times->from) : std::nullopt;
 }
@@ -119,7 +119,7 @@ void drawTimeline(EventStore& store, const Summary& summary) {
 
 bool hasConsent(const std::string& path, std::int64_t records) {
   if (::isatty(STDIN_FILENO) != 1)
-    host::fail("clearing {} needs --yes when nobody can be asked", path);
+    host::fail("clearing {} needs --yes if standard input is not a terminal", path);
   ask("Delete {} of {}? [y/N] ", counted(records, "record"), path);
   std::string answer;
   if (!std::getline(std::cin, answer)) writeError("\n");

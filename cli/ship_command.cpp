@@ -78,10 +78,10 @@ int shipRecords(fleet::Engine& engine, const ShipOptions& options, const Interru
 
 int ship(const ShipOptions& options) {
   if (!options.creates && options.database.empty()) {
-    host::fail("name the database to ship; only --create goes without one");
+    host::fail("name the database to ship; only --create works without one");
   }
   if (!options.cluster.empty() && !options.creates) {
-    host::fail("--cluster goes with --create; afterwards the table knows its cluster");
+    host::fail("--cluster needs --create; an existing table knows its cluster");
   }
   const Interrupt interrupt;
   fleet::Engine engine(fleet::parseAddress(options.table), fleet::readLogin(),

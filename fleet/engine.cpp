@@ -66,14 +66,14 @@ std::string_view adviceFor(int code) {
     case 10:  // NOT_FOUND_COLUMN_IN_BLOCK
     case 16:  // NO_SUCH_COLUMN_IN_TABLE
     case 47:  // UNKNOWN_IDENTIFIER
-      return "; is it a table that runeflow ship --create made?";
+      return "; was it created by runeflow ship --create?";
     case 60:  // UNKNOWN_TABLE
-      return "; runeflow ship --create makes it";
+      return "; runeflow ship --create creates it";
     case 81:  // UNKNOWN_DATABASE
-      return "; make the database first";
+      return "; create the database first";
     case 170:  // BAD_GET
     case 701:  // CLUSTER_DOESNT_EXIST
-      return "; clusters stand in the servers' configuration";
+      return "; clusters are defined in the configuration of the servers";
     case 192:  // UNKNOWN_USER
     case 193:  // WRONG_PASSWORD
     case 194:  // REQUIRED_PASSWORD
@@ -88,9 +88,9 @@ std::string_view adviceFor(int code) {
 std::string_view adviceFor(CURLcode result) {
   switch (result) {
     case CURLE_PEER_FAILED_VERIFICATION:
-      return "; RUNEFLOW_CA_FILE can name a file with the certificates to trust";
+      return "; RUNEFLOW_CA_FILE names a file of certificates to trust";
     case CURLE_SSL_CACERT_BADFILE:
-      return "; RUNEFLOW_CA_FILE must name a file with certificates in the form PEM";
+      return "; RUNEFLOW_CA_FILE must name a file of certificates in PEM format";
     default:
       return "";
   }
@@ -221,7 +221,7 @@ void Engine::perform(const std::string& urlArguments, std::string_view body, lon
   set(CURLOPT_NOSIGNAL, 1L);
   set(CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
   set(CURLOPT_TIMEOUT, mostSeconds);
-  set(CURLOPT_TCP_KEEPALIVE, 1L);  // notices a server that is gone without a word
+  set(CURLOPT_TCP_KEEPALIVE, 1L);  // detects a server that is gone without closing the connection
   set(CURLOPT_TCP_KEEPIDLE, 20L);
   set(CURLOPT_TCP_KEEPINTVL, 10L);
   set(CURLOPT_ERRORBUFFER, connection_->errorText.data());

@@ -38,7 +38,7 @@ Login readLogin() {
     host::fail("cannot read the login file {}: {}", path, host::systemError(errno));
   }
   if ((status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
-    host::fail("others may read the login file {}; take their permission away: chmod 600", path);
+    host::fail("others may read the login file {}; remove their permission with chmod 600", path);
   }
   login.user = line(file);
   login.password = line(file);

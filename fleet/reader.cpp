@@ -78,7 +78,7 @@ void forEachRow(Engine& engine, const std::string& statement,
 Reader::Reader(Engine& engine)
     : engine_(engine), tokenizer_([] {
         auto tokenizer = runeflow::WordTokenizer::create();
-        if (!tokenizer) host::fail("this SQLite has no FTS5, whose words the fleet needs");
+        if (!tokenizer) host::fail("this SQLite has no FTS5, which the words of the table need");
         return std::move(*tokenizer);
       }()) {}
 

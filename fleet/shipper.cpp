@@ -94,7 +94,7 @@ std::optional<FetchedRow> wholeRecord(EventStore& store, RecordPreview&& preview
 
 runeflow::WordTokenizer makeTokenizer() {
   auto tokenizer = runeflow::WordTokenizer::create();
-  if (!tokenizer) host::fail("this SQLite has no FTS5, whose words the fleet needs");
+  if (!tokenizer) host::fail("this SQLite has no FTS5, which the words of the table need");
   return std::move(*tokenizer);
 }
 
@@ -164,7 +164,7 @@ void Shipper::resume() {
   const auto messageBytes = row.uint64();
   const auto shipped = readRecord(row);
   if (reader.isShort() || row.isShort()) {
-    host::fail("{} holds no table of a fleet; make one with runeflow ship --create",
+    host::fail("{} has no table of a fleet; create it with runeflow ship --create",
                engine_.address().text());
   }
   const auto local = recordAt(store_, seq);

@@ -21,7 +21,7 @@ namespace {
 constexpr int kPipeSize = 1 << 20;  // bytes; reader and pump then seldom wait for each other
 constexpr std::int64_t kTrimBytes = std::int64_t{16} << 20;
 constexpr std::chrono::milliseconds kWaitInterval{20};
-// Beside another capture on a busy machine, a lock may be held for long. Waiting loses nothing.
+// On a busy machine, another capture may hold a lock for long. Waiting loses no records.
 constexpr std::chrono::seconds kLockWait{30};
 constexpr std::chrono::milliseconds kLastLockWait{500};
 
@@ -84,7 +84,7 @@ PumpResult captureStream(CaptureSession& session, Stream& stream, const DecoderW
   sink.reset();
   stream.fd.reset();
   awaitReader(session, whenFinished, end, hooks, pumped);
-  // The reader may have ended while its pipe still took what is now lost.
+  // The pipe may have accepted bytes after the reader ended. They are lost.
   const bool hasReaderFailed = session.progress().readersFailed > failedBefore;
   if (hasReaderFailed && pumped.end == StreamEnd::ended) pumped.end = StreamEnd::readerGone;
   return pumped;
@@ -102,8 +102,8 @@ std::string sentenceFor(const PumpResult& pumped, const Stream& stream,
       return fmt::format("{} holds a line of more than {} MB; is it {}?", stream.name,
                          PumpResult::longestRecord >> 20, stream.kind->form);
     case StreamEnd::stopped:
-      return fmt::format(
-          "{} was deleted or replaced; what is stored from now on would be lost with it", database);
+      return fmt::format("{} was deleted or replaced; records stored from now on would be lost",
+                         database);
     case StreamEnd::readerGone:
       return fmt::format("the rest of {} is not stored", stream.name);
   }

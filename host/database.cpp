@@ -54,9 +54,9 @@ std::string_view adviceFor(StoreFault fault) {
     case StoreFault::cannotOpen:
       return "; check the permission of the file and its folder";
     case StoreFault::locked:
-      return "; another program holds it";
+      return "; another program has locked it";
     case StoreFault::diskFull:
-      return "; make space on its disk";
+      return "; free some space on its disk";
     case StoreFault::none:
     case StoreFault::noEvents:
     case StoreFault::notADatabase:
@@ -107,7 +107,7 @@ EventStore openDatabase(const std::string& path, const std::string& source) {
   }
   const auto* kind = source.empty() ? kindOf(info) : &LogKind::named(source);
   if (!kind) {
-    fail("cannot tell from its indexes what {} holds; name it with --source {}", path,
+    fail("cannot detect the kind of the records in {}; name it with --source {}", path,
          joinKinds(&LogKind::id, " or "));
   }
   auto store = EventStore::openForReading(path, kind->descriptor());
@@ -153,7 +153,7 @@ void failIfRefused(EventStore& store, const runeflow::LogQuery& query, const std
     fail("cannot read {}: {}{}", path, error->text, adviceFor(error->fault));
   }
   if (!EventStore::inspect(path).hasFullText) {
-    fail("{} has no full-text index; ask it without words, or capture it anew", path);
+    fail("{} has no full-text index; query it without words, or capture the log again", path);
   }
   fail("the query has more conditions or deeper groups than SQLite takes; shorten it");
 }
@@ -163,17 +163,17 @@ EventStore openForCapture(const std::string& path, const SourceDescriptor& descr
   if (std::filesystem::exists(path, ignored)) {
     const auto info = inspected(path, true);
     if (!info.isEmpty && info.fault == StoreFault::noEvents) {
-      fail("{} is somebody else's database; capture into a file of its own", path);
+      fail("{} is a database of another program; capture into another file", path);
     }
     if (const auto* kind = kindOf(info); kind && kind->id != descriptor.id()) {
-      fail("{} already holds {} records; capture {} into a database of its own", path, kind->id,
+      fail("{} already holds {} records; capture {} into another database", path, kind->id,
            descriptor.id());
     }
   }
   auto store = openStore(path, true, descriptor);
   if (EventStore::inspect(path).fault != StoreFault::none) {
     fail(
-        "cannot make the tables of {}; check for free space, permission and other programs using "
+        "cannot create the tables of {}; check for free space, permission and other programs using "
         "it",
         path);
   }

@@ -219,9 +219,9 @@ std::string otherValuesFor(EventStore& store, const FieldPredicate& typed) {
 std::string mistakeIn(std::string_view line, const SourceDescriptor& descriptor) {
   const auto reading = readingOf(line);
   if (reading.isQuoteOpen) {
-    return "a quote stays open; all behind it is one word. Close it, or leave it out";
+    return "a quote is not closed, so that the rest of the line is one word; close or remove it";
   }
-  if (reading.openParentheses > 0) return "a parenthesis stays open; close it with )";
+  if (reading.openParentheses > 0) return "a parenthesis is not closed; close it with )";
   for (const auto& word : reading.words) {
     if (auto mistake = mistakeInWord(word, descriptor); !mistake.empty()) return mistake;
   }

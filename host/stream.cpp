@@ -87,7 +87,7 @@ void recogniseStream(Stream& stream) {
   }
   if (stream.kind) return;
   if (stream.head.empty()) fail("{} is empty; there is nothing to capture", stream.name);
-  fail("{} is neither {}; name what it holds with --format {}", stream.name,
+  fail("{} is neither {}; name its kind with --format {}", stream.name,
        joinKinds(&LogKind::form, " nor "), joinKinds(&LogKind::id, " or --format "));
 }
 
@@ -109,7 +109,8 @@ void warnOfStream(Stream& stream) {
   }
 }
 
-// A peer that is gone without a word, such as a target without power, is noticed within a minute.
+// Detects within a minute a peer that is gone without closing the connection, such as a target
+// without power.
 void findDeadPeers(int socket) {
   constexpr std::tuple<int, int, int> kOptions[] = {{SOL_SOCKET, SO_KEEPALIVE, 1},
                                                     {IPPROTO_TCP, TCP_KEEPIDLE, 30},
@@ -198,7 +199,7 @@ Stream connectToAdb(const std::string& target, const std::string& serial,
                 .kind = &LogKind::logcat(),
                 .isLive = true};
   if (serial.empty() && devices->size() > 1) {
-    stream.note = fmt::format("taking {} of {} devices; --serial names another", stream.name,
+    stream.note = fmt::format("using {}, one of {} devices; --serial selects another", stream.name,
                               devices->size());
   }
   return stream;

@@ -68,8 +68,8 @@ TEST_F(Mistakes, anEmptyAnswerSaysWhatMayHaveBeenMeant) {
       {"nothing or nowhere", "'or' is searched as a word; the operator is OR\n"},
       {"low not nowhere", "'not' is searched as a word; the operator is NOT\n"},
       {"'\"low nothing'",
-       "a quote stays open; all behind it is one word. Close it, or leave it out\n"},
-      {"'(low OR nowhere) (gone'", "a parenthesis stays open; close it with )\n"},
+       "a quote is not closed, so that the rest of the line is one word; close or remove it\n"},
+      {"'(low OR nowhere) (gone'", "a parenthesis is not closed; close it with )\n"},
       // Nothing of these reads like a mistake, or the word is quoted, or another part is the
       // reason.
       {"nowhere", ""},

@@ -149,14 +149,14 @@ TEST_F(Command, whatCannotBeDoneIsOneSentenceAndExitCodeTwo) {
       {"capture missing.log --db b.db", "cannot open missing.log: No such file or directory"},
       {"capture . --db b.db", ". is a directory"},
       {"capture text --db b.db",
-       "text is neither a DLT recording nor logcat threadtime text; name what it holds with "
+       "text is neither a DLT recording nor logcat threadtime text; name its kind with "
        "--format"},
       {"capture rec.dlt --db a.db", "a.db already holds logcat records"},
       {"capture a.log rec.dlt --db b.db", "a.log holds logcat records but rec.dlt holds dlt"},
       {"capture a.log --db text", "text is not a database"},
       {"capture a.log --db b.db --max-bytes 9999999999G", "'9999999999G' is not a size"},
-      {"capture a.log --db b.db --reconnect", "--reconnect goes with --dlt or --adb"},
-      {"capture --db b.db", "name what to capture"},
+      {"capture a.log --db b.db --reconnect", "--reconnect needs --dlt or --adb"},
+      {"capture --db b.db", "name one source to capture"},
       {"capture --dlt 127.0.0.1:0 --db b.db", "no valid port"},
       {"capture --dlt ::1]:3490 --db b.db", "'::1]:3490' has a bracket without its counterpart"},
       {"capture --dlt 127.0.0.1:1 --db b.db", "127.0.0.1:1: Connection refused"},

@@ -21,7 +21,7 @@ constexpr std::size_t kSecretBytes = 16;
 std::string randomHex() {
   std::array<unsigned char, kSecretBytes> bytes{};
   if (::getentropy(bytes.data(), bytes.size()) != 0) {
-    host::fail("the system gives no random numbers: {}", host::systemError(errno));
+    host::fail("cannot read random numbers from the system: {}", host::systemError(errno));
   }
   std::string text;
   for (const auto byte : bytes) text += fmt::format("{:02x}", byte);

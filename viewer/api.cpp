@@ -179,8 +179,8 @@ void Call::requireComplete() const {
     throw Refusal(500, fmt::format("{} was not read completely: {}", state_.name(), error->text));
   }
   if (!state_.hasFullText) {
-    throw Refusal(400, fmt::format("{} has no full-text index; ask it without words, or capture it "
-                                   "anew",
+    throw Refusal(400, fmt::format("{} has no full-text index; query it without words, or capture "
+                                   "the log again",
                                    state_.name()));
   }
   throw Refusal(400,
