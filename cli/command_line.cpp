@@ -78,7 +78,7 @@ CLI::Validator atLeast(std::int64_t smallest) {
           ""};
 }
 
-// The words of the command line behind the name of the program.
+// The words of the command line after the name of the program.
 class Words {
  public:
   Words(int argc, char** argv) : all_(argv + std::min(argc, 1), argv + argc) {
@@ -88,7 +88,7 @@ class Words {
   // Returns those that may be options: the words before "--".
   std::span<const std::string> options() const { return std::span(all_).first(optionsEnd_); }
 
-  // Returns whether the word is typed behind "--", where nothing is an option.
+  // Returns whether the word is typed after "--", where nothing is an option.
   bool isBehindOptions(const std::string& word) const {
     const auto others = std::span(all_).subspan(optionsEnd_);
     return std::ranges::find(others, word) != others.end();
@@ -129,7 +129,7 @@ class Words {
     fail("there is no command '{}'; did you mean {}? See --help", *first, near);
   }
   if (host::isDatabaseFile(*first)) {
-    fail("'{0}' is a database; ask it: runeflow query {0}", *first);
+    fail("'{0}' is a database; query it with: runeflow query {0}", *first);
   }
   if (const auto* kind = host::kindOfFile(*first)) {
     fail("'{0}' is {1}; capture it first: runeflow capture {0} --db {0}.db", *first, kind->form);
@@ -137,7 +137,7 @@ class Words {
   fail("there is no command '{}'; the commands are {}", *first, fmt::join(names, ", "));
 }
 
-// Says what is wrong with a line that could not be parsed.
+// Fails for a line that could not be parsed.
 [[noreturn]] void failForLine(const CLI::App& app, const Words& words,
                               const CLI::ParseError& error) {
   const auto chosen = app.get_subcommands();

@@ -35,14 +35,14 @@ class MatchPrinter {
         path_(std::move(path)) {}
 
   // Prints the records of `seqs`, which are in ascending order and above all that were printed. The
-  // context behind the last one is not printed yet: it may end with another match.
+  // context after the last one is not printed yet, because another match may follow in it.
   void print(std::span<const std::int64_t> seqs);
 
   // Prints the records of `seqs`, which are in ascending order, from the last to the first and
   // without context.
   void printDown(std::span<const std::int64_t> seqs);
 
-  // Prints the context behind the last match, as far as the seq `known`, up to which all matches
+  // Prints the context after the last match, at most up to the seq `known`, up to which all matches
   // were printed.
   void catchUp(std::int64_t known);
 
@@ -59,7 +59,7 @@ class MatchPrinter {
   runeflow::LogQuery query_;
   std::string path_;
   std::int64_t printedUntil_ = 0;  // the last seq that was printed
-  std::int64_t wantedUntil_ = 0;   // the last seq of the context behind the last match
+  std::int64_t wantedUntil_ = 0;   // the last seq of the context after the last match
 };
 
 }  // namespace cli

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 
 // Standard output and standard error. Every sentence to the user goes through this header, which
-// escapes what a terminal would obey (host/terminal_text.h). fmt::print is for lines whose parts
-// are escaped already.
+// escapes control sequences (host/terminal_text.h). fmt::print is for lines whose parts are escaped
+// already.
 #pragma once
 
 #include <fmt/format.h>
@@ -37,7 +37,7 @@ void say(fmt::format_string<Args...> format, const Args&... args) noexcept {
   saySentence(format, fmt::make_format_args(args...));
 }
 
-// Prints a question to standard error, escaped as a whole. The cursor stays behind it.
+// Prints a question to standard error, escaped as a whole and without a line feed.
 void askQuestion(fmt::string_view format, fmt::format_args args) noexcept;
 
 template <class... Args>

@@ -212,7 +212,7 @@ std::int64_t printTo(std::FILE* out, EventStore& store, const Question& question
   // --follow shows only new records unless the options ask for older ones.
   const bool wantsOld = !options.follows || options.after || options.last || !options.since.empty();
   const auto end = std::max(store.maxSeq(), options.after.value_or(0));
-  // Without --follow, what a damaged file lists without having a record is reported.
+  // Without --follow, reports seqs that a damaged file lists without having their records.
   const auto last = end == 0 && !options.follows ? kEndOfSeqs : end;
   const auto printed = wantsOld ? printStored(search, matches, options, last) : 0;
   matches.catchUp(end);
@@ -287,7 +287,7 @@ int query(const QueryOptions& options) {
                                              : printRecords(store, question, options);
   host::failIfIncomplete(store, options.database);
   if (found > 0 || options.follows) return 0;
-  flushOutput();  // what is printed stands above the hint
+  flushOutput();  // the output must appear above the hint
   hintAt(store, options.text, question.typed);
   return 1;
 }

@@ -48,7 +48,7 @@ class Deadline {
     timer_.request_stop();
     timer_.join();
     store_.setCancellation(nullptr);
-    store_.takeError();  // a hint that could not be looked for is no failure
+    store_.takeError();  // a search for a hint that fails is no failure of the command
   }
   Deadline(const Deadline&) = delete;
   Deadline& operator=(const Deadline&) = delete;
@@ -110,7 +110,7 @@ std::string shellWord(std::string_view word) {
   return quoted + '\'';
 }
 
-// Says if no message has the word, but some have its letters. Returns true if it did.
+// Prints a hint if no message has the word but some have its letters. Returns true if it did.
 bool hintAtSubstring(EventStore& store, const std::string& word) {
   constexpr std::size_t kLongestExample = 80;  // bytes
   if (newestOf(store, QueryNode::fullText({word}))) return false;

@@ -9,10 +9,10 @@
 
 namespace cli {
 
-// Says at most one sentence on standard error about a query that has found nothing: what of its
-// line reads like a mistake, which values are meant by one that no record has, or that the letters
-// of a word stand within words. Looks into the store for a fraction of a second, and not at all if
-// standard error goes nowhere.
+// Prints at most one sentence on standard error about a query that has found nothing: a part of its
+// line that looks like a mistake, values similar to one that no record has, or that messages hold a
+// word only within other words. Reads the store for a fraction of a second. Does nothing if
+// standard error is closed or goes to the null device.
 void hintAt(runeflow::EventStore& store, std::string_view line, const runeflow::LogQuery& query);
 
 }  // namespace cli

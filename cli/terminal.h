@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 
-// The terminal: its colours, and the widths of texts. host/terminal_text.h escapes what it would
-// obey.
+// The terminal: its colours, and the widths of texts. host/terminal_text.h escapes control
+// sequences in texts.
 #pragma once
 
 #include <cstdint>

@@ -28,8 +28,8 @@ bool hasDisplay() {
   return (x11 && *x11) || (wayland && *wayland);
 }
 
-// A browser is a convenience: the address is printed, and a failure is not told. The shell leaves
-// at once, so that nothing has to wait for the browser.
+// A browser is a convenience: the address is printed, and a failure is ignored. The shell exits at
+// once, so that nothing has to wait for the browser.
 void openBrowser(const std::string& address) {
   std::string script = "xdg-open \"$1\" >/dev/null 2>&1 </dev/null &";
   std::string shell = "sh";

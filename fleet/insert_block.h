@@ -35,10 +35,10 @@ struct InsertBlock {
 // Returns the INSERT statement for rows of a kind.
 std::string insertStatement(const Address& address, const runeflow::SourceDescriptor& descriptor);
 
-// Collects the rows of a block, in the columns of insertStatement(). Each row tells the extent of
-// its block, so that whoever resumes can count whether all of it is there. The rows of a block are
-// in the order of the table, because the engine then need not sort and copy them, which is a fifth
-// of its time.
+// Collects the rows of a block, in the columns of insertStatement(). Each row holds the extent of
+// its block, so that a shipper that resumes can count whether the table has all of the block. The
+// rows are in the order of the table's sorting key, so that the engine need not sort and copy them,
+// which takes a fifth of its time.
 class BlockBuilder {
  public:
   // The tokenizer must outlive the builder.

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 
-// Asks the table of a fleet what the local command asks a database.
+// Reads the table of a fleet, as EventStore reads a local database.
 //
-// Records come in the order of their times; records of the same time in the order of capture,
-// generation and seq. Memory and the cost of a page follow what is shown: the records are read in
-// spans of hours, which begin the order of the table.
+// Records are in the order of their times; records of the same time are in the order of capture,
+// generation and seq. Memory and the cost of a page depend on what is shown: the records are read
+// in spans of hours, the first column of the table's sorting key.
 #pragma once
 
 #include <chrono>
@@ -53,10 +53,10 @@ class Reader {
   // Returns the latest time of all records, in microseconds. Absent if there is no record.
   std::optional<std::int64_t> newestTime();
 
-  // Passes all matches on, in order.
+  // Passes on all matches, in order.
   void forEach(const std::string& condition, const OnRecord& onRecord);
 
-  // Passes the newest `records` matches on, the oldest of them first.
+  // Passes on the newest `records` matches, the oldest of them first.
   void forNewest(const std::string& condition, std::int64_t records, const OnRecord& onRecord);
 
   // Returns the most frequent values of a column, as EventStore::distinctValuesWithCounts(). The
@@ -87,7 +87,7 @@ class Follower {
   // Records that are in the table already are not passed on.
   explicit Follower(Reader& reader);
 
-  // Passes the matches on that have arrived since the last call.
+  // Passes on the matches that have arrived since the last call.
   void poll(const std::string& condition, const Reader::OnRecord& onRecord);
 
   // Whether the record has arrived since the last call of poll(), which will pass it on.

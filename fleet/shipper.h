@@ -2,10 +2,11 @@
 
 // Ships the records of a local database into the table of a fleet, in blocks and in seq order.
 //
-// Where a capture stands is asked of the engine. The newest block that is there is compared by
-// count and sent again unless it is complete. A record is identified by (capture, generation, seq);
-// a new generation begins when the local database was cleared or replaced. What is sent twice is
-// stored once, sooner or later, and read once at all times.
+// The shipper asks the engine up to which seq the table has the capture. It counts the records of
+// the newest block in the table and sends the block again unless it is complete. A record is
+// identified by (capture, generation, seq); a new generation begins when the local database was
+// cleared or replaced. If a record is sent twice, the engine drops one copy later, and reads of the
+// table count it once.
 #pragma once
 
 #include <cstdint>
@@ -51,9 +52,9 @@ class Shipper {
   Shipper(const Shipper&) = delete;
   Shipper& operator=(const Shipper&) = delete;
 
-  // Ships what is there, and with `follows` what comes, until the user interrupts. A block begins
-  // at most once in `milliseconds` if the records come slowly. Throws host::Failure for what does
-  // not pass by waiting.
+  // Ships the stored records, and with `follows` also new ones until the user interrupts. While
+  // records arrive slowly, sends at most one block in `milliseconds`. Throws host::Failure for an
+  // error that waiting cannot mend.
   ShipReport run(bool follows, int milliseconds);
 
  private:

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// The pieces of a message for which it was found.
+// Finds the pieces of a message that match a query, for highlighting.
 #pragma once
 
 #include <optional>
@@ -32,8 +32,8 @@ class MessageMarks {
   std::optional<MessageFilter> filter_;
 };
 
-// Returns where `text` begins in `message` at `from` or behind it, without the case of ASCII
-// letters; npos if it is not there.
+// Returns the first position of `text` in `message` at or after `from`, or npos. Ignores the case
+// of ASCII letters.
 std::size_t findIgnoringCase(std::string_view message, std::string_view text, std::size_t from = 0);
 
 }  // namespace host

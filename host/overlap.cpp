@@ -36,7 +36,7 @@ class OverlapFilter final : public runeflow::RowDecoder {
 
  private:
   bool drop(const LogRow& row) {
-    // Behind the overlap, a line without a time that reads like a stored one is a new one.
+    // After the overlap, a line without a time is new, even if its text equals a stored one.
     if (!isRawRow(row) && microsecondsOf(row) > end_) records_.clear();
     const auto found = records_.find(recordKey(row));
     if (found == records_.end()) return false;

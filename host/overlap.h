@@ -20,8 +20,9 @@ namespace host {
 class Overlap {
  public:
   // Reads the newest records of the store. A record may reach the log of a device up to a second
-  // late, so the overlap begins a second before the time of the newest record that has one. It is
-  // not the latest time, which the device would have to reach again after its clock was set back.
+  // late, so the overlap begins a second before the time of the newest record that has one. It does
+  // not use the latest time of all records: if the clock of the device was set back, the device
+  // would send nothing until its clock reaches that time again.
   explicit Overlap(runeflow::EventStore& store);
 
   // Where logcat has to begin, as its option -T takes it ("MM-DD hh:mm:ss.mmm", the local time of

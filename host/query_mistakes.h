@@ -18,10 +18,10 @@ namespace host {
 // the language does not have. Returns an empty text if there is none.
 std::string mistakeIn(std::string_view line, const runeflow::SourceDescriptor& descriptor);
 
-// Returns a sentence on the first value of a field that no record has but for its case or its end,
-// with up to three values that the records have. Conditions under a NOT are not examined. Returns
-// an empty text if there is none. Reads an index of each such field once; the caller bounds the
-// time with EventStore::setCancellation().
+// Returns a sentence on the first value of a field that no record has, if records have values that
+// differ from it only in case or begin with it; names up to three of them. Conditions under a NOT
+// are not examined. Returns an empty text if there is none. Reads an index of each such field once;
+// the caller bounds the time with EventStore::setCancellation().
 std::string otherValuesFor(runeflow::EventStore& store, const runeflow::LogQuery& query);
 
 // Returns the one of `names` that is nearest to `name`, with at most two letters inserted, removed,

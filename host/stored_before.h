@@ -8,12 +8,12 @@
 
 namespace host {
 
-// Returns whether the first and the last 100 records of the file are stored one after the other,
-// the last behind the first. All records count if there are fewer. A stream that is no regular file
-// has not been captured before.
+// Returns whether the store holds the first 100 records of the file one after the other, and after
+// them the last 100. All records count if there are fewer. Returns false for a stream that is no
+// regular file.
 //
-// Reads a megabyte from both ends of the file, and all of a packed one, and asks the full-text
-// index for two messages. The stream is left as it is.
+// Reads a megabyte from both ends of the file, or all of a compressed one, and searches the
+// full-text index for two messages. Does not change the stream.
 bool isStoredBefore(runeflow::EventStore& store, const Stream& stream);
 
 }  // namespace host

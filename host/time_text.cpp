@@ -149,8 +149,8 @@ std::optional<std::int64_t> takeZone(Reader& reader, const std::string& text) {
   return isEast ? offset : -offset;
 }
 
-// Returns the seconds east of UTC that are in force at an instant. mktime would do, but its answer
-// for a local time that occurs twice can depend on the call before.
+// Returns the seconds east of UTC that are in force at an instant. Does not use mktime, because its
+// answer for a local time that occurs twice can depend on the previous call.
 std::int64_t localOffsetAt(std::int64_t seconds) {
   const std::time_t time = seconds;
   std::tm fields{};

@@ -56,7 +56,7 @@ class Unpacker {
 
   Packing packing_ = Packing::unknown;
   Encoding encoding_ = Encoding::unknown;
-  std::vector<std::uint8_t> head_;  // the first bytes, until they tell
+  std::vector<std::uint8_t> head_;  // the first bytes, until the compression is known
   std::vector<std::uint8_t> text_;  // the same of the unpacked bytes
   std::unique_ptr<Inflater> inflater_;
   std::unique_ptr<Converter> converter_;

@@ -101,7 +101,7 @@ TEST_F(Mistakes, aLineThatCannotBeReadNamesTheOneThatWasMeant) {
       {"qurey a.db x", "there is no command 'qurey'; did you mean query?"},
       {"Info a.db", "there is no command 'Info'; did you mean info?"},
       {"nonsense", "there is no command 'nonsense'; the commands are capture, query, "},
-      {"a.db disk", "'a.db' is a database; ask it: runeflow query a.db"},
+      {"a.db disk", "'a.db' is a database; query it with: runeflow query a.db"},
       {"a.log",
        "'a.log' is logcat threadtime text; capture it first: runeflow capture a.log --db "
        "a.log.db"},
@@ -202,7 +202,8 @@ TEST_F(Mistakes, packedAndForeignTextIsReadAsItsLog) {
   const auto expected = run("query a.db | cut -f2-").output;
   const Row table[] = {
       {"gzip -c a.log", "gz"},
-      {"true; (head -c 500000 a.log | gzip -c; tail -c +500001 a.log | gzip -1c; head -c 512 /dev/zero)",
+      {"true; (head -c 500000 a.log | gzip -c; tail -c +500001 a.log | gzip -1c; head -c 512 "
+       "/dev/zero)",
        "gz"},
       {"true; (printf \"\\357\\273\\277\"; cat a.log)", "mark"},
       {"iconv -f UTF-8 -t UTF-16 a.log", "UTF-16"},
