@@ -171,11 +171,9 @@ std::vector<SeqBlock> EventStore::countMatchingPerBlock(const LogQuery& query, s
 std::vector<RecordPreview> EventStore::fetchPreviews(std::span<const std::int64_t> seqs,
                                                      std::int64_t characters) {
   if (seqs.empty()) return {};
-  std::string placeholders = "?";
-  placeholders.reserve(seqs.size() * 2);
-  for (std::size_t i = 1; i < seqs.size(); ++i) placeholders += ",?";
   return reading(database_.get(), [&](OpenDatabase& db) {
-    Statement statement = db.prepare(previewsWhere(fmt::format("seq IN ({})", placeholders)));
+    Statement statement =
+        db.prepare(previewsWhere(fmt::format("seq IN ({})", parameterList(seqs.size()))));
     if (statement) {
       int index = 1;
       statement.bind(index++, characterCount(characters));

@@ -101,12 +101,10 @@ std::vector<FetchedRow> EventStore::fetchRange(std::int64_t first, std::int64_t 
 
 std::vector<FetchedRow> EventStore::fetch(std::span<const std::int64_t> seqs) {
   if (seqs.empty()) return {};
-  std::string placeholders = "?";
-  placeholders.reserve(seqs.size() * 2);
-  for (std::size_t i = 1; i < seqs.size(); ++i) placeholders += ",?";
   return reading(database_.get(), [&](OpenDatabase& db) {
-    Statement statement = db.prepare(fmt::format(
-        "SELECT {} FROM events WHERE seq IN ({}) ORDER BY seq", recordColumns(), placeholders));
+    Statement statement =
+        db.prepare(fmt::format("SELECT {} FROM events WHERE seq IN ({}) ORDER BY seq",
+                               recordColumns(), parameterList(seqs.size())));
     if (statement) {
       int index = 1;
       for (const auto seq : seqs) statement.bind(index++, seq);

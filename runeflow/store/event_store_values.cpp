@@ -14,12 +14,12 @@ namespace runeflow {
 namespace {
 
 // Sums the counts of stored levels by the level that they stand for.
-std::vector<ValueCount> countsByLevel(OpenDatabase& db, const std::string& where,
-                                      const std::vector<Bind>& binds) {
+std::vector<ValueCount> countsByLevel(OpenDatabase& db, const LogQuery::Compiled& matching) {
   std::array<std::int64_t, 6> counts{};
   Statement statement =
-      db.prepare(fmt::format("SELECT level, count(*) FROM events{} GROUP BY level", where));
-  if (statement) bindAll(statement, 1, binds);
+      db.prepare(fmt::format("SELECT level, count(*) FROM events{}{} GROUP BY level",
+                             matching.clause.empty() ? "" : " WHERE ", matching.clause));
+  if (statement) bindAll(statement, 1, matching.binds);
   db.forEachRow(statement, [&] {
     counts[static_cast<std::size_t>(levelOfStored(statement.integer(0)))] += statement.integer(1);
   });
@@ -33,6 +33,35 @@ std::vector<ValueCount> countsByLevel(OpenDatabase& db, const std::string& where
   return values;
 }
 
+bool isSlot(const StoreColumn& column) {
+  return std::holds_alternative<StoreColumn::Slot>(column.value());
+}
+
+// The conditions for the non-empty values of a column that begin with `prefix`.
+LogQuery::Compiled conditionsOf(const std::string& column, LogQuery::Compiled matching,
+                                const std::optional<std::string>& prefix) {
+  auto clause = fmt::format("{0} IS NOT NULL AND {0} <> ''", column);
+  if (!matching.clause.empty()) clause += fmt::format(" AND ({})", matching.clause);
+  if (prefix && !prefix->empty()) {
+    clause += fmt::format(" AND {} LIKE ? ESCAPE '\\'", column);
+    matching.binds.push_back(Bind::text(LogQuery::escapeLike(*prefix) + "%"));
+  }
+  return {std::move(clause), std::move(matching.binds)};
+}
+
+// Calls `use` with each value and the row in which it is column 0, the most frequent value first.
+template <class Use>
+void forEachValue(OpenDatabase& db, const std::string& column, std::string_view selected,
+                  const LogQuery::Compiled& conditions, std::int64_t limit, Use use) {
+  Statement statement = db.prepare(fmt::format(
+      "SELECT {1} FROM events WHERE {2} GROUP BY {0} ORDER BY count(*) DESC, {0} ASC LIMIT ?",
+      column, selected, conditions.clause));
+  if (statement) statement.bind(bindAll(statement, 1, conditions.binds), limit);
+  db.forEachRow(statement, [&] {
+    if (auto value = statement.optionalText(0)) use(std::move(*value), statement);
+  });
+}
+
 void cutToLimit(std::vector<ValueCount>& values, std::int64_t limit) {
   if (limit >= 0 && limit < std::ssize(values)) values.resize(static_cast<std::size_t>(limit));
 }
@@ -43,84 +72,46 @@ std::vector<std::string> EventStore::distinctValues(const StoreColumn& column,
                                                     const std::optional<LogQuery>& matching,
                                                     const std::optional<std::string>& prefix,
                                                     std::int64_t limit) {
-  if (!std::holds_alternative<StoreColumn::Slot>(column.value())) return {};
-  const auto name = column.sql();
-  std::string conditions = fmt::format("{0} IS NOT NULL AND {0} <> ''", name);
-  std::vector<Bind> binds;
-  if (matching && !matching->isEmpty()) {
-    auto compiled = rewrittenForCapabilities(*matching).compile();
-    conditions += fmt::format(" AND ({})", compiled.clause);
-    binds = std::move(compiled.binds);
-  }
-  if (prefix && !prefix->empty()) {
-    conditions += fmt::format(" AND {} LIKE ? ESCAPE '\\'", name);
-    binds.push_back(Bind::text(LogQuery::escapeLike(*prefix) + "%"));
-  }
+  if (!isSlot(column)) return {};
+  LogQuery::Compiled compiled;
+  if (matching && !matching->isEmpty()) compiled = rewrittenForCapabilities(*matching).compile();
+  const auto conditions = conditionsOf(column.sql(), std::move(compiled), prefix);
   return reading(database_.get(), [&](OpenDatabase& db) {
     std::vector<std::string> values;
-    Statement statement = db.prepare(fmt::format(
-        "SELECT {0} FROM events WHERE {1} GROUP BY {0} ORDER BY count(*) DESC, {0} ASC LIMIT ?",
-        name, conditions));
-    if (statement) statement.bind(bindAll(statement, 1, binds), limit);
-    db.forEachRow(statement, [&] {
-      if (auto value = statement.optionalText(0)) values.push_back(std::move(*value));
-    });
+    forEachValue(db, column.sql(), column.sql(), conditions, limit,
+                 [&](std::string value, const Statement&) { values.push_back(std::move(value)); });
     return values;
   });
 }
 
 std::vector<ValueCount> EventStore::distinctValuesWithCounts(const StoreColumn& column,
                                                              std::int64_t limit) {
-  if (!std::holds_alternative<StoreColumn::Slot>(column.value())) return {};
-  return reading(database_.get(), [&](OpenDatabase& db) {
-    std::vector<ValueCount> values;
-    Statement statement = db.prepare(fmt::format(
-        "SELECT {0}, count(*) FROM events WHERE {0} IS NOT NULL AND {0} <> '' GROUP BY {0} "
-        "ORDER BY count(*) DESC, {0} ASC LIMIT ?",
-        column.sql()));
-    if (statement) statement.bind(1, limit);
-    db.forEachRow(statement, [&] {
-      if (auto value = statement.optionalText(0)) {
-        values.push_back({std::move(*value), statement.integer(1)});
-      }
-    });
-    return values;
-  });
+  if (!isSlot(column)) return {};
+  return distinctValuesWithCounts(column, std::nullopt, std::nullopt, limit);
 }
 
 std::vector<ValueCount> EventStore::distinctValuesWithCounts(
     const StoreColumn& column, const std::optional<LogQuery>& matching,
     const std::optional<std::string>& prefix, std::int64_t limit) {
   const bool isLevel = column == StoreColumn::level();
-  if (!isLevel && !std::holds_alternative<StoreColumn::Slot>(column.value())) return {};
-  LogQuery::Compiled compiled{"1", {}};
-  if (matching) compiled = rewrittenForCapabilities(*matching).compile();
+  if (!isLevel && !isSlot(column)) return {};
+  LogQuery::Compiled compiled;
+  if (matching && !matching->isEmpty()) compiled = rewrittenForCapabilities(*matching).compile();
   return reading(database_.get(), [&](OpenDatabase& db) -> std::vector<ValueCount> {
     std::vector<ValueCount> values;
     if (isRefused(db, compiled)) return values;
     if (isLevel) {
-      values = countsByLevel(db, " WHERE " + compiled.clause, compiled.binds);
+      values = countsByLevel(db, compiled);
       std::erase_if(
           values, [&](const auto& value) { return !value.value.starts_with(prefix.value_or("")); });
       cutToLimit(values, limit);
       return values;
     }
-    const bool hasPrefix = prefix && !prefix->empty();
-    Statement statement = db.prepare(fmt::format(
-        "SELECT {0}, count(*) FROM events WHERE {0} <> ''{1} AND {2} GROUP BY {0} "
-        "ORDER BY count(*) DESC, {0} ASC LIMIT ?",
-        column.sql(), hasPrefix ? fmt::format(R"( AND {} LIKE ? ESCAPE '\')", column.sql()) : "",
-        compiled.clause));
-    if (statement) {
-      int index = 1;
-      if (hasPrefix) statement.bind(index++, LogQuery::escapeLike(*prefix) + "%");
-      statement.bind(bindAll(statement, index, compiled.binds), limit);
-    }
-    db.forEachRow(statement, [&] {
-      if (auto value = statement.optionalText(0)) {
-        values.push_back({std::move(*value), statement.integer(1)});
-      }
-    });
+    forEachValue(db, column.sql(), column.sql() + ", count(*)",
+                 conditionsOf(column.sql(), compiled, prefix), limit,
+                 [&](std::string value, const Statement& row) {
+                   values.push_back({std::move(value), row.integer(1)});
+                 });
     return values;
   });
 }

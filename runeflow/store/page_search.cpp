@@ -31,7 +31,7 @@ void collectConditions(const QueryNode& node, std::vector<const FieldPredicate*>
 
 // An index of `events` and values of its first column. Every match has one of the values, and the
 // index lists the records of each value by seq.
-struct IndexRoad {
+struct IndexLookup {
   std::string column;
   std::vector<Bind> values;
 };
@@ -116,8 +116,8 @@ class PageSearch {
     const bool isSingle = std::holds_alternative<FieldPredicate>(query_.root.value());
     // One comparison with an indexed slot: SQLite reads the index in order by itself.
     if (isSingle && isSlotEquality(*conditions.front())) return true;
-    if (const auto slot = slotRoad(conditions)) return scan(*slot, false) == Outcome::unfinished;
-    const auto levels = levelRoad(conditions);
+    if (const auto slot = slotLookup(conditions)) return scan(*slot, false) == Outcome::unfinished;
+    const auto levels = levelLookup(conditions);
     if (levels && isSingle) return scan(*levels, true) == Outcome::unfinished;
     if (scanRecords() == Outcome::finished) return false;
     return !levels || scan(*levels, false) == Outcome::unfinished;
@@ -128,23 +128,23 @@ class PageSearch {
            std::holds_alternative<StoreColumn::Slot>(field.column.value());
   }
 
-  std::optional<IndexRoad> slotRoad(const std::vector<const FieldPredicate*>& conditions) {
+  std::optional<IndexLookup> slotLookup(const std::vector<const FieldPredicate*>& conditions) {
     for (const auto* field : conditions) {
       if (!isSlotEquality(*field)) continue;
       const auto column = field->column.sql();
-      if (prepareScan(column)) return IndexRoad{column, {field->value.value_or(Bind::text(""))}};
+      if (prepareScan(column)) return IndexLookup{column, {field->value.value_or(Bind::text(""))}};
     }
     return std::nullopt;
   }
 
   // The levels that the store holds and a condition allows. Absent if there is no condition on the
   // level, or if there is a number of levels that no decoder creates.
-  std::optional<IndexRoad> levelRoad(const std::vector<const FieldPredicate*>& conditions) {
+  std::optional<IndexLookup> levelLookup(const std::vector<const FieldPredicate*>& conditions) {
     for (const auto* field : conditions) {
       const auto* bound =
           field->value ? std::get_if<std::int64_t>(&field->value->value()) : nullptr;
       if (field->column != StoreColumn::level() || !bound) continue;
-      if (field->op == FieldOp::equals) return IndexRoad{"level", {Bind::int_(*bound)}};
+      if (field->op == FieldOp::equals) return IndexLookup{"level", {Bind::int_(*bound)}};
       if (field->op == FieldOp::greaterOrEqual || field->op == FieldOp::lessOrEqual) {
         using Level = std::numeric_limits<std::int64_t>;
         return field->op == FieldOp::greaterOrEqual ? levelsBetween(*bound, Level::max())
@@ -154,26 +154,26 @@ class PageSearch {
     return std::nullopt;
   }
 
-  std::optional<IndexRoad> levelsBetween(std::int64_t least, std::int64_t greatest) {
+  std::optional<IndexLookup> levelsBetween(std::int64_t least, std::int64_t greatest) {
     constexpr std::size_t kMostLevels = 12;
-    IndexRoad road{"level", {}};
+    IndexLookup lookup{"level", {}};
     // Each step finds the next greater level in the index. One lower bound alone: SQLite would seek
     // to one of two and read all entries up to the other.
     Statement next = db_.prepare(
         "SELECT level, typeof(level) = 'integer' FROM events INDEXED BY i_level "
         "WHERE level >= ? ORDER BY level LIMIT 1");
     if (!next) return std::nullopt;
-    while (road.values.size() < kMostLevels) {
+    while (lookup.values.size() < kMostLevels) {
       next.reset();
       next.bind(1, least);
       const auto step = next.step();
       if (step == Statement::Step::error) return std::nullopt;
-      if (step == Statement::Step::done) return road;
+      if (step == Statement::Step::done) return lookup;
       if (next.integer(1) == 0) return std::nullopt;
       const auto level = next.integer(0);
-      if (level > greatest) return road;
-      road.values.push_back(Bind::int_(level));
-      if (level == std::numeric_limits<std::int64_t>::max()) return road;
+      if (level > greatest) return lookup;
+      lookup.values.push_back(Bind::int_(level));
+      if (level == std::numeric_limits<std::int64_t>::max()) return lookup;
       least = level + 1;
     }
     return std::nullopt;
@@ -202,11 +202,11 @@ class PageSearch {
     return follow(std::move(cursors), records(), false);
   }
 
-  // `isWhole` means that the road leads to matches only and that nothing else is faster.
-  Outcome scan(const IndexRoad& road, bool isWhole) {
+  // `isWhole` means that the index lists only matches and that nothing else is faster.
+  Outcome scan(const IndexLookup& lookup, bool isWhole) {
     std::vector<Statement> cursors;
-    for (const auto& value : road.values) {
-      auto& cursor = cursors.emplace_back(prepareScan(road.column));
+    for (const auto& value : lookup.values) {
+      auto& cursor = cursors.emplace_back(prepareScan(lookup.column));
       if (!cursor) return Outcome::unfinished;
       const int next = bindAll(cursor, 1, judging_.binds);
       cursor.bind(next, value);
@@ -261,7 +261,7 @@ class PageSearch {
 
   std::int64_t lastOfRange() const { return order_ == SearchOrder::newestFirst ? first_ : last_; }
 
-  // Leaves the seqs behind `seq` for what follows.
+  // Removes the seqs up to `seq`, in the order of the search, from the range.
   void passBy(std::int64_t seq) {
     if (order_ == SearchOrder::newestFirst) {
       last_ = seq - 1;

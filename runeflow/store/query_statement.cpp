@@ -8,6 +8,13 @@
 
 namespace runeflow {
 
+std::string parameterList(std::size_t count) {
+  std::string list = "?";
+  list.reserve(2 * count);
+  for (std::size_t i = 1; i < count; ++i) list += ",?";
+  return list;
+}
+
 int bindAll(Statement& statement, int index, const std::vector<Bind>& binds) {
   for (const auto& bind : binds) statement.bind(index++, bind);
   return index;

@@ -3,6 +3,7 @@
 // Statements with the clause of a query.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -12,6 +13,9 @@
 #include "runeflow/store/open_database_p.h"
 
 namespace runeflow {
+
+// Returns `count` parameters separated by commas: "?,?,?". `count` must be at least 1.
+std::string parameterList(std::size_t count);
 
 // Binds the values from the parameter `index` on. Returns the next index.
 int bindAll(Statement& statement, int index, const std::vector<Bind>& binds);
