@@ -91,7 +91,7 @@ TEST_F(CaptureCommand, picksTheDevice) {
     const char* says;
   } table[] = {
       {"a device\n", "", 0, "runeflow: 1 record, "},
-      {"a device model:Pixel_6\nb device\n", "", 0, "of 2 devices; --serial names another\n"},
+      {"a device model:Pixel_6\nb device\n", "", 0, "of 2 devices; --serial selects another\n"},
       {"a device\nb device\n", "--serial b", 0, "runeflow: 1 record, "},
       {"a device\nb device\n", "--serial c", 2, "no device has the serial 'c'; attached: a, b\n"},
       {"a unauthorized\n", "", 2, "Device a is 'unauthorized'"},
@@ -194,7 +194,7 @@ TEST_F(CaptureCommand, checksAndMendsTheFullTextIndex) {
   test::sql(folder_.file("a.db"), "DELETE FROM events WHERE seq = 2");
   EXPECT_THAT(check("", 2), AllOf(StartsWith("a.db: the full-text index does not fit the records"),
                                   EndsWith("mend it with --repair\n")));
-  EXPECT_THAT(check("--repair", 0), HasSubstr("the full-text index was built anew\n"));
+  EXPECT_THAT(check("--repair", 0), HasSubstr("the full-text index was rebuilt\n"));
   check("", 0);
   EXPECT_EQ(run("check missing.db").exitCode, 2);
 }
