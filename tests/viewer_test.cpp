@@ -111,7 +111,8 @@ class Peer {
   int port_ = 0;
 };
 
-// The command `runeflow view`, started in a folder. The destructor ends it.
+// The command `runeflow view`, started in a folder. The destructor ends it; what a sanitizer found
+// in it fails the test.
 class Server {
  public:
   Server(const test::TemporaryFolder& folder, const std::string& arguments,
@@ -142,7 +143,10 @@ class Server {
     root_ = address_.substr(slash, address_.find('?') - slash);
     token_ = address_.substr(address_.find('=') + 1);
   }
-  ~Server() { stop(); }
+  ~Server() {
+    if (pid_ <= 0) return;
+    EXPECT_EQ(stop(), 0) << errors();
+  }
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
@@ -615,7 +619,7 @@ TEST_F(View, servesBesideIdleConnectionsAndEndsWithThem) {
   for (int i = 0; i < 50; ++i) {
     EXPECT_EQ(server.get("records?first=1&last=200").json()["records"].size(), 200U);
   }
-  EXPECT_LT(Clock::now() - begin, 5s);
+  EXPECT_LT(Clock::now() - begin, 15s);  // idle connections are closed after 20 s
   const auto ending = Clock::now();
   EXPECT_EQ(server.stop(SIGINT), 0);
 #ifdef __SANITIZE_THREAD__
