@@ -23,7 +23,7 @@ runeflow::TimeSpan timesOf(const QueryOptions& options, const std::function<std:
   };
   if (!options.since.empty()) times.from = read(options.since);
   if (!options.until.empty()) times.until = read(options.until);
-  // Other times are excluded, so that consecutive spans do not overlap. The end has nothing behind.
+  // Other times are excluded, so that consecutive spans do not overlap.
   if (options.until == "end") ++times.until;
   if (times.from >= times.until) {
     host::fail("--since {} is not before --until {}; no record could match", options.since,

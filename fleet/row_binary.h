@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 
 // Writes and reads ClickHouse's format RowBinary: the values of a row one after the other, integers
-// in little-endian order, texts and arrays behind their length as a LEB128 number, and a byte that
+// in little-endian order, texts and arrays after their length as a LEB128 number, and a byte that
 // is 1 for NULL before a value that may be NULL. Texts are bytes: nothing in them needs an escape.
 #pragma once
 

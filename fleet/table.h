@@ -66,7 +66,7 @@ struct Created {
 // TABLE, a Distributed table over them that keeps all records of a capture on one server.
 Created createTable(Engine& engine, const std::string& cluster);
 
-// The statements of createTable(), with `onCluster` inserted behind the names of the tables.
+// The statements of createTable(), with `onCluster` inserted after the names of the tables.
 std::vector<std::string> createStatements(const Address& address, const std::string& cluster,
                                           const std::string& onCluster);
 

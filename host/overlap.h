@@ -37,7 +37,7 @@ class Overlap {
  private:
   std::optional<std::int64_t> start_;                            // microseconds since 1970
   std::unordered_map<std::string, int> records_;                 // how often each is stored
-  std::int64_t end_ = std::numeric_limits<std::int64_t>::min();  // behind it nothing comes again
+  std::int64_t end_ = std::numeric_limits<std::int64_t>::min();  // after it no record is repeated
 };
 
 }  // namespace host
