@@ -142,6 +142,7 @@ void Database::growSpan(DatabaseState& state) {
   }
   const auto last = std::min(state.lastSeq, spannedTo_ + kSpannedAtOnce);
   if (last > spannedTo_) widen(state.span, store_->timeSpan(spannedTo_ + 1, last));
+  if (store_->takeError()) return;  // the next look reads the same records again
   widen(state.span, store_->timeSpan(state.lastSeq, state.lastSeq));
   spannedTo_ = last;
   state.isSpanWhole = last == state.lastSeq;

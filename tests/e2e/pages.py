@@ -95,6 +95,7 @@ class Pages:
         self.folder = folder
         self.checks = checks
         self.places = []  # (what a page says, what takes its place)
+        self.group = None  # the processes of the present command
         bin_folder = folder / "bin"
         bin_folder.mkdir()
         (bin_folder / "runeflow").symlink_to(program)
@@ -172,6 +173,7 @@ class Pages:
             start_new_session=True,
         )
         endless = ENDLESS.search(command)
+        self.group = process.pid
         try:
             out, errors = process.communicate(timeout=SECONDS if endless else 10 * run.PATIENCE)
         except subprocess.TimeoutExpired:
@@ -221,8 +223,12 @@ def main():
             ("runeflow clear", "runeflow clear --yes"),  # nobody can be asked
             ("build/plain", "build/release"),  # the same options; built already
         ]
-        for page in pages_named(sys.argv[2:]):
-            pages.check_page(page)
+        try:
+            for page in pages_named(sys.argv[2:]):
+                pages.check_page(page)
+        finally:  # also if a signal ends this program
+            with contextlib.suppress(ProcessLookupError, TypeError):
+                os.killpg(pages.group, signal.SIGKILL)
     print(f"{checks.passed} passed, {checks.failed} failed")
     return 1 if checks.failed else 0
 
