@@ -5,18 +5,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <limits>
-#include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
+#include "host/deadline.h"
 #include "host/message_marks.h"
 #include "host/query_mistakes.h"
 #include "output.h"
@@ -31,35 +27,6 @@ using runeflow::QueryNode;
 namespace {
 
 constexpr std::chrono::milliseconds kPatience{300};
-
-// Ends the reads of a store when the time is up.
-class Deadline {
- public:
-  Deadline(EventStore& store, std::chrono::milliseconds time) : store_(store) {
-    store_.setCancellation(isOver_);
-    timer_ = std::jthread([this, time](const std::stop_token& stop) {
-      std::unique_lock lock(mutex_);
-      if (!ended_.wait_for(lock, stop, time, [&stop] { return stop.stop_requested(); })) {
-        isOver_->store(true);
-      }
-    });
-  }
-  ~Deadline() {
-    timer_.request_stop();
-    timer_.join();
-    store_.setCancellation(nullptr);
-    store_.takeError();  // a search for a hint that fails is no failure of the command
-  }
-  Deadline(const Deadline&) = delete;
-  Deadline& operator=(const Deadline&) = delete;
-
- private:
-  EventStore& store_;
-  std::shared_ptr<std::atomic<bool>> isOver_ = std::make_shared<std::atomic<bool>>(false);
-  std::mutex mutex_;
-  std::condition_variable_any ended_;
-  std::jthread timer_;
-};
 
 // Returns false for a stream that is closed or goes to the null device, for which no hint is worth
 // a read. See reserveStandardDescriptors() for the closed ones.
@@ -137,7 +104,7 @@ void hintAt(EventStore& store, std::string_view line, const LogQuery& query) {
   if (const auto mistake = host::mistakeIn(line, store.descriptor()); !mistake.empty()) {
     return say("{}", mistake);
   }
-  const Deadline deadline(store, kPatience);
+  const host::Deadline deadline(store, kPatience);
   if (const auto others = host::otherValuesFor(store, query); !others.empty()) {
     return say("{}", others);
   }

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "host/deadline.h"
 #include "host/record_key.h"
 #include "runeflow/transports/file_transport.h"
 
@@ -20,6 +21,8 @@ using runeflow::QueryNode;
 
 namespace {
 
+// A search that takes longer, as it may in a database of many millions of records, finds nothing.
+constexpr std::chrono::milliseconds kPatience{1'000};
 constexpr std::size_t kComparedRecords = 100;
 constexpr std::size_t kPieceSize = 65'536;
 constexpr std::size_t kSampleSize = std::size_t{1} << 20;  // bytes of the log at either end
@@ -89,7 +92,9 @@ Bytes fromRecord(const Ends& ends, const LogKind& kind) {
   return Bytes(ends.last).subspan(kind.recordEnd.empty() ? at : at + mark.size());
 }
 
-// Returns the query for a record by its fields and the words of its message.
+// Returns the query for a record by its fields, its time and its message. Only a record without a
+// time is looked for by the words of its message: the full-text index reads all matches of each
+// word, which takes seconds in a large database.
 runeflow::LogQuery lookFor(const LogRow& row) {
   constexpr std::size_t kMostBytes = 500;  // of a message; its first words are rare enough
   std::vector<QueryNode> conditions;
@@ -104,6 +109,10 @@ runeflow::LogQuery lookFor(const LogRow& row) {
     conditions.push_back(
         QueryNode::field({runeflow::StoreColumn::timestamp(), runeflow::FieldOp::equals,
                           runeflow::Bind::int_(*time)}));
+    conditions.push_back(
+        QueryNode::field({runeflow::StoreColumn::message(), runeflow::FieldOp::equals,
+                          runeflow::Bind::text(std::string(row.message()))}));
+    return {QueryNode::and_(std::move(conditions))};
   }
   auto words = row.message();
   if (words.size() > kMostBytes) {
@@ -123,7 +132,7 @@ runeflow::LogQuery lookFor(const LogRow& row) {
 std::optional<std::int64_t> placeOf(EventStore& store, std::span<const LogRow> rows,
                                     std::int64_t latest) {
   constexpr std::int64_t kMostPlaces = 20;
-  // The longest message has the most words, which few records share.
+  // The fewest records share the longest message.
   const auto longest = std::ranges::max_element(
       rows, {}, [](const LogRow& row) { return isRawRow(row) ? 0 : row.message().size() + 1; });
   const auto offset = longest - rows.begin();
@@ -152,6 +161,7 @@ bool isStoredBefore(EventStore& store, const Stream& stream) {
   }
   if (last.size() > kComparedRecords) last.erase(last.begin(), last.end() - kComparedRecords);
   if (first.empty() || last.empty()) return false;
+  const Deadline deadline(store, kPatience);
   const auto end = placeOf(store, last, store.maxSeq());
   if (!end) return false;
   // The records of a short file are both its first and its last.

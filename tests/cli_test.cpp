@@ -378,14 +378,14 @@ TEST_F(Command, hostileDatabasesAreEscaped) {
                   "CREATE TRIGGER i BEFORE INSERT ON events BEGIN SELECT RAISE(ABORT, '{0}'); END",
                   kForging));
   expectHarmlessly("clear a.db --source logcat --yes");
-  expectHarmlessly("capture a.log --db a.db");
+  expectHarmlessly("capture a.log --db a.db --again");
   // Reported by SQLite as it opens the database.
   ask(
       fmt::format("PRAGMA writable_schema = ON; INSERT INTO sqlite_schema VALUES('table', '{0}', "
                   "'{0}', 0, 'CREATE TABLE (')",
                   kForging));
   expectHarmlessly("info a.db");
-  expectHarmlessly("capture a.log --db a.db");
+  expectHarmlessly("capture a.log --db a.db --again");
 }
 
 TEST_F(Command, hostileServersAreEscaped) {
