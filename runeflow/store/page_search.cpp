@@ -18,7 +18,22 @@
 namespace runeflow {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+// Adds up the time between records. A pause longer than the longest message takes is one in which
+// the thread did not run or waited for a disk, and says nothing about the records.
+class JudgingTime {
+ public:
+  ScanBudget::Duration elapsed() {
+    constexpr ScanBudget::Duration kLongest = std::chrono::microseconds(500);
+    const auto now = Clock::now();
+    elapsed_ += std::min<ScanBudget::Duration>(now - std::exchange(last_, now), kLongest);
+    return elapsed_;
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  Clock::time_point last_ = Clock::now();
+  ScanBudget::Duration elapsed_{};
+};
 
 // The conditions that every match satisfies: the children of the outermost ANDs.
 void collectConditions(const QueryNode& node, std::vector<const FieldPredicate*>& conditions) {
@@ -229,7 +244,7 @@ class PageSearch {
   // there.
   Outcome follow(std::vector<Statement> cursors, std::int64_t records, bool isWhole) {
     ScanBudget budget(limit_, records, budget_);
-    const auto start = Clock::now();
+    JudgingTime time;
     std::optional<IndexedRecords> indexed;
     if (hasWords_) indexed.emplace(db_, order_);
     if (hasWords_) db_.wordFunction()->takeWasTooLong();
@@ -253,7 +268,7 @@ class PageSearch {
       if (isMatch && --limit_ == 0) return Outcome::finished;
       if (seq == lastOfRange()) return Outcome::finished;
       passBy(seq);
-      if (!budget.count(isMatch, Clock::now() - start) && !isWhole) return Outcome::unfinished;
+      if (!budget.count(isMatch, time.elapsed()) && !isWhole) return Outcome::unfinished;
       if (!steps(*next)) cursors.erase(next);
     }
     return std::exchange(hasFailed_, false) ? Outcome::unfinished : Outcome::finished;
