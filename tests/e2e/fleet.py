@@ -262,7 +262,7 @@ def random_group(chance, depth):
 
 def random_query(chance):
     text = random_group(chance, 2)
-    if chance.random() < 0.85:  # most answers are short, so that many queries fit the time
+    if chance.random() < 0.95:  # most answers are short, so that many queries fit the time
         text = f"{chance.choice(RARE)[: chance.randrange(6, 8)]} ({text})"
     return text
 
