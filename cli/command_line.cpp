@@ -6,18 +6,25 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <span>
 #include <vector>
 
+#include "command_description.h"
 #include "commands.h"
+#include "completion.h"
+#include "defaults.h"
 #include "host/byte_count.h"
 #include "host/database.h"
 #include "host/failure.h"
 #include "host/log_kind.h"
 #include "host/query_mistakes.h"
 #include "host/stream.h"
+#include "manual.h"
+#include "terminal.h"
 
 namespace cli {
 namespace {
@@ -28,6 +35,26 @@ constexpr std::int64_t kMostBars = 100'000;
 
 std::string kindIds() {
   return host::joinKinds(&host::LogKind::id, " or ");
+}
+
+std::string kindTypes() {
+  return host::joinKinds(&host::LogKind::id, "|");
+}
+
+// Local times are those of UTC from now on.
+void useUtc() {
+  // No other thread runs yet.
+  ::setenv("TZ", "UTC0", 1);  // NOLINT(concurrency-mt-unsafe)
+  ::tzset();
+}
+
+void chooseColour(const std::string& when) {
+  if (when != "auto" && when != "always" && when != "never") {
+    fail("--color is auto, always or never, not '{}'", when);
+  }
+  setColour(when == "always"  ? ColourWhen::always
+            : when == "never" ? ColourWhen::never
+                              : ColourWhen::automatic);
 }
 
 // A subcommand, and the options that parsing fills in.
@@ -45,7 +72,23 @@ struct Subcommand {
   void addSource() {
     const auto description =
         fmt::format("The kind of the records ({}), if the command cannot detect it", kindIds());
-    command->add_option("--source", options->source, description)->type_name("KIND");
+    command->add_option("--source", options->source, description)->type_name(kindTypes());
+  }
+
+  // For commands that read or show times.
+  void addUtc() {
+    command->add_flag_callback("--utc", useUtc, "Read and show times in UTC, not in local time")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+  }
+
+  // For commands that show more than sentences.
+  void addDisplay(bool hasTimes = true) {
+    if (hasTimes) addUtc();
+    command
+        ->add_option_function<std::string>(
+            "--color", chooseColour,
+            "When to print colours; always also keeps the form of a terminal for a pager")
+        ->type_name("auto|always|never");
   }
 
   CLI::Option* addFlag(const char* name, bool Options::* flag, const char* description) {
@@ -84,6 +127,8 @@ class Words {
   Words(int argc, char** argv) : all_(argv + std::min(argc, 1), argv + argc) {
     optionsEnd_ = static_cast<std::size_t>(std::ranges::find(all_, "--") - all_.begin());
   }
+
+  const std::vector<std::string>& all() const { return all_; }
 
   // Returns those that may be options: the words before "--".
   std::span<const std::string> options() const { return std::span(all_).first(optionsEnd_); }
@@ -170,7 +215,7 @@ void addCapture(CLI::App& app, int& exitCode) {
       ->add_option(
           "--format", options.format,
           fmt::format("The kind of the files ({}), if the command cannot detect it", kindIds()))
-      ->type_name("KIND");
+      ->type_name(kindTypes());
   command
       ->add_option("--max-bytes", *maxBytes,
                    "Keep the database below this size by deleting its oldest records; units are "
@@ -201,9 +246,16 @@ void excludeEach(CLI::Option* one, const std::vector<CLI::Option*>& others) {
   for (auto* other : others) one->excludes(other);
 }
 
-void addQueryConditions(Subcommand<QueryOptions>& query) {
+// The words of the query and the conditions beside it.
+template <class Options>
+void addConditions(Subcommand<Options>& query) {
   auto* command = query.command;
-  auto& options = *query.options;
+  QueryConditions& options = *query.options;
+  command->add_option("QUERY", options.text, "Such as: 'level:warn \"disk full\" NOT tag:chatty'")
+      ->type_name("");
+  // Further words belong to the query. They are not a list option, because CLI11 would split
+  // "[a,b]".
+  command->allow_extras();
   command
       ->add_option("--since", options.since,
                    "Only records of this time or later: 2026-03-17T14:05 (local time; append Z or "
@@ -220,8 +272,19 @@ void addQueryConditions(Subcommand<QueryOptions>& query) {
       ->add_option("--regex", options.expression,
                    "Only messages that match the regular expression (RE2); (?i) ignores case")
       ->type_name("PATTERN");
-  query.addFlag("--match-case", &QueryOptions::matchCase,
-                "Words of the query match with their exact case");
+  command->add_flag("--match-case", options.matchCase,
+                    "Words of the query match with their exact case");
+}
+
+// Adds the words that were typed behind the first one to the query, and replaces saved queries.
+void completeQuery(const CLI::App& command, const Words& words, const Defaults& defaults,
+                   QueryConditions& parsed) {
+  for (const auto& word : command.remaining()) {
+    if (word == "--") continue;
+    if (word.starts_with('-') && !words.isBehindOptions(word)) failForOption(command, word);
+    parsed.text += ' ' + word;
+  }
+  parsed.text = withSavedQueries(parsed.text, defaults);
 }
 
 void addQueryContext(Subcommand<QueryOptions>& query, std::vector<CLI::Option*>& context) {
@@ -235,17 +298,21 @@ void addQueryContext(Subcommand<QueryOptions>& query, std::vector<CLI::Option*>&
   add("-C,--context", options.around, "Also N records before and after each match");
 }
 
-void addQuery(CLI::App& app, const Words& words, int& exitCode) {
+void addQuery(CLI::App& app, const Words& words, const Defaults& defaults, int& exitCode) {
   Subcommand<QueryOptions> query(app, "query", "Print the records that match a query");
   auto* command = query.command;
   auto& options = *query.options;
   query.addDatabase();
-  command->add_option("QUERY", options.text, "Such as: 'level:warn \"disk full\" NOT tag:chatty'")
-      ->type_name("");
-  // Further words belong to the query. They are not a list option, because CLI11 would split
-  // "[a,b]".
-  command->allow_extras();
-  addQueryConditions(query);
+  addConditions(query);
+  query.addDisplay();
+  command
+      ->add_option("--with", options.others,
+                   "A further database; the records are merged by their times. May be repeated")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+      ->allow_extra_args(false)
+      ->type_name("DB");
+  query.addFlag("--seq", &QueryOptions::showsSeq,
+                "Print the seq of each record on a terminal, too");
   auto* after = command->add_option("--after", options.after, "Only records with a greater seq");
   after->type_name("SEQ")->check(atLeast(0));
   auto* first = command->add_option("--first", options.first, "Only the first N matches");
@@ -287,31 +354,50 @@ void addQuery(CLI::App& app, const Words& words, int& exitCode) {
       "If the output is not a terminal, every record is one line: seq (its number), time in UTC, "
       "level, fields and message, separated by tabs. With -A, -B or -C, a first column holds > for "
       "a match and - for its context, and -- separates groups.");
-  query.runs(cli::query, exitCode, [command, &words](QueryOptions& parsed) {
-    for (const auto& word : command->remaining()) {
-      if (word.starts_with('-') && !words.isBehindOptions(word)) failForOption(*command, word);
-      parsed.text += ' ' + word;
-    }
+  query.runs(cli::query, exitCode, [command, &words, &defaults](QueryOptions& parsed) {
+    completeQuery(*command, words, defaults, parsed);
   });
 }
 
-void addValues(CLI::App& app, int& exitCode) {
+void addExport(CLI::App& app, const Words& words, const Defaults& defaults, int& exitCode) {
+  Subcommand<ExportOptions> copy(app, "export", "Store the records that match in a new database");
+  auto* command = copy.command;
+  copy.addDatabase();
+  addConditions(copy);
+  command->add_option("--db", copy.options->target, "The new database")
+      ->required()
+      ->type_name("PATH");
+  copy.addUtc();
+  copy.addSource();
+  copy.runs(cli::exportRecords, exitCode, [command, &words, &defaults](ExportOptions& parsed) {
+    completeQuery(*command, words, defaults, parsed);
+  });
+}
+
+void addValues(CLI::App& app, const Words&, const Defaults& defaults, int& exitCode) {
   Subcommand<ValuesOptions> values(app, "values", "Print the most frequent values of a field");
   auto* command = values.command;
   auto& options = *values.options;
   values.addDatabase();
-  command->add_option("FIELD", options.field, "Such as tag, pid, app or level")
+  command
+      ->add_option("FIELD", options.fields,
+                   "Such as tag, pid, app or level; several give a list each")
       ->required()
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
       ->type_name("");
   command->add_option("--matching", options.matching, "Only records that match this query")
       ->type_name("QUERY");
-  command->add_option("--prefix", options.prefix, "Only values that begin with this text");
+  command->add_option("--prefix", options.prefix, "Only values that begin with this text")
+      ->type_name("TEXT");
   command->add_option("--limit", options.limit, "At most N values; negative for all")
       ->type_name("N")
       ->capture_default_str();
   values.addSource();
   values.addFlag("--json", &ValuesOptions::isJson, "One JSON object a line");
-  values.runs(cli::values, exitCode);
+  values.addDisplay(false);
+  values.runs(cli::values, exitCode, [&defaults](ValuesOptions& parsed) {
+    parsed.matching = withSavedQueries(parsed.matching, defaults);
+  });
 }
 
 void addInfo(CLI::App& app, int& exitCode) {
@@ -319,6 +405,7 @@ void addInfo(CLI::App& app, int& exitCode) {
   info.addDatabase();
   info.addSource();
   info.addFlag("--json", &InfoOptions::isJson, "One JSON object");
+  info.addDisplay();
   info.runs(cli::info, exitCode);
 }
 
@@ -396,6 +483,109 @@ void addView(CLI::App& app, int& exitCode) {
   view.runs(cli::view, exitCode);
 }
 
+// The columns that CLI11 would wrap are those of the manual page.
+OptionDescription describe(const CLI::Option& option) {
+  OptionDescription described{
+      .names = {},
+      .type = option.get_type_name(),
+      .text = option.get_description(),
+      .usual = option.get_default_str(),
+      .isArgument = option.get_positional(),
+      .isRequired = option.get_required(),
+      .isRepeatable = option.get_multi_option_policy() == CLI::MultiOptionPolicy::TakeAll};
+  if (described.isArgument) described.names.push_back(option.get_name());
+  for (const auto& name : option.get_snames()) described.names.push_back("-" + name);
+  for (const auto& name : option.get_lnames()) described.names.push_back("--" + name);
+  return described;
+}
+
+CommandDescription describe(const CLI::App& command) {
+  CommandDescription described{.name = command.get_parent() ? command.get_name() : "",
+                               .text = command.get_description(),
+                               .footer = command.get_footer(),
+                               .options = {}};
+  while (described.footer.ends_with('\n')) described.footer.pop_back();
+  for (const auto* option : command.get_options()) {
+    if (!option->get_group().empty()) described.options.push_back(describe(*option));
+  }
+  return described;
+}
+
+std::vector<CLI::App*> visibleCommands(CLI::App& app) {
+  return app.get_subcommands([](const CLI::App* command) { return !command->get_group().empty(); });
+}
+
+ProgramDescription describeProgram(CLI::App& app) {
+  ProgramDescription program = {describe(app)};
+  for (const auto* command : visibleCommands(app)) program.push_back(describe(*command));
+  return program;
+}
+
+// A command for the build. The help does not list it.
+void addManual(CLI::App& app) {
+  auto folder = std::make_shared<std::string>();
+  auto* manual = app.add_subcommand("manual", "Write the manual pages")->group("");
+  manual->add_option("FOLDER", *folder)->required();
+  manual->callback([&app, folder] { writeManual(describeProgram(app), *folder); });
+}
+
+// Returns the option that a word of the line names, or null.
+const CLI::Option* optionOf(const CLI::App& command, const std::string& word) {
+  if (word.size() < 2 || !word.starts_with('-')) return nullptr;
+  const auto* option = command.get_option_no_throw(word.substr(0, word.find('=')));
+  return option || word.starts_with("--") ? option : command.get_option_no_throw(word.substr(0, 2));
+}
+
+// Returns whether the two cannot be used together, or are the same.
+bool conflict(const CLI::Option* one, const CLI::Option* other) {
+  return one == other || one->get_excludes().contains(const_cast<CLI::Option*>(other)) ||
+         other->get_excludes().contains(const_cast<CLI::Option*>(one));
+}
+
+// Returns the user's defaults for the command as words. An option of the line, or an earlier
+// default, sets aside those that it repeats or excludes.
+std::vector<std::string> defaultWords(CLI::App& app, const CLI::App& command, const Words& words,
+                                      const Defaults& defaults) {
+  std::vector<const CLI::Option*> chosen;
+  for (const auto& word : words.options()) {
+    if (const auto* option = optionOf(command, word)) chosen.push_back(option);
+  }
+  std::vector<std::string> added;
+  for (const auto& [name, value, hasValue, place] : defaults.options) {
+    const bool isKnown = std::ranges::any_of(visibleCommands(app), [&](const CLI::App* other) {
+      return other->get_option_no_throw(name) != nullptr;
+    });
+    if (!isKnown || name == "--help") fail("{}: no command has the option {}", place, name);
+    const auto* option = command.get_option_no_throw(name);
+    if (!option) continue;
+    const bool isSetAside = std::ranges::any_of(
+        chosen, [option](const CLI::Option* other) { return conflict(option, other); });
+    const auto& needed = option->get_needs();
+    const bool lacksOther = std::ranges::any_of(needed, [&](const CLI::Option* other) {
+      return std::ranges::find(chosen, other) == chosen.end();
+    });
+    if (isSetAside || lacksOther) continue;
+    chosen.push_back(option);
+    added.push_back(hasValue ? name + '=' + value : name);
+  }
+  return added;
+}
+
+// Returns the words of the line with the user's defaults behind the name of the command.
+std::vector<std::string> withDefaults(CLI::App& app, const Words& words, const Defaults& defaults) {
+  auto line = words.all();
+  const auto typed = words.options();
+  const auto first =
+      std::ranges::find_if(typed, [](const std::string& word) { return !word.starts_with('-'); });
+  if (first == typed.end()) return line;
+  const auto commands = visibleCommands(app);
+  const auto command = std::ranges::find(commands, *first, &CLI::App::get_name);
+  if (command == commands.end()) return line;
+  const auto added = defaultWords(app, **command, words, defaults);
+  line.insert(line.begin() + (first - typed.begin()) + 1, added.begin(), added.end());
+  return line;
+}
+
 }  // namespace
 
 int runCommandLine(int argc, char** argv) {
@@ -406,17 +596,31 @@ int runCommandLine(int argc, char** argv) {
   app.require_subcommand(1);
   // Where an option is given twice, the last one counts.
   app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-  app.footer("Exit codes: 0 done, 1 nothing matched, 2 a usage or input error.");
+  app.footer(
+      "Exit codes: 0 done, 1 nothing matched, 2 a usage or input error. Options that every command "
+      "takes by default stand in RUNEFLOW_OPTS and, one a line, in "
+      "$XDG_CONFIG_HOME/runeflow/config.");
   app.set_version_flag("--version", RUNEFLOW_VERSION);
-  int exitCode = 0;
   const Words words(argc, argv);
+  const auto defaults = readDefaults();
+  int exitCode = 0;
   addCapture(app, exitCode);
-  addQuery(app, words, exitCode);
-  for (auto* add : {addValues, addInfo, addClear, addCheck, addShip, addSources, addView}) {
-    add(app, exitCode);
+  addQuery(app, words, defaults, exitCode);
+  addValues(app, words, defaults, exitCode);
+  addInfo(app, exitCode);
+  addExport(app, words, defaults, exitCode);
+  for (auto* add : {addClear, addCheck, addShip, addSources, addView}) add(app, exitCode);
+  addManual(app);
+  if (const auto& all = words.all(); !all.empty() && all.front() == "complete") {
+    // A line that a shell completes is not parsed: it may be unfinished anywhere.
+    const bool hasMark = all.size() > 1 && all[1] == "--";
+    printCompletions(describeProgram(app), defaults, {all.begin() + (hasMark ? 2 : 1), all.end()});
+    return 0;
   }
+  auto line = withDefaults(app, words, defaults);
+  std::ranges::reverse(line);  // as CLI11 takes them
   try {
-    app.parse(argc, argv);
+    app.parse(std::move(line));
   } catch (const CLI::Success& wanted) {  // --help and --version
     return app.exit(wanted);
   } catch (const CLI::ParseError& error) {

@@ -30,17 +30,23 @@ struct CaptureOptions {
   bool isLive() const { return isAdb || !dltTarget.empty(); }
 };
 
-struct QueryOptions {
-  std::string database;
+// What records must fulfil, besides the kind that their database has.
+struct QueryConditions {
   std::string text;
-  std::string source;  // if empty, here and below, the kind is recognised by the indexes
-  std::optional<std::int64_t> after;
-  std::optional<std::int64_t> first;
-  std::optional<std::int64_t> last;
   std::string since;  // empty if not given, here and below
   std::string until;
   std::optional<std::string> contained;
   std::optional<std::string> expression;
+  bool matchCase = false;
+};
+
+struct QueryOptions : QueryConditions {
+  std::string database;
+  std::vector<std::string> others;  // further databases
+  std::string source;  // if empty, here and below, the kind is recognised by the indexes
+  std::optional<std::int64_t> after;
+  std::optional<std::int64_t> first;
+  std::optional<std::int64_t> last;
   std::optional<std::int64_t> around;  // records of context on both sides of a match
   std::optional<std::int64_t> before;  // on one side, instead of `around`
   std::optional<std::int64_t> behind;
@@ -49,16 +55,22 @@ struct QueryOptions {
   bool showsTimeline = false;
   bool counts = false;
   bool follows = false;
-  bool matchCase = false;
   bool isJson = false;
   bool isCsv = false;
   bool showsPlan = false;
   bool usesPager = false;
+  bool showsSeq = false;
+};
+
+struct ExportOptions : QueryConditions {
+  std::string database;
+  std::string target;  // the new database
+  std::string source;
 };
 
 struct ValuesOptions {
   std::string database;
-  std::string field;
+  std::vector<std::string> fields;
   std::string matching;
   std::string prefix;
   std::string source;
@@ -107,6 +119,8 @@ struct ViewCommandOptions {
 
 int capture(const CaptureOptions& options);
 int query(const QueryOptions& options);
+int queryTogether(const QueryOptions& options);  // with further databases
+int exportRecords(const ExportOptions& options);
 int values(const ValuesOptions& options);
 int info(const InfoOptions& options);
 int clear(const ClearOptions& options);

@@ -124,7 +124,7 @@ std::string FleetPrinter::peopleLine(const Record& record) const {
   };
   const auto level = record.row.level();
   std::string line =
-      fmt::format("{}{}{} {}{}{}", paint(colour::kDim), host::localTime(record.row.timestamp()),
+      fmt::format("{}{}{} {}{}{}", paint(colour::kFaint), host::localTime(record.row.timestamp()),
                   paint(colour::kReset), paint(levelColour(level)),
                   host::levelName(level).substr(0, 1), paint(colour::kReset));
   const auto append = [&](const std::string& name, std::string_view text) {

@@ -39,6 +39,8 @@ void refuseWhatNeedsADatabase(const QueryOptions& options) {
   refuse(options.around || options.before || options.behind, "-A, -B or -C");
   refuse(options.isReversed, "--reverse");
   refuse(options.showsTimeline, "--timeline");
+  refuse(!options.others.empty(), "--with");
+  refuse(options.showsSeq, "--seq");
 }
 
 fleet::Question questionOf(const QueryOptions& options, fleet::Reader& reader) {
@@ -55,7 +57,7 @@ fleet::Question questionOf(const QueryOptions& options, fleet::Reader& reader) {
 RecordFormat formatOf(const QueryOptions& options) {
   if (options.isJson) return RecordFormat::json;
   if (options.isCsv) return RecordFormat::csv;
-  return isTerminal(stdout) ? RecordFormat::people : RecordFormat::plain;
+  return isForPeople() ? RecordFormat::people : RecordFormat::plain;
 }
 
 // The words that any kind of record is searched for. The kinds differ only in words that name a

@@ -49,20 +49,25 @@ bool hasPrefix(std::string_view name, std::string_view prefix) {
 int valuesOfFleet(const ValuesOptions& options) {
   fleet::Engine engine(fleet::parseAddress(options.database), fleet::readLogin());
   fleet::Reader reader(engine);
-  const auto column = columnNamed(options.field);
+  std::vector<std::string> columns;
+  for (const auto& field : options.fields) columns.push_back(columnNamed(field));
   const auto condition = reader.condition({.text = options.matching});
-  const bool isLevel = column == "level";
-  auto values =
-      reader.values(condition, column, isLevel ? "" : options.prefix, isLevel ? -1 : options.limit);
-  if (isLevel) {
-    nameLevels(values);
-    std::erase_if(values,
-                  [&](const auto& value) { return !hasPrefix(value.value, options.prefix); });
-    const auto limit = static_cast<std::size_t>(options.limit);
-    if (options.limit >= 0 && values.size() > limit) values.resize(limit);
+  bool found = false;
+  for (const auto& column : columns) {
+    const bool isLevel = column == "level";
+    auto values = reader.values(condition, column, isLevel ? "" : options.prefix,
+                                isLevel ? -1 : options.limit);
+    if (isLevel) {
+      nameLevels(values);
+      std::erase_if(values,
+                    [&](const auto& value) { return !hasPrefix(value.value, options.prefix); });
+      const auto limit = static_cast<std::size_t>(options.limit);
+      if (options.limit >= 0 && values.size() > limit) values.resize(limit);
+    }
+    printValues(values, columns.size() > 1 ? column : std::string(), options.isJson);
+    found = found || !values.empty();
   }
-  printValues(values, options.isJson);
-  return values.empty() ? 1 : 0;
+  return found ? 0 : 1;
 }
 
 }  // namespace cli

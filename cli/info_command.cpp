@@ -97,7 +97,8 @@ void printText(const std::string& path, const runeflow::SourceDescriptor& descri
   printLine("{}: {} records", path, descriptor.displayName());
   printLine("  records     {}", summary.records);
   printLine("  seq         {} to {}", summary.firstSeq, summary.lastSeq);
-  printLine("  time        {} to {}", time(firstTime(summary)), time(lastTime(summary)));
+  printLine("  time        {} to {} {}", time(firstTime(summary)), time(lastTime(summary)),
+            host::localZone());
   std::int64_t most = 0;
   for (const auto& [level, count] : summary.levels) most = std::max(most, count);
   for (const auto& [level, count] : summary.levels) {
@@ -112,7 +113,7 @@ void printText(const std::string& path, const runeflow::SourceDescriptor& descri
 // Draws when the records were. Only a terminal is worth the time that this takes.
 void drawTimeline(EventStore& store, const Summary& summary) {
   constexpr int kRows = 4;
-  if (!summary.times || !isTerminal(stdout)) return;
+  if (!summary.times || !isForPeople()) return;
   const auto grid = roundGrid(*summary.times, timelineColumns(), localOffset(summary.times->from));
   printTimelineChart(store.timeline({}, grid.span, grid.bars), kRows);
 }

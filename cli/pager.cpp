@@ -21,8 +21,12 @@ namespace {
 Pager::Pager() {
   const char* wanted = std::getenv("PAGER");  // NOLINT(concurrency-mt-unsafe)
   command_ = wanted && *wanted ? wanted : "less";
-  // R shows colours; F ends at once if one page is enough. NOLINTNEXTLINE(concurrency-mt-unsafe)
-  ::setenv("LESS", "FRX", 0);
+  // less shows colours only with R, which the user's own LESS may lack, and lv with -c. F ends at
+  // once if one page is enough. NOLINTBEGIN(concurrency-mt-unsafe)
+  const char* own = std::getenv("LESS");
+  ::setenv("LESS", own && *own ? (std::string(own) + " -R").c_str() : "FRX", 1);
+  ::setenv("LV", "-c", 0);
+  // NOLINTEND(concurrency-mt-unsafe)
   pipe_ = ::popen(command_.c_str(), "w");
   if (!pipe_) failToStart(command_);
   std::signal(SIGINT, SIG_IGN);

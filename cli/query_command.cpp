@@ -6,8 +6,8 @@
 #include <atomic>
 #include <limits>
 #include <memory>
-#include <system_error>
 #include <utility>
+#include <vector>
 
 #include "commands.h"
 #include "fleet_commands.h"
@@ -18,21 +18,15 @@
 #include "interrupt.h"
 #include "match_printer.h"
 #include "output.h"
-#include "pager.h"
 #include "query_hints.h"
-#include "query_times.h"
+#include "question.h"
 #include "record_printer.h"
-#include "runeflow/query/query_parser.h"
 #include "terminal.h"
 #include "timeline_view.h"
 
 namespace cli {
 
 using runeflow::EventStore;
-using runeflow::FieldOp;
-using runeflow::LogQuery;
-using runeflow::QueryNode;
-using runeflow::StoreColumn;
 using runeflow::TimeSpan;
 
 namespace {
@@ -40,63 +34,6 @@ namespace {
 constexpr std::int64_t kFollowLockWait = 500;  // milliseconds; Ctrl-C waits for it
 constexpr int kFollowMilliseconds = 50;
 constexpr auto kEndOfSeqs = std::numeric_limits<std::int64_t>::max();
-
-// What the user asks for, without the form of the answer.
-struct Question {
-  LogQuery typed;                             // the words of the command line
-  LogQuery query;                             // with the conditions of the options
-  TimeSpan times;                             // of --since and --until
-  std::optional<host::MessageFilter> filter;  // of --regex
-};
-
-// Returns the time of the newest record, or that of now if there is none.
-std::int64_t endOf(EventStore& store) {
-  const auto newest = store.maxSeq();
-  const auto records = store.fetchPreviewRange(newest, newest, 0);
-  const auto time = records.empty()
-                        ? std::nullopt
-                        : runeflow::microsecondsSinceEpoch(records.front().row.timestamp());
-  return time.value_or(microsecondsNow());
-}
-
-QueryNode containing(const std::string& text) {
-  constexpr std::size_t kLongestPattern = 50'000;  // bytes; SQLite's limit for LIKE
-  if (LogQuery::escapeLike(text).size() + 2 > kLongestPattern) {
-    host::fail("the text of --contains is too long; SQLite takes at most {} bytes",
-               kLongestPattern - 2);
-  }
-  return QueryNode::field({StoreColumn::message(), FieldOp::contains, runeflow::Bind::text(text)});
-}
-
-Question questionOf(const QueryOptions& options, EventStore& store) {
-  Question question{
-      runeflow::QueryParser::parse(options.text, store.descriptor(), options.matchCase),
-      {},
-      timesOf(options, [&] { return endOf(store); }),
-      {}};
-  if (options.expression) question.filter.emplace(*options.expression);
-  std::vector<QueryNode> conditions;
-  const auto addTime = [&](FieldOp op, std::int64_t time) {
-    conditions.push_back(
-        QueryNode::field({StoreColumn::timestamp(), op, runeflow::Bind::int_(time)}));
-  };
-  if (!options.since.empty()) addTime(FieldOp::greaterOrEqual, question.times.from);
-  if (!options.until.empty()) addTime(FieldOp::lessOrEqual, question.times.until - 1);
-  if (conditions.empty() && !options.contained) {
-    question.query = question.typed;
-    return question;
-  }
-  if (!question.typed.isEmpty()) conditions.push_back(question.typed.root);
-  if (options.contained) conditions.push_back(containing(*options.contained));
-  question.query = {QueryNode::and_(std::move(conditions))};
-  return question;
-}
-
-RecordFormat formatOf(const QueryOptions& options) {
-  if (options.isJson) return RecordFormat::json;
-  if (options.isCsv) return RecordFormat::csv;
-  return isTerminal(stdout) ? RecordFormat::people : RecordFormat::plain;
-}
 
 Context contextOf(const QueryOptions& options) {
   const auto around = options.around.value_or(0);
@@ -204,9 +141,14 @@ void follow(EventStore& store, host::RecordSearch& search, MatchPrinter& matches
 std::int64_t printTo(std::FILE* out, EventStore& store, const Question& question,
                      const QueryOptions& options) {
   const auto context = contextOf(options);
-  RecordPrinter printer(
-      store.descriptor(), {formatOf(options), showsColour(stdout), context.isWanted()},
-      {question.typed, options.matchCase, options.contained.value_or(""), question.filter}, out);
+  std::vector<RecordSource> sources;
+  sources.push_back({"", store.descriptor(), marksOf(question, options)});
+  RecordPrinter printer(std::move(sources),
+                        {.format = formatOf(options),
+                         .usesColour = showsColour(stdout),
+                         .hasContext = context.isWanted(),
+                         .showsSeq = options.showsSeq},
+                        out);
   MatchPrinter matches(store, printer, context, question.query, options.database);
   host::RecordSearch search(store, question.query, question.filter);
   // --follow shows only new records unless the options ask for older ones.
@@ -223,22 +165,6 @@ std::int64_t printTo(std::FILE* out, EventStore& store, const Question& question
   return printed;
 }
 
-std::int64_t printRecords(EventStore& store, const Question& question,
-                          const QueryOptions& options) {
-  if (!options.usesPager || !isTerminal(stdout)) {
-    return printTo(stdout, store, question, options);
-  }
-  std::int64_t printed = 1;
-  Pager pager;
-  try {
-    printed = printTo(pager.stream(), store, question, options);
-  } catch (const std::system_error&) {
-    // The user has quit the pager.
-  }
-  pager.wait();
-  return printed;
-}
-
 std::int64_t printCount(host::RecordSearch& search, const QueryOptions& options) {
   const auto count = search.count(options.after.value_or(0));
   fmt::print("{}\n", count);
@@ -247,24 +173,11 @@ std::int64_t printCount(host::RecordSearch& search, const QueryOptions& options)
 
 std::int64_t printTimeline(EventStore& store, host::RecordSearch& search, const Question& question,
                            const QueryOptions& options) {
-  constexpr int kRows = 8;
-  constexpr std::size_t kUsualBars = 100;
-  auto span = store.timeSpan(1, kEndOfSeqs);
+  const auto span = store.timeSpan(1, kEndOfSeqs);
   if (!span) return 0;
-  span->from = std::max(span->from, question.times.from);
-  span->until = std::min(span->until, question.times.until);
-  if (span->from >= span->until) return 0;
-  const bool draws = isTerminal(stdout) && !options.isJson;
-  const auto bars = options.bars ? static_cast<std::size_t>(*options.bars)
-                                 : (draws ? timelineColumns() : kUsualBars);
-  const auto grid = roundGrid(*span, bars, draws ? localOffset(span->from) : 0);
-  const auto timeline = search.timeline(grid.span, grid.bars);
-  if (draws) {
-    printTimelineChart(timeline, kRows);
-  } else {
-    printTimelineJson(timeline);
-  }
-  return recordsIn(timeline);
+  return printTimelineOf(*span, question.times, options, [&](TimeSpan grid, std::size_t bars) {
+    return search.timeline(grid, bars);
+  });
 }
 
 int printPlan(EventStore& store, const Question& question, const QueryOptions& options) {
@@ -277,14 +190,16 @@ int printPlan(EventStore& store, const Question& question, const QueryOptions& o
 
 int query(const QueryOptions& options) {
   if (isFleet(options.database)) return queryFleet(options);
+  if (!options.others.empty()) return queryTogether(options);
   auto store = host::openDatabase(options.database, options.source);
-  const auto question = questionOf(options, store);
-  host::failIfRefused(store, question.query, options.database);
+  const auto question = questionOf(options, endOf(store), store, options.database);
   if (options.showsPlan) return printPlan(store, question, options);
   host::RecordSearch search(store, question.query, question.filter);
   const auto found = options.counts          ? printCount(search, options)
                      : options.showsTimeline ? printTimeline(store, search, question, options)
-                                             : printRecords(store, question, options);
+                                             : printRecordsTo(options, [&](std::FILE* out) {
+                                                 return printTo(out, store, question, options);
+                                               });
   host::failIfIncomplete(store, options.database);
   if (found > 0 || options.follows) return 0;
   flushOutput();  // the output must appear above the hint

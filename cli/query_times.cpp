@@ -15,7 +15,8 @@ std::int64_t microsecondsNow() {
   return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
 }
 
-runeflow::TimeSpan timesOf(const QueryOptions& options, const std::function<std::int64_t()>& end) {
+runeflow::TimeSpan timesOf(const QueryConditions& options,
+                           const std::function<std::int64_t()>& end) {
   runeflow::TimeSpan times{std::numeric_limits<std::int64_t>::min(),
                            std::numeric_limits<std::int64_t>::max()};
   const auto read = [&, now = microsecondsNow()](const std::string& text) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// The options --since and --until of `runeflow query`.
+// The options --since and --until.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +17,7 @@ std::int64_t microsecondsNow();
 // Returns the times from --since to before --until; the ends of 64 bits where an option is missing.
 // `end` returns the time of the newest record and is called if a text refers to it. Fails if no
 // record could match.
-runeflow::TimeSpan timesOf(const QueryOptions& options, const std::function<std::int64_t()>& end);
+runeflow::TimeSpan timesOf(const QueryConditions& options,
+                           const std::function<std::int64_t()>& end);
 
 }  // namespace cli

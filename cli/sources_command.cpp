@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include <fmt/format.h>
+#include <sys/utsname.h>
 
 #include <algorithm>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "commands.h"
@@ -49,6 +52,29 @@ void add(std::vector<Source>& sources, const std::vector<SourceRef>& found) {
     sources.push_back(
         {kindName(ref.kind), ref.id, ref.name, ref.osVersion, ref.model, ref.streamable});
   }
+}
+
+// Returns the name of this system as it calls itself, such as "Debian GNU/Linux 12 (bookworm)".
+std::string systemName(const utsname& system) {
+  constexpr std::string_view kKey = "PRETTY_NAME=";
+  std::ifstream release("/etc/os-release");
+  for (std::string line; std::getline(release, line);) {
+    if (!line.starts_with(kKey)) continue;
+    line.erase(0, kKey.size());
+    std::erase_if(line, [](char c) { return c == '"' || c == '\''; });
+    return line;
+  }
+  return fmt::format("{} {}", system.sysname, system.release);
+}
+
+// The machine that this runs on. Only a Mac has a log that can be captured.
+void addMachine(std::vector<Source>& sources) {
+  utsname system{};
+  if (::uname(&system) != 0 || system.sysname == std::string_view("Darwin")) {
+    return add(sources, {SourceRef::thisMac()});
+  }
+  sources.push_back(
+      {"machine", "machine", system.nodename, systemName(system), system.machine, false});
 }
 
 void addApple(std::vector<Source>& sources) {
@@ -115,7 +141,7 @@ void printTable(const std::vector<Source>& sources) {
 
 int sources(const SourcesOptions& options) {
   std::vector<Source> sources;
-  add(sources, {SourceRef::thisMac()});
+  addMachine(sources);
   addApple(sources);
   addAndroid(sources);
   if (options.isJson) {

@@ -11,8 +11,18 @@
 namespace cli {
 namespace {
 
-bool continuesCodePoint(char byte) {
-  return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+ColourWhen colourWhen = ColourWhen::automatic;
+
+std::string_view environment(const char* name) {
+  // Called before any other thread runs.
+  const char* value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe)
+  return value ? value : "";
+}
+
+std::optional<std::size_t> widthOf(std::FILE* stream) {
+  winsize size{};
+  if (::ioctl(::fileno(stream), TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return std::nullopt;
+  return size.ws_col;
 }
 
 std::string repeated(std::string_view glyph, std::int64_t times) {
@@ -27,37 +37,31 @@ bool isTerminal(std::FILE* stream) {
   return ::isatty(::fileno(stream)) == 1;
 }
 
+void setColour(ColourWhen when) {
+  colourWhen = when;
+}
+
 bool showsColour(std::FILE* stream) {
-  // Called before any other thread runs.
-  const char* noColor = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe)
-  return isTerminal(stream) && (!noColor || !*noColor);
+  if (colourWhen != ColourWhen::automatic) return colourWhen == ColourWhen::always;
+  return isTerminal(stream) && environment("NO_COLOR").empty() && environment("TERM") != "dumb";
+}
+
+bool isForPeople() {
+  return isTerminal(stdout) || colourWhen == ColourWhen::always;
 }
 
 int terminalWidth(std::FILE* stream) {
-  constexpr int kUsualWidth = 80;
-  winsize size{};
-  if (::ioctl(::fileno(stream), TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return kUsualWidth;
-  return size.ws_col;
+  constexpr std::size_t kUsualWidth = 80;
+  return static_cast<int>(widthOf(stream).value_or(kUsualWidth));
+}
+
+std::optional<std::size_t> wrapWidth() {
+  if (isTerminal(stdout)) return static_cast<std::size_t>(terminalWidth(stdout));
+  return colourWhen == ColourWhen::always ? widthOf(stderr) : std::nullopt;
 }
 
 std::string counted(std::int64_t count, std::string_view noun) {
   return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
-}
-
-std::size_t columnsOf(std::string_view text) {
-  return text.size() - static_cast<std::size_t>(std::ranges::count_if(text, continuesCodePoint));
-}
-
-std::string fitted(std::string_view text, std::size_t columns) {
-  const auto taken = columnsOf(text);
-  if (taken <= columns) return std::string(text) + std::string(columns - taken, ' ');
-  std::size_t end = 0;
-  for (std::size_t column = 0; column + 1 < columns; ++column) {
-    do {
-      ++end;
-    } while (end < text.size() && continuesCodePoint(text[end]));
-  }
-  return std::string(text.substr(0, end)) + "…";
 }
 
 int barColumns(std::size_t taken) {

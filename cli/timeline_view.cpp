@@ -98,7 +98,7 @@ Heights heightsOf(const Timeline::Bar& bar, std::int64_t most, int full) {
 
 std::string_view colourAt(const Heights& heights, int eighth) {
   if (eighth < heights.errors) return colour::kRed;
-  return eighth < heights.warnings ? colour::kYellow : std::string_view();
+  return eighth < heights.warnings ? colour::kPurple : std::string_view();
 }
 
 std::string rowText(const std::vector<Heights>& heights, int row, bool usesColour) {
@@ -238,9 +238,26 @@ void printTimelineJson(const Timeline& timeline) {
   }
 }
 
-std::int64_t recordsIn(const Timeline& timeline) {
+std::int64_t printTimelineOf(TimeSpan span, TimeSpan times, const QueryOptions& options,
+                             const std::function<Timeline(TimeSpan, std::size_t)>& timeline) {
+  constexpr int kRows = 8;
+  constexpr std::size_t kUsualBars = 100;
+  span.from = std::max(span.from, times.from);
+  span.until = std::min(span.until, times.until);
+  if (span.from >= span.until) return 0;
+  const bool draws = isForPeople() && !options.isJson;
+  const auto bars = options.bars ? static_cast<std::size_t>(*options.bars)
+                                 : (draws ? timelineColumns() : kUsualBars);
+  const auto grid = roundGrid(span, bars, draws ? localOffset(span.from) : 0);
+  const auto found = timeline(grid.span, grid.bars);
+  if (draws) {
+    fmt::print("times: {}\n", host::localZone());
+    printTimelineChart(found, kRows);
+  } else {
+    printTimelineJson(found);
+  }
   std::int64_t records = 0;
-  for (const auto& bar : timeline.bars) records += total(bar);
+  for (const auto& bar : found.bars) records += total(bar);
   return records;
 }
 

@@ -5,7 +5,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
+#include "commands.h"
 #include "runeflow/store/event_store.h"
 
 namespace cli {
@@ -28,14 +30,17 @@ std::int64_t localOffset(std::int64_t microseconds);
 std::size_t timelineColumns();
 
 // Prints a bar chart of `rows` rows above a time axis in local time, with a column for each bar.
-// With colour, a bar is red as far as its errors reach, then yellow for its warnings. A bar with
+// With colour, a bar is red as far as its errors reach, then purple for its warnings. A bar with
 // one record has at least an eighth of a row.
 void printTimelineChart(const runeflow::Timeline& timeline, int rows);
 
 // Prints one JSON object a line for each bar: its times, its records, and its records by level.
 void printTimelineJson(const runeflow::Timeline& timeline);
 
-// Returns the number of records in all bars.
-std::int64_t recordsIn(const runeflow::Timeline& timeline);
+// Asks `timeline` for the bars of the part of `span` that lies in `times`, and prints them as the
+// options and standard output ask for. Returns the number of records in all bars.
+std::int64_t printTimelineOf(
+    runeflow::TimeSpan span, runeflow::TimeSpan times, const QueryOptions& options,
+    const std::function<runeflow::Timeline(runeflow::TimeSpan, std::size_t)>& timeline);
 
 }  // namespace cli

@@ -60,20 +60,26 @@ std::vector<ValueCount> levelValues(EventStore& store, const LogQuery& matching,
 
 }  // namespace
 
-void printValues(const std::vector<ValueCount>& values, bool isJson) {
+void printValues(const std::vector<ValueCount>& values, std::string_view field, bool isJson) {
+  const bool isTable = !isJson && isForPeople();
   std::size_t width = 0;
   for (const auto& value : values)
     width = std::max(width, columnsOf(host::terminalField(value.value)));
   width = std::min(width, kWidestValue);
+  if (isTable && !field.empty()) fmt::print("{}\n", host::terminalField(field));
   for (const auto& [value, count] : values) {
     if (isJson) {
-      const nlohmann::ordered_json object = {{"value", value}, {"count", count}};
+      nlohmann::ordered_json object;
+      if (!field.empty()) object["field"] = field;
+      object["value"] = value;
+      object["count"] = count;
       fmt::print("{}\n", jsonLine(object, isTerminal(stdout)));
-    } else if (isTerminal(stdout)) {
+    } else if (isTable) {
       constexpr std::size_t kCountColumns = 13;  // the count and the blanks around it
       fmt::print("{}  {:>9}  {}\n", fitted(host::terminalField(value), width), count,
                  bar(count, values.front().count, barColumns(width + kCountColumns)));
     } else {
+      if (!field.empty()) fmt::print("{}\t", host::terminalField(field));
       fmt::print("{}\t{}\n", host::terminalField(value), count);
     }
   }
@@ -82,15 +88,22 @@ void printValues(const std::vector<ValueCount>& values, bool isJson) {
 int values(const ValuesOptions& options) {
   if (isFleet(options.database)) return valuesOfFleet(options);
   auto store = host::openDatabase(options.database, options.source);
-  const auto& field = host::fieldNamed(store.descriptor(), options.field);
+  std::vector<const runeflow::FieldDescriptor*> fields;
+  for (const auto& name : options.fields) {
+    fields.push_back(&host::fieldNamed(store.descriptor(), name));
+  }
   const auto matching = runeflow::QueryParser::parse(options.matching, store.descriptor(), false);
   host::failIfRefused(store, matching, options.database);
-  const bool isLevel = field.column() == runeflow::StoreColumn::level();
-  const auto counted = isLevel ? levelValues(store, matching, options)
-                               : slotValues(store, field.column(), matching, options);
-  host::failIfIncomplete(store, options.database);
-  printValues(counted, options.isJson);
-  if (!counted.empty()) return 0;
+  bool found = false;
+  for (const auto* field : fields) {
+    const bool isLevel = field->column() == runeflow::StoreColumn::level();
+    const auto counted = isLevel ? levelValues(store, matching, options)
+                                 : slotValues(store, field->column(), matching, options);
+    host::failIfIncomplete(store, options.database);
+    printValues(counted, fields.size() > 1 ? field->name() : std::string(), options.isJson);
+    found = found || !counted.empty();
+  }
+  if (found) return 0;
   hintAt(store, options.matching, matching);
   return 1;
 }

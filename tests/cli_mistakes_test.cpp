@@ -194,7 +194,7 @@ TEST_F(Mistakes, aFileThatCannotBeCapturedIsNamedWithWhatToDo) {
 
 TEST_F(Mistakes, packedAndForeignTextIsReadAsItsLog) {
   std::string log;
-  for (int i = 0; i < 20'000; ++i) {
+  for (int i = 0; i < 3'000; ++i) {
     log += fmt::format("01-02 03:04:05.678  1  {} I Net: Gr\u00f6\u00dfe \U0001F600 {}\n", i, i);
   }
   write("a.log", log);
@@ -202,7 +202,7 @@ TEST_F(Mistakes, packedAndForeignTextIsReadAsItsLog) {
   const auto expected = run("query a.db | cut -f2-").output;
   const Row table[] = {
       {"gzip -c a.log", "gz"},
-      {"true; (head -c 500000 a.log | gzip -c; tail -c +500001 a.log | gzip -1c; head -c 512 "
+      {"true; (head -c 50000 a.log | gzip -c; tail -c +50001 a.log | gzip -1c; head -c 512 "
        "/dev/zero)",
        "gz"},
       {"true; (printf \"\\357\\273\\277\"; cat a.log)", "mark"},
@@ -233,7 +233,7 @@ TEST_F(Mistakes, packedAndForeignTextIsReadAsItsLog) {
 
 TEST_F(Mistakes, aFileIsCapturedTwiceOnlyIfThatIsMeant) {
   std::string log;
-  for (int i = 0; i < 30'000; ++i) {
+  for (int i = 0; i < 20'000; ++i) {
     log += fmt::format("01-02 03:04:05.{:03}  1  2 I Net: line {} of many that fill a file\n",
                        i % 500, i);
   }
@@ -254,10 +254,10 @@ TEST_F(Mistakes, aFileIsCapturedTwiceOnlyIfThatIsMeant) {
   EXPECT_FALSE(captured("c.log"));
   EXPECT_FALSE(captured("a.gz"));
   EXPECT_TRUE(captured("b.log"));
-  EXPECT_EQ(run("query a.db --count").output, "60003\n");
+  EXPECT_EQ(run("query a.db --count").output, "40003\n");
   EXPECT_TRUE(captured("c.log --again"));
   EXPECT_FALSE(captured("a.log c.log"));
-  EXPECT_EQ(run("query a.db --count").output, "60005\n");
+  EXPECT_EQ(run("query a.db --count").output, "40005\n");
 }
 
 }  // namespace

@@ -152,7 +152,7 @@ TEST_F(QueryCommand, printsContextAsGrepDoes) {
   EXPECT_THAT(csv,
               AllOf(HasSubstr("\n3,false,2026"), HasSubstr("\n4,true,2026"), Not(HasSubstr("--"))));
   EXPECT_THAT(shownWithoutColour("query a.db full -A 1"),
-              AllOf(StartsWith("> 2026-03-17 14:05:02.000 W Net 1  disk full\r\n"
+              AllOf(StartsWith("times: UTC\r\n> 2026-03-17 14:05:02.000 W Net 1  disk full\r\n"
                                "  2026-03-17 14:05:03.000 E App 1  java.lang")));
 }
 
@@ -186,7 +186,7 @@ TEST_F(QueryCommand, followsWithContextAndConditions) {
 TEST_F(QueryCommand, marksWhatTheIndexFinds) {
   if (!hasTerminals()) GTEST_SKIP() << "there is no pseudo-terminal";
   const auto mark = [](std::string_view text) {
-    return fmt::format("\x1b[1;30;43m{}\x1b[0m", text);
+    return fmt::format("\x1b[1;38;5;16;48;5;222m{}\x1b[0m", text);
   };
   const std::tuple<const char*, std::string, const char*> table[] = {
       {"GROSSE OR gro\u00df", mark("Gr\u00f6\u00dfe") + " 100%", "accent"},
@@ -283,8 +283,8 @@ TEST_F(QueryCommand, timelineDividesTimeIntoRoundBars) {
       "\n");
   EXPECT_EQ(run("query a.db --timeline --since now").exitCode, 1);
   const auto chart = shown("query a.db --timeline --since end-9s");
-  EXPECT_THAT(chart, AllOf(HasSubstr("        1 ┤"), HasSubstr("\x1b[31m█\x1b[0m"),
-                           HasSubstr("\x1b[33m█\x1b[0m"), HasSubstr("14:05:05"),
+  EXPECT_THAT(chart, AllOf(HasSubstr("        1 ┤"), HasSubstr("\x1b[38;5;131m█\x1b[0m"),
+                           HasSubstr("\x1b[38;5;98m█\x1b[0m"), HasSubstr("14:05:05"),
                            HasSubstr("\r\n         2026-03-17 14:05:01.000 to 2026-03-17 "
                                      "14:05:10.200, 200 ms a column\r\n")));
 }
@@ -292,7 +292,7 @@ TEST_F(QueryCommand, timelineDividesTimeIntoRoundBars) {
 TEST_F(QueryCommand, infoTellsTheTimesOfAllRecords) {
   if (!hasTerminals()) GTEST_SKIP() << "there is no pseudo-terminal";
   EXPECT_THAT(run("info a.db").output,
-              HasSubstr("  time        2026-03-17 13:05:06.000 to 2026-03-17 14:05:10.000\n"));
+              HasSubstr("  time        2026-03-17 13:05:06.000 to 2026-03-17 14:05:10.000 UTC\n"));
   EXPECT_THAT(
       run("info a.db --json").output,
       HasSubstr(R"("firstTime":"2026-03-17T13:05:06.000000Z","lastTime":)"

@@ -94,13 +94,13 @@ TEST_F(Command, showsPeopleAlignedRecordsWithTheirWordsMarked) {
   if (!hasTerminals()) GTEST_SKIP() << "there is no pseudo-terminal";
   captureThree();
   const auto withoutYear = [](std::string text) { return text.substr(text.find("01-02")); };
-  const std::string marked = "\x1b[1;30;43mdisk\x1b[0m";
+  const std::string marked = "\x1b[1;38;5;16;48;5;222mdisk\x1b[0m";
   EXPECT_EQ(withoutYear(shown("query a.db DISK --last 1")),
-            "01-02 03:04:07.000\x1b[0m \x1b[31mE\x1b[0m Wifi 11  " + marked + " gone\r\n");
+            "01-02 03:04:07.000\x1b[0m \x1b[38;5;231;48;5;160mE\x1b[0m Wifi 11  " + marked + " gone\r\n");
   EXPECT_THAT(shown("query a.db disk --first 1"), HasSubstr(" Net 10  " + marked + " full, \""));
   EXPECT_THAT(shown("query a.db is OR disk --last 1"), HasSubstr(marked + " gone"));
   EXPECT_THAT(shown("query a.db \"dis gon\" --last 1"),
-              HasSubstr("\x1b[1;30;43mdisk\x1b[0m \x1b[1;30;43mgone\x1b[0m"));
+              HasSubstr("\x1b[1;38;5;16;48;5;222mdisk\x1b[0m \x1b[1;38;5;16;48;5;222mgone\x1b[0m"));
   for (const auto* form : {"", "--csv", "--json"}) {
     EXPECT_THAT(shown(fmt::format("query a.db tag:Net --last 1 {}", form)),
                 AllOf(HasSubstr("[31m\\u009b"), testing::Not(HasSubstr("\x1b[31m"))));

@@ -1,0 +1,30 @@
+# SPDX-License-Identifier: MIT
+# Completion of runeflow for bash. The command itself says what may stand at the cursor.
+
+_runeflow() {
+  local line=${COMP_LINE:0:COMP_POINT} word kind candidate words=()
+  # bash has cut the words at colons and equals signs, which belong to conditions and options.
+  read -ra words <<<"$line"
+  [[ $line == *[[:space:]] ]] && words+=("")
+  word=${words[-1]}
+  COMPREPLY=()
+  {
+    read -r kind
+    while IFS=$'\t' read -r candidate _; do
+      [[ -n $candidate ]] && COMPREPLY+=("$candidate")
+    done
+  } < <("${words[0]}" complete -- "${words[@]:1}" 2>/dev/null)
+  if [[ $kind == files ]]; then
+    compopt -o filenames 2>/dev/null
+    while IFS= read -r candidate; do COMPREPLY+=("$candidate"); done < <(compgen -f -- "$word")
+    return
+  fi
+  # What bash keeps of the word before its last colon or equals sign must not be inserted again.
+  local kept=${word%"${COMP_WORDS[COMP_CWORD]}"} i
+  case ${COMP_WORDS[COMP_CWORD]} in
+    : | =) kept=$word ;;
+  esac
+  for i in "${!COMPREPLY[@]}"; do COMPREPLY[i]=${COMPREPLY[i]#"$kept"}; done
+  [[ ${#COMPREPLY[@]} == 1 && ${COMPREPLY[0]} == *[:=] ]] && compopt -o nospace 2>/dev/null
+}
+complete -F _runeflow runeflow
