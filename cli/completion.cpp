@@ -106,8 +106,8 @@ std::vector<Candidate> conditions(const std::vector<std::string>& arguments,
     candidates = levels();
   } else {
     const host::Deadline deadline(*store, kPatience);
-    const auto values = store->distinctValues(field->column(), std::nullopt,
-                                              std::string(word.substr(colon + 1)), kMostValues);
+    const auto values =
+        store->valuesInOrder(field->column(), std::string(word.substr(colon + 1)), kMostValues);
     for (const auto& value : values) {
       // A value with blanks would need quotes that the shell does not remove.
       if (value.find_first_of(" \t\n()\"'\\") == std::string::npos) candidates.push_back({value});

@@ -202,7 +202,7 @@ std::string otherValuesFor(EventStore& store, const FieldPredicate& typed) {
   const auto& fields = store.descriptor().fields();
   const auto field = std::ranges::find(fields, typed.column, &runeflow::FieldDescriptor::column);
   if (prefix.empty() || field == fields.end()) return {};
-  auto values = store.distinctValues(typed.column, std::nullopt, prefix, kMostValues);
+  auto values = store.valuesInOrder(typed.column, prefix, kMostValues);
   std::erase_if(values, [](const auto& value) { return value.size() > kLongestValue; });
   if (values.empty()) return {};
   for (auto& value : values) {

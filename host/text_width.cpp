@@ -77,7 +77,8 @@ class Wrapping {
     if (glyph.isColour) {
       colour_ = glyph.bytes == kColoursOff ? std::string_view() : glyph.bytes;
     } else if (column_ + glyph.columns > width_) {
-      breakLine();
+      if (glyph.bytes == " ") return breakLine(text_.size());  // the break stands for the blank
+      breakLine(isBreakable_ ? breakAt_ : text_.size());
     }
     text_ += glyph.bytes;
     column_ += glyph.columns;
@@ -92,11 +93,11 @@ class Wrapping {
   std::string take() && { return std::move(text_); }
 
  private:
-  // Moves what stands behind the last blank to a new line, or begins one.
-  void breakLine() {
-    const auto at = isBreakable_ ? breakAt_ : text_.size();
-    const auto colour = isBreakable_ ? breakColour_ : colour_;
-    const auto moved = isBreakable_ ? column_ - breakColumn_ : 0;
+  // Moves what stands behind `at`, the end of the text or a blank, to a new line.
+  void breakLine(std::size_t at) {
+    const bool isAtBlank = at < text_.size();
+    const auto colour = isAtBlank ? breakColour_ : colour_;
+    const auto moved = isAtBlank ? column_ - breakColumn_ : 0;
     std::string end(colour.empty() ? std::string_view() : kColoursOff);
     end += '\n';
     end.append(indent_, ' ');

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -351,6 +352,42 @@ TEST_F(Display, completesCommandsOptionsFieldsAndValues) {
         runLine(fmt::format("{} complete -- {} | cut -f1 | tr '\\n' ' '", RUNEFLOW_COMMAND, line))
             .output;
     EXPECT_EQ(found, std::string(expected) + ' ');
+  }
+}
+
+TEST_F(Display, theShellsInsertWhatTheCommandCompletes) {
+  // bash cuts the words at colons and equals signs, and takes an open quote as part of the word.
+  const std::tuple<const char*, const char*, const char*> bash[] = {
+      {"qu", "qu", "query"},
+      {"query a.db tag:N", "query a.db tag : N", "Net"},
+      {"query a.db tag:", "query a.db tag :", "Net Wifi"},
+      {"query a.db --color=a", "query a.db --color = a", "auto always"},
+      {"query a.db \\'disk tag:N", "query a.db \\'disk\\ tag:N", "disk tag:Net"},
+      {"query a.d", "query a.d", "a.db"},
+  };
+  for (const auto& [line, words, expected] : bash) {
+    SCOPED_TRACE(line);
+    const auto script = fmt::format(
+        ". {0}/runeflow.bash; compopt() {{ :; }}; COMP_LINE=\"{1} \"{2}; "
+        "COMP_POINT=${{#COMP_LINE}}; "
+        "COMP_WORDS=({1} {3}); COMP_CWORD=$((${{#COMP_WORDS[@]}} - 1)); _runeflow; "
+        "echo \"${{COMPREPLY[*]}}\"",
+        RUNEFLOW_COMPLETIONS, RUNEFLOW_COMMAND,
+        std::regex_replace(std::string(line), std::regex(" "), "\\ "), words);
+    write("script", script);
+    EXPECT_EQ(runLine("bash script").output, std::string(expected) + '\n');
+  }
+  if (runLine("command -v zsh").exitCode == 0) {
+    EXPECT_EQ(runLine(fmt::format("zsh -n {}/_runeflow", RUNEFLOW_COMPLETIONS)).exitCode, 0);
+  }
+  if (runLine("command -v fish").exitCode == 0) {
+    EXPECT_EQ(
+        runLine(fmt::format("HOME=$PWD PATH={}:$PATH fish --no-config -c 'source {}/runeflow.fish; "
+                            "complete -C \"runeflow query a.db tag:N\"'",
+                            std::filesystem::path(RUNEFLOW_COMMAND).parent_path().string(),
+                            RUNEFLOW_COMPLETIONS))
+            .output,
+        "tag:Net\n");
   }
 }
 

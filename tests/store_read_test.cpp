@@ -297,8 +297,14 @@ TEST_F(StoreRead, frequentValuesComeFirst) {
   EXPECT_THAT(
       store.distinctValues(slot0, parse("b OR untagged level:error"), std::nullopt, INT64_MAX),
       ElementsAre("b"));
+  EXPECT_THAT(store.valuesInOrder(slot0, "", -1),
+              ElementsAre("50%_x", "50%_y", "C", "a", "b", "é"));
+  EXPECT_THAT(store.valuesInOrder(slot0, "", 2), ElementsAre("50%_x", "50%_y"));
+  EXPECT_THAT(store.valuesInOrder(slot0, "c", 9), ElementsAre("C"));
+  EXPECT_THAT(store.valuesInOrder(slot0, "50%_y", 9), ElementsAre("50%_y"));
   for (const auto& other : {StoreColumn::level(), StoreColumn::timestamp(), StoreColumn::message(),
-                            StoreColumn::slot(8)}) {
+                            StoreColumn::slot(2), StoreColumn::slot(8)}) {
+    EXPECT_THAT(store.valuesInOrder(other, "", 9), IsEmpty());
     EXPECT_THAT(store.distinctValues(other, std::nullopt, std::nullopt, 9), IsEmpty());
     EXPECT_THAT(store.distinctValuesWithCounts(other, 9), IsEmpty());
   }

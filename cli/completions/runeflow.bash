@@ -2,11 +2,15 @@
 # Completion of runeflow for bash. The command itself says what may stand at the cursor.
 
 _runeflow() {
-  local line=${COMP_LINE:0:COMP_POINT} word kind candidate words=()
+  local line=${COMP_LINE:0:COMP_POINT} current=${COMP_WORDS[COMP_CWORD]} word kind candidate words=()
   # bash has cut the words at colons and equals signs, which belong to conditions and options.
   read -ra words <<<"$line"
   [[ $line == *[[:space:]] ]] && words+=("")
   word=${words[-1]}
+  if [[ $current == [\'\"]* ]]; then  # a query whose quote is still open
+    word=${word#[\'\"]}
+    words[-1]=$word
+  fi
   COMPREPLY=()
   {
     read -r kind
@@ -19,12 +23,17 @@ _runeflow() {
     while IFS= read -r candidate; do COMPREPLY+=("$candidate"); done < <(compgen -f -- "$word")
     return
   fi
-  # What bash keeps of the word before its last colon or equals sign must not be inserted again.
-  local kept=${word%"${COMP_WORDS[COMP_CWORD]}"} i
-  case ${COMP_WORDS[COMP_CWORD]} in
-    : | =) kept=$word ;;
+  local kept added="" i
+  case $current in
+    [\'\"]*) # bash replaces all that stands behind the quote
+      kept=""
+      added=${current:1}
+      added=${added%"$word"}
+      ;;
+    : | =) kept=$word ;; # bash keeps what stands before its last colon or equals sign
+    *) kept=${word%"$current"} ;;
   esac
-  for i in "${!COMPREPLY[@]}"; do COMPREPLY[i]=${COMPREPLY[i]#"$kept"}; done
+  for i in "${!COMPREPLY[@]}"; do COMPREPLY[i]=$added${COMPREPLY[i]#"$kept"}; done
   [[ ${#COMPREPLY[@]} == 1 && ${COMPREPLY[0]} == *[:=] ]] && compopt -o nospace 2>/dev/null
 }
 complete -F _runeflow runeflow

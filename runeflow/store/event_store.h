@@ -26,7 +26,8 @@
 /// - For a number alone, use `count()` or `countMatching(query)`.
 /// - For an overview over time, use `timeSpan()` and `timeline()`, and `firstSeqAtOrAfter()` to go
 ///   to an instant.
-/// - For completing the values of a field, use `distinctValues()` or `distinctValuesWithCounts()`.
+/// - For completing the values of a field, use `distinctValues()` or `distinctValuesWithCounts()`;
+///   `valuesInOrder()` gives no counts and reads less.
 /// - To end a slow read from another thread, use `setCancellation()`.
 /// - To find out whether a file is a store at all, use `inspect(path)`.
 /// - To find out whether the answers are complete, call `takeError()` after the reads.
@@ -347,6 +348,13 @@ class RUNEFLOW_EXPORT EventStore {
                                                    const std::optional<LogQuery>& matching,
                                                    const std::optional<std::string>& prefix,
                                                    std::int64_t limit);
+
+  /// Returns the first `limit` distinct non-empty values of `column`, a slot, that begin with
+  /// `prefix`, in byte order; ASCII case is ignored. A negative limit means no limit. The cost
+  /// follows the number of distinct values, not of records, if an index has the column, as those of
+  /// the descriptor's indexed fields do.
+  std::vector<std::string> valuesInOrder(const StoreColumn& column, const std::string& prefix,
+                                         std::int64_t limit);
 
   /// Returns the size in bytes of all pages in use, by tables and by indexes. The file may be
   /// larger.

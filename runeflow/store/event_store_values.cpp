@@ -116,4 +116,33 @@ std::vector<ValueCount> EventStore::distinctValuesWithCounts(
   });
 }
 
+std::vector<std::string> EventStore::valuesInOrder(const StoreColumn& column,
+                                                   const std::string& prefix, std::int64_t limit) {
+  if (!std::holds_alternative<StoreColumn::Slot>(column.value())) return {};
+  const auto name = column.sql();
+  // Without an index, a step would read the whole table.
+  const auto indexed = descriptor_.indexedColumns();
+  const bool steps = std::ranges::find(indexed, column) != indexed.end();
+  const auto values =
+      steps ? fmt::format(
+                  "WITH RECURSIVE v(x) AS (SELECT min({0}) FROM events WHERE {0} > '' "
+                  "UNION ALL SELECT (SELECT min({0}) FROM events WHERE {0} > v.x) "
+                  "FROM v WHERE v.x IS NOT NULL) SELECT x FROM v WHERE x IS NOT NULL",
+                  name)
+            : fmt::format("SELECT DISTINCT {0} AS x FROM events WHERE {0} <> ''", name);
+  return reading(database_.get(), [&](OpenDatabase& db) {
+    std::vector<std::string> found;
+    Statement statement = db.prepare(
+        fmt::format("{} AND x LIKE ? ESCAPE '\\'{} LIMIT ?", values, steps ? "" : " ORDER BY x"));
+    if (statement) {
+      statement.bind(1, LogQuery::escapeLike(prefix) + "%");
+      statement.bind(2, limit);
+    }
+    db.forEachRow(statement, [&] {
+      if (auto value = statement.optionalText(0)) found.push_back(std::move(*value));
+    });
+    return found;
+  });
+}
+
 }  // namespace runeflow
