@@ -95,8 +95,9 @@ TEST_F(Command, showsPeopleAlignedRecordsWithTheirWordsMarked) {
   captureThree();
   const auto withoutYear = [](std::string text) { return text.substr(text.find("01-02")); };
   const std::string marked = "\x1b[1;38;5;16;48;5;222mdisk\x1b[0m";
-  EXPECT_EQ(withoutYear(shown("query a.db DISK --last 1")),
-            "01-02 03:04:07.000\x1b[0m \x1b[38;5;231;48;5;160mE\x1b[0m Wifi 11  " + marked + " gone\r\n");
+  EXPECT_EQ(
+      withoutYear(shown("query a.db DISK --last 1")),
+      "01-02 03:04:07.000\x1b[0m \x1b[38;5;231;48;5;160mE\x1b[0m Wifi 11  " + marked + " gone\r\n");
   EXPECT_THAT(shown("query a.db disk --first 1"), HasSubstr(" Net 10  " + marked + " full, \""));
   EXPECT_THAT(shown("query a.db is OR disk --last 1"), HasSubstr(marked + " gone"));
   EXPECT_THAT(shown("query a.db \"dis gon\" --last 1"),
