@@ -566,7 +566,7 @@ std::vector<std::string> defaultWords(CLI::App& app, const CLI::App& command, co
     });
     if (isSetAside || lacksOther) continue;
     chosen.push_back(option);
-    added.push_back(hasValue ? name + '=' + value : name);
+    added.push_back(hasValue ? fmt::format("{}={}", name, value) : name);
   }
   return added;
 }

@@ -50,6 +50,7 @@ int valuesOfFleet(const ValuesOptions& options) {
   fleet::Engine engine(fleet::parseAddress(options.database), fleet::readLogin());
   fleet::Reader reader(engine);
   std::vector<std::string> columns;
+  columns.reserve(options.fields.size());
   for (const auto& field : options.fields) columns.push_back(columnNamed(field));
   const auto condition = reader.condition({.text = options.matching});
   bool found = false;

@@ -104,12 +104,15 @@ std::int64_t printFrom(MergedRecords records, RecordPrinter& printer, std::int64
   std::vector<MergedRecord> page;
   while (printed < limit) {
     auto record = records.next();
-    if (record) page.push_back(*std::move(record));
-    if (record) ++printed;
-    if (record && page.size() < kPage && printed < limit) continue;
+    const bool isAtEnd = !record;
+    if (record) {
+      page.push_back(*std::move(record));
+      ++printed;
+    }
+    if (!isAtEnd && page.size() < kPage && printed < limit) continue;
     printAll(printer, page);
     page.clear();
-    if (!record) break;
+    if (isAtEnd) break;
   }
   return printed;
 }

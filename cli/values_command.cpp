@@ -89,6 +89,7 @@ int values(const ValuesOptions& options) {
   if (isFleet(options.database)) return valuesOfFleet(options);
   auto store = host::openDatabase(options.database, options.source);
   std::vector<const runeflow::FieldDescriptor*> fields;
+  fields.reserve(options.fields.size());
   for (const auto& name : options.fields) {
     fields.push_back(&host::fieldNamed(store.descriptor(), name));
   }

@@ -223,6 +223,7 @@ class Soak {
       if (!value.empty() && isWanted) ++counts[value];
     }
     std::vector<ValueCount> expected;
+    expected.reserve(counts.size());
     for (const auto& [value, count] : counts) expected.push_back({value, count});
     std::ranges::sort(expected, {},
                       [](const auto& value) { return std::pair(-value.count, value.value); });
