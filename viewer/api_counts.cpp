@@ -87,7 +87,7 @@ HttpAnswer query(const Call& call) {
     object["error"] = refusal.sentence;
   }
   if (call.isOn("plan")) object["plan"] = plan;
-  return call.answer(std::move(object));
+  return call.answer(object);
 }
 
 HttpAnswer blocks(const Call& call) {
@@ -144,7 +144,7 @@ HttpAnswer timeline(const Call& call, TimelineCache& cache) {
     object["matches"] = matches;
     object["matched"] = sumOf(matches);
   }
-  return call.answer(std::move(object));
+  return call.answer(object);
 }
 
 // The facets of the latest questions, for as long as the records stay the same.
@@ -197,7 +197,7 @@ HttpAnswer facets(const Call& call, FacetCache& cache) {
   auto& store = call.store();
   const auto name = fmt::format("{} {} {} {} {}", limit, call.isOn("case"), call.text("from"),
                                 call.text("until"), call.text("q"));
-  if (auto known = cache.find(call.state(), name)) return call.answer(std::move(*known));
+  if (const auto known = cache.find(call.state(), name)) return call.answer(*known);
   std::array<std::int64_t, 6> levels{};
   auto fields = Json::array();
   for (const auto& [value, count] :
@@ -215,7 +215,7 @@ HttpAnswer facets(const Call& call, FacetCache& cache) {
   call.requireComplete();
   Json answer = {{"levels", levels}, {"fields", std::move(fields)}};
   cache.keep(call.state(), name, answer);
-  return call.answer(std::move(answer));
+  return call.answer(answer);
 }
 
 HttpAnswer complete(const Call& call) {

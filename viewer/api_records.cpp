@@ -96,7 +96,7 @@ HttpAnswer record(const Call& call) {
   const bool isWhole = record.messageCharacters <= kDetailedCharacters;
   object["line"] =
       isWhole ? Json(host::plainLine({record.seq, record.row}, store.descriptor())) : Json(nullptr);
-  return call.answer(std::move(object));
+  return call.answer(object);
 }
 
 HttpAnswer recordText(const Call& call) {
