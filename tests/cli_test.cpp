@@ -202,9 +202,18 @@ TEST_F(Command, anInterruptedCaptureKeepsEverythingDecoded) {
   }
   const std::string_view line = "01-02 03:04:05.678  10  20 W Net: the last words\n";
   ASSERT_EQ(::write(ends[1], line.data(), line.size()), static_cast<ssize_t>(line.size()));
-  // Its reading the line means that it waits for signals already.
   for (int left = 1; left > 0; ::usleep(1'000)) ASSERT_EQ(::ioctl(ends[1], FIONREAD, &left), 0);
-  ::usleep(100'000);
+  const auto waitsForSignals = [child] {
+    std::ifstream status(fmt::format("/proc/{}/status", child));
+    for (std::string row; std::getline(status, row);) {
+      constexpr std::string_view kBlocked = "SigBlk:";
+      if (row.starts_with(kBlocked))
+        return std::stoull(row.substr(kBlocked.size()), nullptr, 16) & 2;
+    }
+    return 0ULL;
+  };
+  for (int left = 1'000; left > 0 && waitsForSignals() == 0; --left) ::usleep(10'000);
+  ::usleep(100'000);  // until the reader has the line
   ::kill(child, SIGINT);
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);

@@ -28,7 +28,7 @@ def check_follow(stage):
             page.until("new records are shown", "return Number(document.querySelector('#count').dataset.count) > arguments[0]", first)
             wait_until("the newest record is in view", lambda: page.seqs()[-1:] == [page.count()])
             stage.check("follow: the newest record is in view", True)
-            page.until("the timeline grows", "return document.querySelector('#timeline').getAttribute('aria-label').includes(`${arguments[0]} records in all`)", f"{page.count():,}")
+            page.until("the timeline grows", "return document.querySelector('#timeline').getAttribute('aria-label').includes(`${Number(document.querySelector('#count').dataset.count).toLocaleString('en-US')} records in all`)")
             stage.check("follow: the timeline grows", True)
             page.focus_list()
             page.press(Keys.HOME)
