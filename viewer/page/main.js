@@ -31,6 +31,7 @@ listenForKeys(list, selection, grid);
 const questionParts = ["q", "matchCase", "filters", "span"];
 let isRestarting = false;
 const CHANGED = "The database was cleared or replaced. This is what it holds now.";
+const NEAR = 40; // rows: less than a page of a high window
 let newest; // generation that startOver() was last called for
 
 // Loads the description of the database and starts over. False if the server did not answer.
@@ -91,6 +92,16 @@ async function searchFrom(place) {
   await done;
 }
 
+// The panel of an opened record may have come before the rows, and taken the place where its row would be.
+async function seeOpened() {
+  const { open, at } = session.view;
+  const { places } = list;
+  if (open === null || at === null) return;
+  await places.resolveSeq?.(open);
+  await places.resolveSeq?.(at);
+  if (Math.abs(places.placeOf(open) - places.placeOf(at)) < NEAR) await list.goTo(open);
+}
+
 session.events.addEventListener("restart", async () => {
   showInfo();
   queryBox.show();
@@ -100,6 +111,7 @@ session.events.addEventListener("restart", async () => {
   if (view.open !== null) selection.select(view.open);
   detail.show();
   await searchFrom(view.at === null ? null : { seq: view.at, offset: 0 });
+  await seeOpened();
   setReady();
 });
 
