@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 
-// The command line of `runeflow`: its subcommands with their options and help texts.
+// Reads the command line of `runeflow`, with the user's defaults, and runs what it names.
 #pragma once
 
 namespace cli {
