@@ -159,7 +159,7 @@ def check_newest(checks, fleet):
                     raise OSError(output)
                 times.append(seconds)
             print(f"    {query}: {min(times):.2f} to {max(times):.2f} s, {output.count(chr(10))} lines")
-            slowest = max(slowest, min(times))
+            slowest = max(slowest, sorted(times)[len(times) // 2])
         checks.check(name, slowest < MOST_SECONDS and all(shards), f"{slowest:.2f} s, {shards}")
 
 
