@@ -93,7 +93,8 @@ std::vector<Candidate> fields(const std::vector<std::string>& arguments, std::st
   return candidates;
 }
 
-// Returns the conditions field:value that begin with the word.
+// Returns the conditions field:value that begin with the word. A value that the query language
+// would cut is in double quotes: the shells' scripts quote them for their shell.
 std::vector<Candidate> conditions(const std::vector<std::string>& arguments,
                                   std::string_view word) {
   const auto colon = word.find(':');
@@ -105,12 +106,15 @@ std::vector<Candidate> conditions(const std::vector<std::string>& arguments,
   if (field->column() == runeflow::StoreColumn::level()) {
     candidates = levels();
   } else {
+    auto typed = word.substr(colon + 1);
+    const bool isQuoted = typed.starts_with('"');
+    if (isQuoted) typed.remove_prefix(1);
     const host::Deadline deadline(*store, kPatience);
-    const auto values =
-        store->valuesInOrder(field->column(), std::string(word.substr(colon + 1)), kMostValues);
-    for (const auto& value : values) {
-      // A value with blanks would need quotes that the shell does not remove.
-      if (value.find_first_of(" \t\n()\"'\\") == std::string::npos) candidates.push_back({value});
+    for (const auto& value :
+         store->valuesInOrder(field->column(), std::string(typed), kMostValues)) {
+      if (value.find_first_of("\n\"\\") != std::string::npos) continue;
+      const bool needsQuotes = value.find_first_of(" \t()'") != std::string::npos;
+      candidates.push_back({isQuoted || needsQuotes ? fmt::format("\"{}\"", value) : value});
     }
   }
   for (auto& candidate : candidates) candidate.text = fmt::format("{}:{}", name, candidate.text);

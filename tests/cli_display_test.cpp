@@ -42,6 +42,12 @@ class Display : public test::CommandFixture {
     ASSERT_EQ(run("capture a.log --db a.db").exitCode, 0);
     ASSERT_EQ(run("capture b.log --db b.db").exitCode, 0);
   }
+  void captureTagWithBlank() const {
+    write("c.log",
+          "01-02 03:04:05.000  10  20 I Wi Fi: one\n"
+          "01-02 03:04:06.000  10  20 I Net: two\n");
+    ASSERT_EQ(run("capture c.log --db c.db").exitCode, 0);
+  }
   // On a terminal of that width.
   std::string shownAt(int columns, const std::string& arguments) const {
     return runLine(fmt::format("NO_COLOR=1 script -qec 'stty cols {}; {} {}' /dev/null </dev/null",
@@ -327,6 +333,7 @@ TEST_F(Display, manualPagesTellWhatTheHelpTells) {
 }
 
 TEST_F(Display, completesCommandsOptionsFieldsAndValues) {
+  captureTagWithBlank();
   const std::pair<const char*, const char*> table[] = {
       {"qu", "words query"},
       {"query --ti", "words --timeline"},
@@ -338,6 +345,9 @@ TEST_F(Display, completesCommandsOptionsFieldsAndValues) {
       {"query a.db t", "words tag: tid:"},
       {"query a.db tag:", "words tag:Net tag:Wifi"},
       {"query a.db disk tag:W", "words tag:Wifi"},
+      {"query c.db tag:", R"(words tag:Net tag:"Wi Fi")"},
+      {"query c.db 'tag:\"W'", R"(words tag:"Wi Fi")"},
+      {"query c.db tag:W", "words"},
       {"query a.db level:f", "words level:fatal"},
       {"query --last 1 a.db tag:N", "words tag:Net"},
       {"query missing.db tag:N", "words"},
@@ -356,6 +366,7 @@ TEST_F(Display, completesCommandsOptionsFieldsAndValues) {
 }
 
 TEST_F(Display, theShellsInsertWhatTheCommandCompletes) {
+  captureTagWithBlank();
   // bash cuts the words at colons and equals signs, and takes an open quote as part of the word.
   const std::tuple<const char*, const char*, const char*> bash[] = {
       {"qu", "qu", "query"},
@@ -364,6 +375,10 @@ TEST_F(Display, theShellsInsertWhatTheCommandCompletes) {
       {"query a.db --color=a", "query a.db --color = a", "auto always"},
       {"query a.db \\'disk tag:N", "query a.db \\'disk\\ tag:N", "disk tag:Net"},
       {"query a.d", "query a.d", "a.db"},
+      {"query c.db tag:", "query c.db tag :", R"(Net \"Wi\ Fi\")"},
+      {R"(query c.db \'tag:\"W)", R"(query c.db \'tag:\"W)", R"(tag:"Wi Fi")"},
+      {R"(query c.db \"tag:)", R"(query c.db \"tag:)", R"(tag:Net tag:\"Wi Fi\")"},
+      {R"(query c.db tag:\"W)", R"(query c.db tag : \"W)", ""},
   };
   for (const auto& [line, words, expected] : bash) {
     SCOPED_TRACE(line);

@@ -10,6 +10,8 @@ _runeflow() {
   if [[ $current == [\'\"]* ]]; then  # a query whose quote is still open
     word=${word#[\'\"]}
     words[-1]=$word
+    # Inside a word, bash would take a quote of the query language for its own.
+    [[ $word != *\"* || $current == \'* ]] || return
   fi
   COMPREPLY=()
   {
@@ -33,7 +35,16 @@ _runeflow() {
     : | =) kept=$word ;; # bash keeps what stands before its last colon or equals sign
     *) kept=${word%"$current"} ;;
   esac
-  for i in "${!COMPREPLY[@]}"; do COMPREPLY[i]=$added${COMPREPLY[i]#"$kept"}; done
+  for i in "${!COMPREPLY[@]}"; do
+    candidate=${COMPREPLY[i]#"$kept"}
+    # The quotes of the query language, and the blanks between them, must reach the command.
+    case $current in
+      \'*) ;;
+      \"*) candidate=${candidate//\"/\\\"} ;;
+      *) [[ $candidate != *\"* ]] || printf -v candidate %q "$candidate" ;;
+    esac
+    COMPREPLY[i]=$added$candidate
+  done
   [[ ${#COMPREPLY[@]} == 1 && ${COMPREPLY[0]} == *[:=] ]] && compopt -o nospace 2>/dev/null
 }
 complete -F _runeflow runeflow
