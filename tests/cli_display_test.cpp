@@ -392,17 +392,41 @@ TEST_F(Display, theShellsInsertWhatTheCommandCompletes) {
     write("script", script);
     EXPECT_EQ(runLine("bash script").output, std::string(expected) + '\n');
   }
-  if (runLine("command -v zsh").exitCode == 0) {
-    EXPECT_EQ(runLine(fmt::format("zsh -n {}/_runeflow", RUNEFLOW_COMPLETIONS)).exitCode, 0);
+  const auto path =
+      std::filesystem::path(RUNEFLOW_COMMAND).parent_path().string() + ":/usr/bin:/bin";
+  const std::pair<const char*, const char*> fish[] = {
+      {"query c.db tag:N", "tag:Net\n"},
+      {R"(query c.db 'two tag:\"W)", "two tag:\"Wi Fi\"\n"},
+  };
+  for (const auto& [line, expected] : fish) {
+    SCOPED_TRACE(line);
+    write("script", fmt::format("source {}/runeflow.fish; complete -C \"runeflow {}\"",
+                                RUNEFLOW_COMPLETIONS, line));
+    EXPECT_EQ(runLine(fmt::format("HOME=$PWD PATH={} fish --no-config script", path)).output,
+              expected);
   }
-  if (runLine("command -v fish").exitCode == 0) {
-    EXPECT_EQ(
-        runLine(fmt::format("HOME=$PWD PATH={}:$PATH fish --no-config -c 'source {}/runeflow.fish; "
-                            "complete -C \"runeflow query a.db tag:N\"'",
-                            std::filesystem::path(RUNEFLOW_COMMAND).parent_path().string(),
-                            RUNEFLOW_COMPLETIONS))
-            .output,
-        "tag:Net\n");
+  // zsh completes only on a terminal. The keys after the tab close the quote, and print the words
+  // to a file.
+  const std::tuple<const char*, const char*, const char*> zsh[] = {
+      {"query c.db tag:N", "", "query c.db tag:Net"},
+      {"query c.db 'two tag:\"W", "'", "query c.db two tag:\"Wi Fi\""},
+      {"query c.db tag:\\\"W", "", "query c.db tag:\"Wi Fi\""},
+  };
+  for (const auto& [line, after, expected] : zsh) {
+    SCOPED_TRACE(line);
+    write("keys",
+          fmt::format("runeflow {}\t{}\001print -r >printed -- \nprint rea\"\"dy\n", line, after));
+    write("script",
+          fmt::format("zmodload zsh/zpty; zpty shell zsh -f -i\n"
+                      "zpty -w shell 'bindkey -e; fpath=({} $fpath); autoload -Uz compinit; "
+                      "compinit -u -D; print rea\"\"dy'\n"
+                      "zpty -r shell shown '*ready*'\n"
+                      "zpty -w -n shell \"$(<keys)\"$'\\n'\n"
+                      "zpty -r shell shown '*ready*'\n",
+                      RUNEFLOW_COMPLETIONS));
+    EXPECT_EQ(runLine(fmt::format("PATH={} TERM=xterm timeout 20 zsh -f script; cat printed", path))
+                  .output,
+              std::string("runeflow ") + expected + '\n');
   }
 }
 
