@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
+#include <numeric>
 #include <random>
 
 #include "runeflow/query/query_parser.h"
@@ -91,6 +94,79 @@ TEST_F(StoreTimeline, countsEachRecordInTheBarOfItsTime) {
   }
   EXPECT_THAT(store.timeline({}, {0, 9}, 0).bars, SizeIs(1));
   EXPECT_THAT(store.timeline({}, {0, 9}, SIZE_MAX).bars, SizeIs(100'000));
+}
+
+// timeSpan() of all records remembers the bounds of their times.
+TEST_F(StoreTimeline, countsTheSameWhenTheTimesAreKnown) {
+  auto store = open();
+  std::mt19937_64 random(11);
+  std::vector<std::int64_t> times;
+  std::int64_t clock = 1'000'000;
+  for (int i = 0; i < 6'000; ++i) {
+    clock += static_cast<std::int64_t>(random() % 50) - (i % 2'500 == 2'499 ? 30'000 : 0);
+    times.push_back(i % 700 == 0 ? 5 : clock);
+  }
+  this->store(times);
+  const TimeSpan whole{5, *std::ranges::max_element(times) + 1};
+  EXPECT_EQ(store.timeSpan(0, INT64_MAX), whole);
+  EXPECT_EQ(store.timeSpan(0, INT64_MAX), whole);
+  for (const TimeSpan span : {TimeSpan{1'000'000, clock + 1}, TimeSpan{0, 1'070'000},
+                              TimeSpan{1'060'000, 1'062'000}, TimeSpan{4, 6}}) {
+    for (const std::size_t bars : {1U, 9U, 100U}) {
+      for (const auto* text : {"", "level:error", "NOT level:error", "level:debug NOT level:fatal",
+                               "level:info b", "NOT (level:trace OR tag:x)"}) {
+        SCOPED_TRACE(fmt::format("{} to {}, {} bars, '{}'", span.from, span.until, bars, text));
+        const auto query = QueryParser::parse(text, SourceDescriptor::logcat(), false);
+        EXPECT_EQ(store.timeline(query, span, bars), expected(store, query, span, bars, times));
+      }
+    }
+  }
+}
+
+// A change keeps the number of records and the seqs, but not the times.
+TEST_F(StoreTimeline, forgetsTheTimesWhenRecordsChange) {
+  const auto timesFrom = [](std::int64_t start) {
+    std::vector<std::int64_t> times;
+    for (std::int64_t i = 0; i < 500; ++i) times.push_back(start + i);
+    return times;
+  };
+  const auto row = [](std::int64_t time) {
+    return LogRow(test::at(static_cast<double>(time) / 1e6), RuneflowLogLevel::Error, "x", {}, {});
+  };
+  auto own = open();
+  this->store(timesFrom(0));
+  auto other = *EventStore::openForReading(path_, SourceDescriptor::logcat());
+  const std::pair<const char*, std::function<void()>> changes[] = {
+      {"nothing", [] {}},
+      {"another connection clears and fills",
+       [&] {
+         sql(path_, "DELETE FROM events");
+         this->store(timesFrom(2'000));
+       }},
+      {"this connection clears and fills",
+       [&] {
+         own.clear();
+         std::vector<LogRow> rows;
+         for (const auto time : timesFrom(4'000)) rows.push_back(row(time));
+         own.insert(rows);
+       }},
+      {"this connection adds", [&] { own.insert(std::vector{row(9'000)}); }},
+  };
+  for (const auto& [name, change] : changes) {
+    SCOPED_TRACE(name);
+    change();
+    for (auto* store : {&own, &other}) {
+      const auto span = *store->timeSpan(0, INT64_MAX);
+      EXPECT_EQ(fmt::format("{}|{}", span.from, span.until - 1),
+                sql(path_, "SELECT min(ts), max(ts) FROM events").front());
+      std::int64_t found = 0;
+      for (const auto& bar : store->timeline({}, {0, 2'100}, 3).bars) {
+        found += std::accumulate(bar.begin(), bar.end(), std::int64_t{0});
+      }
+      EXPECT_EQ(fmt::format("{}", found),
+                sql(path_, "SELECT count(*) FROM events WHERE ts < 2100").front());
+    }
+  }
 }
 
 TEST_F(StoreTimeline, equalsTheGroupsOfSql) {

@@ -314,11 +314,18 @@ class RUNEFLOW_EXPORT EventStore {
   /// Counts the records that match `query` and whose time lies in `span`. Divides the span into
   /// `bars` bars of equal length and counts the records of each bar by level. `bars` is limited to
   /// the range 1 to 100,000.
+  ///
+  /// Reads the time of every record that matches. If timeSpan() of all records was called since the
+  /// database last changed, and all conditions of `query` are on the level, it reads only the times
+  /// near the boundaries of the bars, as long as these are few.
   Timeline timeline(const LogQuery& query, TimeSpan span, std::size_t bars);
 
   /// Returns the smallest span that holds the times of all records with a seq from `first` to
   /// `last`. The earliest time need not be that of the first record, because clocks jump. Returns
   /// nothing if there is no such record. No span holds the time INT64_MAX.
+  ///
+  /// Reads the times of these records. For all records, their bounds are kept until the database
+  /// changes, in up to 160 KB.
   std::optional<TimeSpan> timeSpan(std::int64_t first, std::int64_t last);
 
   /// Returns the seq of the first record whose time is at or after `microseconds` since 1970. If

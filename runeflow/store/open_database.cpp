@@ -97,6 +97,7 @@ bool OpenDatabase::openForReading() {
 // Each new connection needs this, also after opening the file anew.
 void OpenDatabase::setUpConnection() {
   wordFunction_ = nullptr;  // the old connection has destroyed it
+  timeBlocks = {};
   connection.waitForLocks(*lockWait);
   connection.interruptIf(
       [](const void* database) {

@@ -16,6 +16,7 @@
 
 #include "runeflow/store/event_store.h"
 #include "runeflow/store/sqlite_p.h"
+#include "runeflow/store/time_blocks_p.h"
 
 namespace runeflow {
 
@@ -100,6 +101,7 @@ class OpenDatabase {
   std::shared_ptr<const std::atomic<bool>> cancellation;
   bool hasLoggedClampedTimestamp = false;
   bool hasLoggedDamage = false;
+  TimeBlocks timeBlocks;  // as far as a read of all times has found them
 
  private:
   bool openForReading();
