@@ -325,7 +325,7 @@ class RUNEFLOW_EXPORT EventStore {
   /// nothing if there is no such record. No span holds the time INT64_MAX.
   ///
   /// Reads the times of these records. For all records, their bounds are kept until the database
-  /// changes, in up to 160 KB.
+  /// changes, in up to 3 MB.
   std::optional<TimeSpan> timeSpan(std::int64_t first, std::int64_t last);
 
   /// Returns the seq of the first record whose time is at or after `microseconds` since 1970. If

@@ -10,7 +10,8 @@
 namespace runeflow {
 namespace {
 
-constexpr std::uint64_t kMostBlocks = 4'096;  // 128 KB, and some 20 for each bar of a screen
+// 2 MB. Small blocks, so that few hold a record whose time is out of order.
+constexpr std::uint64_t kMostBlocks = 65'536;
 constexpr std::uint64_t kFewestSeqs = 16;
 
 }  // namespace
