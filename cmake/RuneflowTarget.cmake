@@ -15,13 +15,3 @@ function(runeflow_target target)
     target_link_options(${target} PRIVATE -fsanitize=${RUNEFLOW_SANITIZE})
   endif()
 endfunction()
-
-# Precompiles the standard headers that most files of the target include. For targets of many files: the others build
-# faster without it. The headers leave out what brings functions that argument-dependent lookup would find before ours,
-# as <iomanip> does with std::quoted.
-function(runeflow_precompile_headers target)
-  if(RUNEFLOW_PRECOMPILE_HEADERS)
-    target_precompile_headers(${target} PRIVATE <algorithm> <array> <chrono> <functional> <map> <memory> <mutex>
-      <optional> <string> <string_view> <thread> <vector> <fmt/format.h>)
-  endif()
-endfunction()
