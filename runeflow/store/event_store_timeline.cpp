@@ -151,8 +151,8 @@ bool countByBlocks(OpenDatabase& db, const LogQuery::Compiled& compiled, Timelin
       number.bind(1, level);
       number.bind(2, first);
       number.bind(3, last);
-      db.forEachRow(number, [&, bar = bar] {
-        (*bar)[static_cast<std::size_t>(levelOfStored(level))] += number.integer(0);
+      db.forEachRow(number, [&, counts = bar] {
+        (*counts)[static_cast<std::size_t>(levelOfStored(level))] += number.integer(0);
       });
     }
   }
