@@ -100,25 +100,28 @@ bool hasOnlyLevels(const QueryNode& node) {
 }
 
 // Returns the stored levels that satisfy a condition on the level alone. Absent if the store has
-// levels that no decoder creates.
+// levels that no decoder creates, and if the read fails.
 std::optional<std::vector<std::int64_t>> levelsThatMatch(OpenDatabase& db,
                                                          const LogQuery::Compiled& compiled) {
   constexpr int kMostLevels = 12;
   std::vector<std::int64_t> levels;
   Statement next = db.prepare(
       fmt::format("SELECT level, typeof(level) = 'integer', {} FROM events INDEXED BY i_level "
-                  "WHERE level > ? ORDER BY level LIMIT 1",
+                  "WHERE level >= ? ORDER BY level LIMIT 1",
                   compiled.clause));
   if (!next) return std::nullopt;
   const auto parameter = bindAll(next, 1, compiled.binds);
-  auto greatest = std::numeric_limits<std::int64_t>::min();
+  auto least = std::numeric_limits<std::int64_t>::min();
   for (int i = 0; i < kMostLevels; ++i) {
     next.reset();
-    next.bind(parameter, greatest);
-    if (!next.stepsToRow()) return levels;
-    if (next.integer(1) == 0) return std::nullopt;
-    greatest = next.integer(0);
-    if (next.integer(2) != 0) levels.push_back(greatest);
+    next.bind(parameter, least);
+    const auto step = next.step();
+    if (step == Statement::Step::done) return levels;
+    if (step == Statement::Step::error || next.integer(1) == 0) return std::nullopt;
+    const auto level = next.integer(0);
+    if (next.integer(2) != 0) levels.push_back(level);
+    if (level == std::numeric_limits<std::int64_t>::max()) return levels;
+    least = level + 1;
   }
   return std::nullopt;
 }
