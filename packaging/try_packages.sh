@@ -12,7 +12,7 @@ base=${RUNEFLOW_BARE_ROOT:-${TMPDIR:-/tmp}/runeflow-bare-root}
 if [ ! -e "$base/.ready" ]; then
   printf '\n== Making a bare system in %s\n' "$base"
   mirror=$(sed -n 's/^URIs: *//p; s/^deb \([^ ]*\) .*/\1/p' /etc/apt/sources.list.d/debian.sources /etc/apt/sources.list \
-    2>/dev/null | head -n 1)
+    2>/dev/null | head -n 1 || true)  # one of the two files is usually missing
   rm -rf "$base"
   debootstrap --variant=minbase bookworm "$base" "${mirror:-http://deb.debian.org/debian}" >"$base.log" ||
     { tail "$base.log" >&2; exit 1; }
@@ -46,7 +46,22 @@ runeflow capture sample.log --db sample.db
 runeflow query sample.db 'connect wifi NOT tag:chatty' --last 2
 [ "$(runeflow query sample.db 'connect wifi NOT tag:chatty' | wc -l)" = 50 ]
 
+apt-get $quiet install man-db bash-completion fish zsh >/dev/null
+for page in runeflow runeflow-query; do
+  [ "$(man --where "$page")" = "/usr/share/man/man1/$page.1.gz" ]
+  man "$page" | grep -c . | sed "s/^/man $page: lines: /"
+done
+bash -ic '. /usr/share/bash-completion/bash_completion
+  COMP_WORDS=(runeflow qu) COMP_CWORD=1 COMP_LINE="runeflow qu" COMP_POINT=11
+  _completion_loader runeflow || true
+  $(complete -p runeflow | sed "s/.*-F \([^ ]*\).*/\1/") runeflow qu runeflow
+  [ "${COMPREPLY[*]% }" = query ] && echo "bash completes qu: ${COMPREPLY[*]}"' 2>/dev/null
+fish -c 'complete -C "runeflow qu"' | grep ^query
+zsh -c 'autoload -Uz compinit && compinit -u -D && echo "zsh completes runeflow with ${_comps[runeflow]}"' |
+  grep _runeflow
+
 say "Removing it"
+apt-get -qq -y purge man-db bash-completion fish zsh >/dev/null
 apt-get -qq -y purge runeflow libruneflowcore0.1 >/dev/null
 ! command -v runeflow
 left=$(dpkg -l | grep -i runeflow || true)

@@ -140,6 +140,40 @@ TEST_F(StoreSafety, aWriteThatMeetsALockWaitsAsLongAsItMay) {
   EXPECT_EQ(store.count(), 23);
 }
 
+TEST_F(StoreSafety, aCaptureSetsHowTheFullTextIndexMergesUnlessSomebodyHasChosen) {
+  const auto merging = [&] {
+    return sql(path_, "SELECT k||v FROM events_fts_config WHERE k LIKE '%merge' ORDER BY k");
+  };
+  auto store = open();
+  auto lock = std::make_unique<test::OtherConnection>(path_, "BEGIN IMMEDIATE");
+  const auto begin = std::chrono::steady_clock::now();
+  store.prepareForCapture();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
+  EXPECT_THAT(merging(), IsEmpty());
+  std::jthread release([&] {
+    std::this_thread::sleep_for(50ms);
+    lock.reset();
+  });
+  store.insert(rows("late", 3));  // other writes wait for locks as before
+  EXPECT_EQ(store.count(), 3);
+  release.join();
+  store.prepareForCapture();
+  EXPECT_THAT(merging(), ElementsAre("automerge16", "crisismerge32"));
+
+  const test::OtherConnection user(
+      path_, "INSERT INTO events_fts(events_fts, rank) VALUES('automerge', 8)");
+  store.prepareForCapture();
+  EXPECT_THAT(merging(), ElementsAre("automerge8", "crisismerge32"));
+
+  // Merges of up to 16 segments leave the index as it should be.
+  for (int i = 0; i < 300; ++i) store.insert(rows(fmt::format("word{} common", i % 7), 10));
+  store.trimOldest(1, 503);
+  EXPECT_EQ(store.countMatching(query("common")), 2'500);
+  EXPECT_EQ(store.countMatching(query("word3")), 360);
+  expectSound();
+  EXPECT_THAT(log_.lines(), IsEmpty());
+}
+
 TEST_F(StoreSafety, aBoundedTrimCountsRecordsAndMessageBytesAndKeepsTheNewest) {
   auto store = open();
   store.insert(std::vector(20, row(std::string(1'000, 'x'))));

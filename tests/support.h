@@ -52,7 +52,6 @@ class LeavesNothingBehind : public testing::Test {
 // the single text "error: …".
 std::vector<std::string> sql(const std::string& path, const std::string& statement);
 
-// Collects the lines that the library logs while this object exists. The library has one log sink;
 // A connection of the test's own that stays open after its statements, such as "BEGIN IMMEDIATE".
 class OtherConnection {
  public:
@@ -63,6 +62,7 @@ class OtherConnection {
   std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db_{nullptr, sqlite3_close};
 };
 
+// Collects the lines that the library logs while this object exists. The library has one log sink;
 // at most one CapturedLog may exist at a time.
 class CapturedLog {
  public:

@@ -161,6 +161,9 @@ class RUNEFLOW_EXPORT EventStore {
   /// Prepares the connection for storing a long stream: 16 MiB of page cache, and a checkpoint of
   /// the write-ahead log every 4,000 pages instead of every 1,000. The indexes of a large store do
   /// not fit SQLite's usual 2 MB, and each page that leaves the cache is written once more.
+  /// Also lets FTS5 merge the full-text index in fewer and larger steps: `automerge` 16 and
+  /// `crisismerge` 32, unless the database has a value for one of them. FTS5 keeps these in the
+  /// database. If another connection is writing, they stay as they are.
   /// CaptureSession calls this for its own connection; reads gain nothing from it.
   void prepareForCapture();
 
