@@ -121,6 +121,10 @@ void measure(const SourceDescriptor& descriptor, std::span<const std::uint8_t> b
 int main(int argc, char** argv) {
   const int rows = bench::rowCount(1'000'000);
   const int rounds = argc > 1 ? std::atoi(argv[1]) : 5;
+  if (rounds < 1) {
+    fmt::print(stderr, "usage: {} [PAIRS]\n", argv[0]);
+    return 2;
+  }
   const auto now = [] { return Timestamp(std::chrono::duration<double>(1'700'000'000)); };
   const auto text = bench::logcatLines(rows);
   measure(SourceDescriptor::logcat(),

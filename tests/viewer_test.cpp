@@ -588,10 +588,9 @@ TEST_F(View, aNewerQuestionCancelsTheOlder) {
   const Server server(folder_, "");
   const Peer silent;  // accepts, as an adb server would, and says nothing
   const auto ask = [&](int port) {
-    return server.post("captures?page=p&ask=start",
-                       {{"source", "adb"},
-                        {"host", fmt::format("127.0.0.1:{}", port)},
-                        {"database", "x.db"}});
+    return server.post(
+        "captures?page=p&ask=start",
+        {{"source", "adb"}, {"host", fmt::format("127.0.0.1:{}", port)}, {"database", "x.db"}});
   };
   Answer older;
   std::thread first([&] { older = ask(silent.port()); });

@@ -99,31 +99,24 @@ bool hasOnlyLevels(const QueryNode& node) {
   return std::ranges::all_of(node.children(), hasOnlyLevels);
 }
 
-// Returns the stored levels that satisfy a condition on the level alone. Absent if the store has
-// levels that no decoder creates, and if the read fails.
+// Returns the stored levels that satisfy a condition on the level alone. Absent if they are not
+// known, see OpenDatabase::levelsFrom().
 std::optional<std::vector<std::int64_t>> levelsThatMatch(OpenDatabase& db,
                                                          const LogQuery::Compiled& compiled) {
-  constexpr int kMostLevels = 12;
-  std::vector<std::int64_t> levels;
-  Statement next = db.prepare(
-      fmt::format("SELECT level, typeof(level) = 'integer', {} FROM events INDEXED BY i_level "
-                  "WHERE level >= ? ORDER BY level LIMIT 1",
-                  compiled.clause));
-  if (!next) return std::nullopt;
-  const auto parameter = bindAll(next, 1, compiled.binds);
-  auto least = std::numeric_limits<std::int64_t>::min();
-  for (int i = 0; i < kMostLevels; ++i) {
-    next.reset();
-    next.bind(parameter, least);
-    const auto step = next.step();
-    if (step == Statement::Step::done) return levels;
-    if (step == Statement::Step::error || next.integer(1) == 0) return std::nullopt;
-    const auto level = next.integer(0);
-    if (next.integer(2) != 0) levels.push_back(level);
-    if (level == std::numeric_limits<std::int64_t>::max()) return levels;
-    least = level + 1;
-  }
-  return std::nullopt;
+  auto levels = db.levelsFrom(std::numeric_limits<std::int64_t>::min());
+  // The cast gives the column the affinity of events.level.
+  Statement judge = db.prepare(
+      fmt::format("SELECT {} FROM (SELECT CAST(? AS INTEGER) AS level)", compiled.clause));
+  if (!levels || !judge) return std::nullopt;
+  const auto parameter = bindAll(judge, 1, compiled.binds);
+  bool isJudged = true;
+  std::erase_if(*levels, [&](std::int64_t level) {
+    judge.reset();
+    judge.bind(parameter, level);
+    isJudged = judge.stepsToRow() && isJudged;
+    return isJudged && judge.integer(0) == 0;
+  });
+  return isJudged ? levels : std::nullopt;
 }
 
 // Counts without reading the times of blocks that lie within a bar. Returns whether it could.

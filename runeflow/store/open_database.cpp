@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <limits>
 #include <string_view>
 
 #include "runeflow/platform/system_calls_p.h"
@@ -121,6 +122,28 @@ bool OpenDatabase::reopenIfChanged(bool hasFailed) {
   if (isTransient) sqlite3_sleep(kPause);
   const auto now = FileState::of(path);
   return (isTransient || now != openedAs) && now.isSameFile(openedAs) && openForReading();
+}
+
+std::optional<std::vector<std::int64_t>> OpenDatabase::levelsFrom(std::int64_t least) {
+  constexpr std::size_t kMostLevels = 12;
+  std::vector<std::int64_t> levels;
+  // Each step finds the next greater level in the index. One lower bound alone: with two, SQLite
+  // would seek to one of them and read all entries up to the other.
+  Statement next = prepare(
+      "SELECT level, typeof(level) = 'integer' FROM events INDEXED BY i_level "
+      "WHERE level >= ? ORDER BY level LIMIT 1");
+  if (!next) return std::nullopt;
+  while (levels.size() < kMostLevels) {
+    next.reset();
+    next.bind(1, least);
+    const auto step = next.step();
+    if (step == Statement::Step::done) return levels;
+    if (step == Statement::Step::error || next.integer(1) == 0) return std::nullopt;
+    levels.push_back(next.integer(0));
+    if (levels.back() == std::numeric_limits<std::int64_t>::max()) return levels;
+    least = levels.back() + 1;
+  }
+  return std::nullopt;
 }
 
 StoreError OpenDatabase::presentError() const {

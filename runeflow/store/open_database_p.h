@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "runeflow/store/event_store.h"
 #include "runeflow/store/sqlite_p.h"
@@ -68,6 +69,10 @@ class OpenDatabase {
     forEachRow(statement, [&] { value = statement.integer(0); });
     return value;
   }
+
+  // Returns the stored levels from `least` on, in order. Absent if there are more than the decoders
+  // create or one is not an integer, as another program may store, and if the read fails.
+  std::optional<std::vector<std::int64_t>> levelsFrom(std::int64_t least);
 
   // SQLite's error of the last call. The next call, also one that finalizes, may replace it.
   StoreError presentError() const;

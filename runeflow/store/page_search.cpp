@@ -170,28 +170,13 @@ class PageSearch {
   }
 
   std::optional<IndexLookup> levelsBetween(std::int64_t least, std::int64_t greatest) {
-    constexpr std::size_t kMostLevels = 12;
+    const auto levels = db_.levelsFrom(least);
+    if (!levels) return std::nullopt;
     IndexLookup lookup{"level", {}};
-    // Each step finds the next greater level in the index. One lower bound alone: SQLite would seek
-    // to one of two and read all entries up to the other.
-    Statement next = db_.prepare(
-        "SELECT level, typeof(level) = 'integer' FROM events INDEXED BY i_level "
-        "WHERE level >= ? ORDER BY level LIMIT 1");
-    if (!next) return std::nullopt;
-    while (lookup.values.size() < kMostLevels) {
-      next.reset();
-      next.bind(1, least);
-      const auto step = next.step();
-      if (step == Statement::Step::error) return std::nullopt;
-      if (step == Statement::Step::done) return lookup;
-      if (next.integer(1) == 0) return std::nullopt;
-      const auto level = next.integer(0);
-      if (level > greatest) return lookup;
-      lookup.values.push_back(Bind::int_(level));
-      if (level == std::numeric_limits<std::int64_t>::max()) return lookup;
-      least = level + 1;
+    for (const auto level : *levels) {
+      if (level <= greatest) lookup.values.push_back(Bind::int_(level));
     }
-    return std::nullopt;
+    return lookup;
   }
 
   std::string_view direction() const { return order_ == SearchOrder::newestFirst ? "DESC" : "ASC"; }
