@@ -63,13 +63,12 @@ zsh -c 'autoload -Uz compinit && compinit -u -D && echo "zsh completes runeflow 
 say "Removing it"
 apt-get -qq -y purge man-db bash-completion fish zsh >/dev/null
 apt-get -qq -y purge runeflow libruneflowcore0.1 >/dev/null
-! command -v runeflow
-left=$(dpkg -l | grep -i runeflow || true)
+left=$(dpkg -l | grep -i runeflow || true; find /usr /etc -name '*runeflow*')
 [ -z "$left" ] || { echo "$left"; exit 1; }
 
 say "Building a host with the packages"
 apt-get $quiet install g++ cmake ninja-build pkgconf >/dev/null
-apt-get $quiet install libfmt-dev libicu-dev libspdlog-dev libsqlite3-dev >/dev/null
+apt-get $quiet install libfmt-dev libicu-dev libspdlog-dev libsqlite3-dev zlib1g-dev >/dev/null
 files >before
 apt-get $quiet install ./packages/lib*.deb ./packages/runeflow_*.deb >/dev/null
 g++ -std=c++23 minimal_host.cpp -o shared_host $(pkg-config --cflags --libs runeflow-core)
