@@ -47,7 +47,9 @@ class CommandFixture : public testing::Test {
         .output;
   }
   Outcome runLine(const std::string& command) const {
-    const auto line = fmt::format("cd {} && TZ=UTC0 {}", folder_.file(""), command);
+    const auto line = fmt::format(
+        "cd {} && unset RUNEFLOW_OPTS && export TERM=xterm XDG_CONFIG_HOME=/ && TZ=UTC0 {}",
+        folder_.file(""), command);
     std::string output;
     FILE* const pipe = ::popen(line.c_str(), "r");
     if (!pipe) return {-1, "no shell"};

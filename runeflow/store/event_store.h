@@ -162,8 +162,8 @@ class RUNEFLOW_EXPORT EventStore {
   /// the write-ahead log every 4,000 pages instead of every 1,000. The indexes of a large store do
   /// not fit SQLite's usual 2 MB, and each page that leaves the cache is written once more.
   /// Also lets FTS5 merge the full-text index in fewer and larger steps: `automerge` 16 and
-  /// `crisismerge` 32, unless the database has a value for one of them. FTS5 keeps these in the
-  /// database. If another connection is writing, they stay as they are.
+  /// `crisismerge` 32, which FTS5 keeps in the database until records are trimmed. If the database
+  /// has other values, or if another connection is writing, they stay as they are.
   /// CaptureSession calls this for its own connection; reads gain nothing from it.
   void prepareForCapture();
 

@@ -6,6 +6,7 @@
 
 #include "runeflow/platform/app_log_p.h"
 #include "runeflow/store/event_store.h"
+#include "runeflow/store/full_text_merging_p.h"
 #include "runeflow/store/open_database_p.h"
 
 namespace runeflow {
@@ -35,23 +36,14 @@ void applySettings(Connection& connection) {
 constexpr const char* kCaptureSettings =
     "PRAGMA cache_size=-16384; PRAGMA wal_autocheckpoint=4000;";
 
-// FTS5 writes each batch as a segment of the full-text index and merges segments of one level when
-// there are `automerge` of them, in portions. With `crisismerge` segments it merges them all at
-// once: it must stay above `automerge`, or single batches take a quarter of a second.
-constexpr const char* kSetMerging =
-    "INSERT INTO events_fts(events_fts, rank) VALUES('automerge', 16);"
-    "INSERT INTO events_fts(events_fts, rank) VALUES('crisismerge', 32);";
-
-// Keeps a choice that somebody has made. Does not wait for another writer: the setting saves time,
-// and the next capture tries again.
+// Does not wait for another writer: the setting only saves time, and the next capture tries again.
 void mergeRarely(OpenDatabase& db) {
   static const Connection::LockWait noWait = 0;
   db.connection.waitForLocks(noWait);
-  Statement chosen = db.connection.prepare(
-      "SELECT 1 FROM events_fts_config WHERE k IN ('automerge','crisismerge')");
-  if (chosen && chosen.stepsToEnd()) {
+  {
     Transaction transaction(db.connection, "BEGIN IMMEDIATE;");
-    if (transaction.began() && db.connection.execute(kSetMerging)) transaction.commit();
+    if (transaction.began()) setMerging(db.connection, kRareMerging);
+    if (transaction.began()) transaction.commit();
   }
   db.connection.waitForLocks(*db.lockWait);
 }

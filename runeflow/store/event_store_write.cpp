@@ -9,6 +9,7 @@
 #include "runeflow/model/json_text_p.h"
 #include "runeflow/platform/app_log_p.h"
 #include "runeflow/store/event_store.h"
+#include "runeflow/store/full_text_merging_p.h"
 #include "runeflow/store/open_database_p.h"
 
 namespace runeflow {
@@ -183,6 +184,7 @@ std::int64_t trim(OpenDatabase& db, std::int64_t toUsedBytes, const TrimLimits& 
   Transaction transaction(db.connection, "BEGIN IMMEDIATE;");
   if (!transaction.began()) return failTrim(db, "BEGIN failed", db.presentError());
   if (usedBytesOf(db) < toUsedBytes) return 0;  // trimmed by another connection
+  if (ftsAvailable) setMerging(db.connection, kUsualMerging);
   const auto trimmed = deleteFromIndex(db, limits, ftsAvailable);
   if (!trimmed) return failTrim(db, "delete failed, rolling back", trimmed.error());
   if (trimmed->count == 0) return 0;
