@@ -123,6 +123,35 @@ TEST_F(StoreTimeline, countsTheSameWhenTheTimesAreKnown) {
   }
 }
 
+// A connection that has not asked for the times reads them.
+TEST_F(StoreTimeline, countsTheSameWhateverAnotherProgramHasStored) {
+  auto knowing = open();
+  std::vector<std::int64_t> times;
+  for (std::int64_t i = 0; i < 3'000; ++i) times.push_back(i * 10 - i % 40);
+  for (const auto* change : {
+           "DELETE FROM events WHERE seq % 9 = 4 OR seq BETWEEN 1000 AND 1300",
+           "UPDATE events SET level = seq % 20",
+           "UPDATE events SET level = 'loud' WHERE seq = 7",
+           "UPDATE events SET level = 4294967300 WHERE seq % 2",  // 2^32 + 4
+           "UPDATE events SET seq = 1 << 40 WHERE seq = 3000",
+           "UPDATE events SET seq = -(1 << 62) - seq WHERE seq > 2000",
+       }) {
+    SCOPED_TRACE(change);
+    sql(path_, "DELETE FROM events");
+    this->store(times);
+    sql(path_, change);
+    EXPECT_EQ(fmt::format("{}", knowing.timeSpan(INT64_MIN, INT64_MAX)->until - 1),
+              sql(path_, "SELECT max(ts) FROM events").front());
+    auto reading = *EventStore::openForReading(path_, SourceDescriptor::logcat());
+    for (const auto* text : {"", "level:error", "NOT level:error", "b", "NOT b", "NOT tag:x"}) {
+      SCOPED_TRACE(text);
+      const auto query = QueryParser::parse(text, SourceDescriptor::logcat(), false);
+      EXPECT_EQ(knowing.timeline(query, {90, 28'000}, 7), reading.timeline(query, {90, 28'000}, 7));
+    }
+    EXPECT_EQ(knowing.takeError(), std::nullopt);
+  }
+}
+
 // A change keeps the number of records and the seqs, but not the times.
 TEST_F(StoreTimeline, forgetsTheTimesWhenRecordsChange) {
   const auto timesFrom = [](std::int64_t start) {

@@ -319,16 +319,17 @@ class RUNEFLOW_EXPORT EventStore {
   /// the range 1 to 100,000.
   ///
   /// Reads the time of every record that matches. If timeSpan() of all records was called since the
-  /// database last changed, and all conditions of `query` are on the level, it reads only the times
-  /// near the boundaries of the bars, as long as these are few.
+  /// database last changed, it reads only the times near the boundaries of the bars, as long as
+  /// these are few, and takes hardly longer than countMatching().
   Timeline timeline(const LogQuery& query, TimeSpan span, std::size_t bars);
 
   /// Returns the smallest span that holds the times of all records with a seq from `first` to
   /// `last`. The earliest time need not be that of the first record, because clocks jump. Returns
   /// nothing if there is no such record. No span holds the time INT64_MAX.
   ///
-  /// Reads the times of these records. For all records, their bounds are kept until the database
-  /// changes, in up to 3 MB.
+  /// Reads the times of these records. Of all records, the bounds of the times and the levels are
+  /// kept until the database changes, in up to 4 MB and half a byte a record. The levels are not
+  /// kept if there are more than 33,554,432 seqs.
   std::optional<TimeSpan> timeSpan(std::int64_t first, std::int64_t last);
 
   /// Returns the seq of the first record whose time is at or after `microseconds` since 1970. If

@@ -55,39 +55,6 @@ class BarFinder {
   std::int64_t end_ = 0;
 };
 
-// Records of successive blocks, either all in one bar or to be read.
-struct Stretch {
-  std::int64_t first;  // seqs
-  std::int64_t last;
-  Timeline::Bar* bar;  // null: read their times
-};
-
-// Returns the stretches that may hold times of the span. Absent if so many times would be read that
-// the blocks save nothing, as with clocks that jump all the time.
-std::optional<std::vector<Stretch>> stretchesOf(const std::vector<TimeBlock>& blocks, TimeSpan span,
-                                                BarFinder& finder) {
-  std::vector<Stretch> stretches;
-  std::size_t toBeRead = 0;
-  bool continues = false;
-  for (const auto& block : blocks) {
-    if (block.latest < span.from || block.earliest >= span.until) {
-      continues = false;
-      continue;
-    }
-    auto* bar = finder.barAt(block.earliest);
-    if (finder.barAt(block.latest) != bar) bar = nullptr;
-    if (!bar) ++toBeRead;
-    if (continues && stretches.back().bar == bar) {
-      stretches.back().last = block.last;
-    } else {
-      stretches.push_back({block.first, block.last, bar});
-    }
-    continues = true;
-  }
-  if (toBeRead > blocks.size() / 4) return std::nullopt;
-  return stretches;
-}
-
 // Returns whether all conditions of a query are on the level.
 bool hasOnlyLevels(const QueryNode& node) {
   const auto* field = std::get_if<FieldPredicate>(&node.value());
@@ -119,41 +86,85 @@ std::optional<std::vector<std::int64_t>> levelsThatMatch(OpenDatabase& db,
   return isJudged ? levels : std::nullopt;
 }
 
-// Counts without reading the times of blocks that lie within a bar. Returns whether it could.
-bool countByBlocks(OpenDatabase& db, const LogQuery::Compiled& compiled, Timeline& timeline) {
-  const auto* blocks = db.timeBlocks.current(db);
-  if (!blocks) return false;
-  BarFinder finder(timeline);
-  const auto stretches = stretchesOf(*blocks, timeline.span, finder);
-  const auto levels = stretches ? levelsThatMatch(db, compiled) : std::nullopt;
-  if (!levels) return false;
-  Statement number = db.prepare(
-      "SELECT count(*) FROM events INDEXED BY i_level WHERE level = ? AND seq BETWEEN ? AND ?");
-  Statement times = db.prepare(
-      fmt::format("SELECT ts, level FROM events NOT INDEXED WHERE ({}) AND seq BETWEEN ? AND ?",
-                  compiled.clause));
-  if (!number || !times) return false;
-  const auto parameter = bindAll(times, 1, compiled.binds);
-  for (const auto& [first, last, bar] : *stretches) {
-    if (!bar) {
-      times.reset();
-      times.bind(parameter, first);
-      times.bind(parameter + 1, last);
-      db.forEachRow(times, [&] { finder.count(times.integer(0), times.integer(1)); });
-      continue;
-    }
-    for (const auto level : *levels) {
-      number.reset();
-      number.bind(1, level);
-      number.bind(2, first);
-      number.bind(3, last);
-      db.forEachRow(number, [&, counts = bar] {
-        (*counts)[static_cast<std::size_t>(levelOfStored(level))] += number.integer(0);
-      });
-    }
+// Counts records by what is known of them, and reads only the times of those whose block does not
+// lie within one bar.
+class CountByBlocks {
+ public:
+  CountByBlocks(OpenDatabase& db, Timeline& timeline)
+      : db_(db), known_(db.timeBlocks), timeline_(timeline), finder_(timeline) {}
+
+  // Returns false if it did not count all, because too little is known.
+  bool count(const LogQuery::Compiled& compiled, bool hasOnlyLevels) {
+    if (!known_.areCurrent(db_) || known_.levels().empty() || !findBars()) return false;
+    time_ = db_.prepare("SELECT ts FROM events WHERE seq = ?");
+    if (!time_) return false;
+    return hasOnlyLevels ? countLevels(compiled) : countMatches(compiled);
   }
-  return true;
-}
+
+ private:
+  // Fails if so many times would be read that the blocks save nothing, as with clocks that jump all
+  // the time.
+  bool findBars() {
+    const auto& blocks = known_.blocks();
+    std::size_t toBeRead = 0;
+    bars_.reserve(blocks.size());
+    for (const auto& [earliest, latest] : blocks) {
+      auto* bar = &outside_;
+      if (latest >= timeline_.span.from && earliest < timeline_.span.until) {
+        bar = finder_.barAt(earliest);
+        if (finder_.barAt(latest) != bar) bar = nullptr;
+        if (!bar) ++toBeRead;
+      }
+      bars_.push_back(bar);
+    }
+    return toBeRead <= blocks.size() / 4;
+  }
+
+  bool countLevels(const LogQuery::Compiled& compiled) {
+    const auto matching = levelsThatMatch(db_, compiled);
+    if (!matching) return false;
+    std::vector<bool> isMatching;
+    for (const auto level : known_.levels()) {
+      isMatching.push_back(std::ranges::find(*matching, level) != matching->end());
+    }
+    known_.forEach([&](std::int64_t seq, const TimeBlocks::Place& place) {
+      if (isMatching[place.level]) countAt(seq, place);
+    });
+    return true;
+  }
+
+  bool countMatches(const LogQuery::Compiled& compiled) {
+    Statement seqs = db_.prepare(fmt::format("SELECT seq FROM events WHERE {}", compiled.clause));
+    if (seqs) bindAll(seqs, 1, compiled.binds);
+    bool isKnown = true;
+    db_.forEachRow(seqs, [&] {
+      const auto seq = seqs.integer(0);
+      const auto place = known_.placeOf(seq);
+      if (place) countAt(seq, *place);
+      isKnown = isKnown && place;
+    });
+    return isKnown;
+  }
+
+  void countAt(std::int64_t seq, const TimeBlocks::Place& place) {
+    auto* bar = bars_[place.block];
+    if (!bar) {
+      time_.reset();
+      time_.bind(1, seq);
+      db_.forEachRow(time_, [&] { bar = finder_.barAt(time_.integer(0)); });
+    }
+    const auto level = levelOfStored(known_.levels()[place.level]);
+    if (bar) ++(*bar)[static_cast<std::size_t>(level)];
+  }
+
+  OpenDatabase& db_;
+  const TimeBlocks& known_;
+  Timeline& timeline_;
+  BarFinder finder_;
+  Timeline::Bar outside_{};           // counts what the timeline does not hold
+  std::vector<Timeline::Bar*> bars_;  // of each block; null: its times must be read
+  Statement time_;
+};
 
 // Returns whether a query is one condition on the level that a quarter of the records satisfy or
 // more. Reading them through the index then takes longer than reading all records.
@@ -181,14 +192,16 @@ bool isWhole(OpenDatabase& db, std::int64_t first, std::int64_t last) {
 // Calls add(earliest, latest) for times of all records, and keeps their blocks for timelines.
 template <class Add>
 void addAllTimes(OpenDatabase& db, Add add) {
-  if (!db.timeBlocks.current(db)) {
+  if (!db.timeBlocks.areCurrent(db)) {
     TimeBlocks::Builder builder(db);
-    Statement statement = db.prepare("SELECT seq, ts FROM events ORDER BY seq");
-    db.forEachRow(statement, [&] { builder.add(statement.integer(0), statement.integer(1)); });
+    Statement statement = db.prepare("SELECT seq, ts, level FROM events ORDER BY seq");
+    db.forEachRow(statement, [&] {
+      builder.add(statement.integer(0), statement.integer(1), statement.integer(2));
+    });
     db.timeBlocks = std::move(builder).finish();
   }
-  if (const auto* blocks = db.timeBlocks.current(db)) {
-    for (const auto& block : *blocks) add(block.earliest, block.latest);
+  for (const auto& [earliest, latest] : db.timeBlocks.blocks()) {
+    if (earliest <= latest) add(earliest, latest);
   }
 }
 
@@ -214,7 +227,8 @@ Timeline EventStore::timeline(const LogQuery& query, TimeSpan span, std::size_t 
     auto timeline = empty();
     if (isRefused(db, compiled)) return timeline;
     const OneMoment moment(db);
-    if (hasOnlyLevels(rewritten.root) && countByBlocks(db, compiled, timeline)) return timeline;
+    if (CountByBlocks(db, timeline).count(compiled, hasOnlyLevels(rewritten.root))) return timeline;
+    timeline = empty();
     BarFinder finder(timeline);
     // The span is not a condition of the statement, where it would cost a fifth more.
     Statement statement = db.prepare(

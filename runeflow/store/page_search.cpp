@@ -44,6 +44,11 @@ void collectConditions(const QueryNode& node, std::vector<const FieldPredicate*>
   for (const auto& child : node.children()) collectConditions(child, conditions);
 }
 
+bool hasNot(const QueryNode& node) {
+  return std::holds_alternative<QueryNode::Not>(node.value()) ||
+         std::ranges::any_of(node.children(), hasNot);
+}
+
 // An index of `events` and values of its first column. Every match has one of the values, and the
 // index lists the records of each value by seq.
 struct IndexLookup {
@@ -199,7 +204,9 @@ class PageSearch {
     cursors.push_back(db_.prepare(judgingStatement("NOT INDEXED", "")));
     if (!cursors.front()) return Outcome::unfinished;
     bindRange(cursors.front(), bindAll(cursors.front(), 1, judging_.binds));
-    return follow(std::move(cursors), records(), false);
+    least_ = db_.scalar("SELECT min(seq) FROM events");
+    greatest_ = db_.scalar("SELECT max(seq) FROM events");
+    return follow(std::move(cursors), greatest_ - least_, false);
   }
 
   // `isWhole` means that the index lists only matches and that nothing else is faster.
@@ -220,10 +227,6 @@ class PageSearch {
     statement.bind(index + 1, last_);
   }
 
-  std::int64_t records() {
-    return db_.scalar("SELECT (SELECT max(seq) FROM events) - (SELECT min(seq) FROM events)");
-  }
-
   // Reads the records of all cursors in the order of their seqs. Stops before a record that cannot
   // be judged, and leaves errors to the index: SQLite may never evaluate the failing condition
   // there.
@@ -232,6 +235,8 @@ class PageSearch {
     JudgingTime time;
     std::optional<IndexedRecords> indexed;
     if (hasWords_) indexed.emplace(db_, order_);
+    // Without NOT, a record that does not match by its words does not match by the index either.
+    const bool mayMatchUnindexed = hasNot(query_.root);
     if (hasWords_) db_.wordFunction()->takeWasTooLong();
     // A long message ends the scan early if another cursor meets it; its records then stay unread.
     const auto steps = [&](Statement& cursor) {
@@ -248,18 +253,29 @@ class PageSearch {
       });
       const auto seq = next->integer(0);
       const bool isMatch = next->integer(1) != 0;
-      if (indexed && !indexed->holds(seq)) return Outcome::unfinished;
+      if (indexed && (isMatch || mayMatchUnindexed) && !indexed->holds(seq)) {
+        return Outcome::unfinished;
+      }
       if (isMatch) seqs_.push_back(seq);
       if (isMatch && --limit_ == 0) return Outcome::finished;
       if (seq == lastOfRange()) return Outcome::finished;
       passBy(seq);
-      if (!budget.count(isMatch, time.elapsed()) && !isWhole) return Outcome::unfinished;
+      if (!budget.count(isMatch, time.elapsed(), seqsLeft()) && !isWhole) {
+        return Outcome::unfinished;
+      }
       if (!steps(*next)) cursors.erase(next);
     }
     return std::exchange(hasFailed_, false) ? Outcome::unfinished : Outcome::finished;
   }
 
   std::int64_t lastOfRange() const { return order_ == SearchOrder::newestFirst ? first_ : last_; }
+
+  // Returns how many seqs of the range may have records.
+  std::uint64_t seqsLeft() const {
+    const auto first = std::max(first_, least_);
+    const auto last = std::min(last_, greatest_);
+    return first <= last ? distance(first, last) + 1 : 0;
+  }
 
   // Removes the seqs up to `seq`, in the order of the search, from the range.
   void passBy(std::int64_t seq) {
@@ -288,6 +304,9 @@ class PageSearch {
   SearchOrder order_;
   std::int64_t first_;  // what is left of the range
   std::int64_t last_;
+  // Of all records, as far as known.
+  std::int64_t least_ = std::numeric_limits<std::int64_t>::min();
+  std::int64_t greatest_ = std::numeric_limits<std::int64_t>::max();
   std::int64_t limit_;  // how many matches are left to find
   ScanBudget::Duration budget_;
   LogQuery::Compiled compiled_;

@@ -3,11 +3,14 @@
 
 namespace runeflow {
 
-bool ScanBudget::count(bool isMatch, Duration elapsed) {
+bool ScanBudget::count(bool isMatch, Duration elapsed, std::uint64_t left) {
+  constexpr double kToReadAll = 1.8;  // times `base_`
   if (read_ % kStride == 0) foundBefore_.push_back(found_);
   ++read_;
   if (isMatch) ++found_;
   if (elapsed < base_) return true;
+  const auto all = elapsed * (1 + static_cast<double>(left) / static_cast<double>(read_));
+  if (all < kToReadAll * base_) return true;
   const auto share = recentShare();
   if (share <= 0) return false;
   const auto rest =

@@ -11,10 +11,10 @@ namespace runeflow {
 
 // The index costs time for each match of the whole store, also if only 50 are wanted; reading
 // records costs time for each record until enough match. For frequent matches reading is cheaper,
-// for rare ones the index is. A scan that finds little ends after `base`. One that finds matches
-// goes on as long as the rest of it takes less time than the index is expected to take. The
-// estimate counts the matches in the later half of the records read, so that matches which lie
-// close together do not mislead it for long.
+// for rare ones the index is. A scan that finds little ends after `base`, or a little later if it
+// can then read all. One that finds matches goes on as long as the rest of it takes less time than
+// the index is expected to take. The estimate counts the matches in the later half of the records
+// read, so that matches which lie close together do not mislead it for long.
 class ScanBudget {
  public:
   using Duration = std::chrono::duration<double>;
@@ -27,8 +27,9 @@ class ScanBudget {
   ScanBudget(std::int64_t wanted, std::int64_t records, Duration base)
       : wanted_(wanted), records_(records), base_(base) {}
 
-  // Counts a record. Returns whether to read another one, `elapsed` after the start of the scan.
-  bool count(bool isMatch, Duration elapsed);
+  // Counts a record. Returns whether to read another one, `elapsed` after the start of the scan, if
+  // at most `left` records are left.
+  bool count(bool isMatch, Duration elapsed, std::uint64_t left);
 
  private:
   double recentShare() const;

@@ -10,9 +10,12 @@
 namespace runeflow {
 namespace {
 
-// 2 MB. Small blocks, so that few hold a record whose time is out of order.
-constexpr std::uint64_t kMostBlocks = 65'536;
+// 4 MB. Small blocks, so that few hold a record whose time is out of order.
+constexpr std::uint64_t kMostBlocks = 262'144;
 constexpr std::uint64_t kFewestSeqs = 16;
+
+// 16 MB. The levels of larger stores are not kept.
+constexpr std::uint64_t kMostLevelsKept = std::uint64_t{1} << 25;
 
 }  // namespace
 
@@ -20,37 +23,42 @@ TimeBlocks::Version TimeBlocks::versionOf(OpenDatabase& db) {
   return {db.scalar("PRAGMA data_version"), sqlite3_total_changes64(db.connection.handle())};
 }
 
-const std::vector<TimeBlock>* TimeBlocks::current(OpenDatabase& db) const {
-  return !blocks_.empty() && version_ == versionOf(db) ? &blocks_ : nullptr;
+bool TimeBlocks::areCurrent(OpenDatabase& db) const {
+  return !blocks_.empty() && version_ == versionOf(db);
 }
 
-TimeBlocks::Builder::Builder(OpenDatabase& db)
-    : db_(db),
-      seqsPerBlock_(std::max(kFewestSeqs, distance(db.scalar("SELECT min(seq) FROM events"),
-                                                   db.scalar("SELECT max(seq) FROM events")) /
-                                                  kMostBlocks +
-                                              1)) {}
+TimeBlocks::Builder::Builder(OpenDatabase& db) : db_(db) {
+  made_.first_ = db.scalar("SELECT min(seq) FROM events");
+  const auto length = distance(made_.first_, db.scalar("SELECT max(seq) FROM events"));
+  made_.seqsPerBlock_ = std::max(kFewestSeqs, length / kMostBlocks + 1);
+  made_.blocks_.resize(length / made_.seqsPerBlock_ + 1);
+  if (length >= kMostLevelsKept) return;
+  made_.levels_ =
+      db.levelsFrom(std::numeric_limits<std::int64_t>::min()).value_or(std::vector<std::int64_t>());
+  if (!made_.levels_.empty()) made_.levelOf_.resize(length / 2 + 1, kNoRecord << 4 | kNoRecord);
+}
 
-void TimeBlocks::Builder::add(std::int64_t seq, std::int64_t microseconds) {
-  const auto offset = blocks_.empty() ? 0 : distance(blocks_.front().first, seq);
-  // Only a damaged file has more blocks: its seqs are not in order.
-  if (blocks_.empty() || (offset >= end_ && blocks_.size() <= kMostBlocks)) {
-    blocks_.push_back({seq, seq, microseconds, microseconds});
-    end_ = offset - offset % seqsPerBlock_ + seqsPerBlock_;
-    return;
-  }
-  auto& block = blocks_.back();
-  block.last = seq;
+void TimeBlocks::Builder::add(std::int64_t seq, std::int64_t microseconds, std::int64_t level) {
+  const auto offset = distance(made_.first_, seq);
+  // Only the seqs of a damaged file lie outside.
+  auto& block =
+      made_
+          .blocks_[std::min<std::uint64_t>(offset / made_.seqsPerBlock_, made_.blocks_.size() - 1)];
   block.earliest = std::min(block.earliest, microseconds);
   block.latest = std::max(block.latest, microseconds);
+  if (offset / 2 >= made_.levelOf_.size()) return;
+  const auto known = std::ranges::find(made_.levels_, level);
+  if (known == made_.levels_.end()) return;
+  const auto index = static_cast<unsigned>(known - made_.levels_.begin());
+  const auto shift = static_cast<unsigned>(offset % 2 * 4);
+  auto& pair = made_.levelOf_[offset / 2];
+  pair = static_cast<std::uint8_t>((pair & ~(15U << shift)) | index << shift);
 }
 
 TimeBlocks TimeBlocks::Builder::finish() && {
-  TimeBlocks result;
-  if (db_.failure) return result;
-  result.version_ = versionOf(db_);
-  result.blocks_ = std::move(blocks_);
-  return result;
+  if (db_.failure) return {};
+  made_.version_ = versionOf(db_);
+  return std::move(made_);
 }
 
 }  // namespace runeflow

@@ -24,7 +24,7 @@ bool WordMatcher::matches(std::string_view message, const FullTextTokenizer& tok
   for (auto& begun : begun_) begun.clear();
   isFound_.assign(words_.size(), false);
   auto missing = words_.size();
-  if (missing == 0) return false;
+  if (missing == 0 || !mayMatch(message)) return false;
   tokenizer.forEachToken(message, [&](const FullTextTokenizer::Token& token) {
     for (std::size_t word = 0; word < words_.size(); ++word) {
       if (isFound_[word] || !endsWord(word, token.folded)) continue;
@@ -34,6 +34,23 @@ bool WordMatcher::matches(std::string_view message, const FullTextTokenizer& tok
     return missing > 0;
   });
   return missing == 0;
+}
+
+// Returns whether the message is worth a look at its words. The words of an ASCII message stand in
+// it letter by letter, in upper or lower case; to search them takes a quarter of the time of
+// cutting all words.
+bool WordMatcher::mayMatch(std::string_view message) {
+  lowered_.resize(message.size());
+  unsigned all = 0;
+  for (std::size_t i = 0; i < message.size(); ++i) {
+    const auto c = static_cast<unsigned char>(message[i]);
+    const bool isUpperCase = c >= 'A' && c <= 'Z';
+    all |= c;
+    lowered_[i] = static_cast<char>(isUpperCase ? c | 0x20U : c);
+  }
+  return all >= 0x80 || std::ranges::all_of(words_, [&](const QueryWord& word) {
+           return lowered_.find(word.tokens.front()) != std::string::npos;
+         });
 }
 
 // Returns whether `token` is the last of a place where the word stands.

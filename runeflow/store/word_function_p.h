@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -28,6 +29,7 @@ class WordMatcher {
   bool matches(std::string_view message, const FullTextTokenizer& tokenizer);
 
  private:
+  bool mayMatch(std::string_view message);
   bool endsWord(std::size_t word, std::string_view token);
 
   std::vector<QueryWord> words_;
@@ -35,6 +37,7 @@ class WordMatcher {
   // have begun.
   std::vector<std::vector<std::size_t>> begun_;
   std::vector<bool> isFound_;
+  std::string lowered_;  // mayMatch() reuses its memory
 };
 
 class WordFunction {
