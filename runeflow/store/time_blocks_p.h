@@ -61,7 +61,8 @@ class TimeBlocks {
 
   std::optional<Place> placeAt(std::uint64_t offset) const {
     if (offset / 2 >= levelOf_.size()) return std::nullopt;
-    const unsigned level = levelOf_[offset / 2] >> (offset % 2 * 4) & 15U;
+    const unsigned pair = levelOf_[offset / 2];
+    const unsigned level = pair >> (offset % 2 * 4) & 15U;
     if (level == kNoRecord) return std::nullopt;
     return Place{offset / seqsPerBlock_, level};
   }
